@@ -1,0 +1,9 @@
+# QV_SANITIZE=address,undefined or thread instruments every target.
+if(QV_SANITIZE)
+  set(_qv_san -fsanitize=${QV_SANITIZE} -fno-omit-frame-pointer)
+  if(QV_SANITIZE MATCHES "undefined")
+    list(APPEND _qv_san -fno-sanitize-recover=undefined)
+  endif()
+  add_compile_options(${_qv_san})
+  add_link_options(${_qv_san})
+endif()
