@@ -1,0 +1,25 @@
+// Which instruction-set extensions the processor offers, read once from CPUID.
+// Every accelerated routine has a portable twin with identical results; tests
+// force the portable path with vorp::force_portable(true).
+#pragma once
+
+namespace vorp {
+
+struct CpuFeatures {
+    bool aesni = false;   // AES-NI
+    bool pclmul = false;
+    bool ssse3 = false;
+    bool sse41 = false;
+    bool shani = false;   // SHA extensions
+    bool avx2 = false;
+    bool bmi2 = false;
+};
+
+// The processor's features, or none while the portable path is forced.
+const CpuFeatures &cpu();
+
+// Forces (or stops forcing) the portable implementations, process-wide.
+// The environment variable VORP_FORCE_PORTABLE=1 forces them from the start.
+void force_portable(bool on);
+
+}  // namespace vorp
