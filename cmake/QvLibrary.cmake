@@ -25,8 +25,12 @@ function(qv_add_library target)
   set_target_properties(${target} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     LINK_DEPENDS ${A_EXPORTS})
-  target_link_options(${target} PRIVATE
-    -Wl,--version-script=${A_EXPORTS} -Wl,--no-undefined)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${A_EXPORTS})
+  # clang links the sanitizer runtimes into executables only, so sanitized
+  # shared libraries keep undefined references to them.
+  if(NOT QV_SANITIZE AND NOT QV_FUZZ)
+    target_link_options(${target} PRIVATE -Wl,--no-undefined)
+  endif()
   install(TARGETS ${target} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endfunction()
 

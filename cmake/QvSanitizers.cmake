@@ -7,3 +7,9 @@ if(QV_SANITIZE)
   add_compile_options(${_qv_san})
   add_link_options(${_qv_san})
 endif()
+
+# Fuzz builds instrument every library for coverage, and check memory.
+if(QV_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -29,6 +29,34 @@ extern "C" {
 typedef void *sec_token_t;
 typedef qv_int32_t sec_boolean_t;
 
+/* ---- Return codes ---- */
+
+#define SEC_S_OK                 0   /* success */
+#define SEC_S_CONTINUE           1   /* the exchange must continue: send the output buffer */
+#define SEC_S_UNAUTHENTICATED    2   /* the context is complete but unauthenticated */
+#define SEC_S_MPM_FAILURE        3   /* a module routine failed: see the status record */
+#define SEC_S_BAD_ARGUMENT       4
+#define SEC_S_BAD_TOKEN          5   /* bad service, context or identity-context token */
+#define SEC_S_NO_MEMORY          6
+#define SEC_S_BAD_BUFFER         7
+#define SEC_S_BAD_MECHANISM      8   /* bad or unknown mechanism code or mnemonic */
+#define SEC_S_BAD_VERSION        9   /* bad buffer or ACL-entry version */
+#define SEC_S_SOCKET             10
+#define SEC_S_AUTH_ERROR         12
+#define SEC_S_NO_ACL_ENTRIES     18
+#define SEC_S_CONFIG             21  /* configuration file or environment */
+#define SEC_S_BAD_MPM            22  /* a module cannot be used or broke the module protocol */
+#define SEC_S_INTERNAL           23
+#define SEC_S_MPM_NO_SIGNATURE   24  /* passed on from a module's signing routines */
+#define SEC_S_CODESET            26  /* conversion to or from UTF-8 failed */
+#define SEC_S_NOT_DES_KEY        27
+#define SEC_S_MSG_VERIFY_FAILED  28  /* wrong key or wrong digest */
+#define SEC_S_CRYPTO_FAILURE     29
+#define SEC_S_AMBIGUOUS_CIDB     31
+#define SEC_S_BAD_SIGNATURE      34  /* passed on from a module's verification */
+#define SEC_S_USER_NOT_VALID     36  /* passed on from a module's user validation */
+#define SEC_S_NO_PRIVSET         40
+
 /* ---- Status record and buffers ---- */
 
 /* What the last failing module routine reported. Every routine that takes one
@@ -176,6 +204,60 @@ qv_int32_t sec_setup_socket(sec_token_t stoken, int sockfd, qv_uint32_t flags,
  * answers from the system's group database; a program replaces it by
  * defining its own function of this name. */
 int sec_idm_get_groups(sec_buffer_t mapped_name, int *gcount, sec_buffer_t *groups);
+
+/* ---- Internal routines ----
+ * Exported under their own names for the library's tools and tests, and for
+ * diagnostics. They take the locks their descriptions name; programs
+ * normally use the routines above instead. */
+
+/* One-time initialisation, run through pthread_once by every routine. */
+extern pthread_once_t sec__init_once_block;
+void sec__cts_init(void);
+
+/* Error capture: the first failure of a series of attempts, per thread. */
+extern qv_int32_t sec__error_ok;
+extern pthread_key_t sec__error_key;
+/* Keeps (rc, *st) and a copy of the thread's error record unless the thread
+ * already holds a captured failure. Returns 0, or 6 when no record could be
+ * allocated. */
+qv_int32_t sec__error_capture(qv_int32_t rc, sec_status_t st);
+/* Zeroes *st, then gives back the kept failure in *rc and *st and reinstates
+ * its error record as the thread's. */
+void sec__error_retrieve(qv_int32_t *rc, sec_status_t st);
+/* Forgets the kept failure and zeroes *st; with none kept, leaves *st alone. */
+void sec__error_clear(sec_status_t st);
+void sec__error_cleanup(void *data);
+
+/* Configuration file; callers hold SEC_STATE.lock. */
+/* Brings SEC_STATE.config up to date: reads the file the first time and again
+ * whenever it was modified after the last successful read. A failed re-read
+ * keeps the old records. */
+qv_uint32_t sec__read_config(void);
+/* The file's modification time and size, truncated to 32 bits. */
+qv_uint32_t sec__check_cfg_file(qv_int32_t *mtime, qv_int32_t *size);
+/* Reads and parses len bytes of the file into a new list in *recs. */
+qv_uint32_t sec__read_config_file(qv_int32_t len, sec_config_rec_t *recs, qv_int32_t *count);
+/* Finds the record at *cursor, ends it at its newline and points *next at the
+ * following record (NULL at the end of the text). */
+qv_uint32_t sec__get_config_rec(char **cursor, char **next);
+/* Parses one record in place; a comment gives *rec NULL and success. */
+qv_int32_t sec__parse_config_rec(char *line, sec_config_rec_t *rec);
+void sec__free_config_recs(sec_config_rec_t head);
+/* Reads the file at path exactly as the library reads its configuration and
+ * gives its records (free them with sec__free_config_recs); on failure *line
+ * is the line of the offending record, 0 when there is none. */
+qv_uint32_t sec__validate_config_file(const char *path, sec_config_rec_t *recs, qv_int32_t *count,
+                                      qv_int32_t *line);
+
+/* Tracing under the component "_SEA": six categories (Errors, Info, API,
+ * Buffer, SVCTKN, CTXTKN), levels set by the trace library. */
+extern unsigned char sec__trace_detail_levels[6];
+void sec__trace_register_qvsec(void);
+void sec__trace_unregister_qvsec(void);
+void sec__trace_routine_end(const char *name, qv_int32_t rc, sec_status_t st);
+void sec__trace_buffer(sec_buffer_t buf);
+void sec__trace_service_token(sec_svc_token_t token);
+void sec__trace_context_token(void *token);
 
 #if defined(__GNUC__)
 #pragma GCC visibility pop

@@ -1,0 +1,98 @@
+#include "trace.h"
+
+#include <cstring>
+
+#include "qv_cu.h"
+
+namespace {
+
+// The six categories; all start switched off.
+const tr_category_description kCategories[SEC_TRC_CATEGORIES] = {
+    {SEC_TRC_ERRORS, "Errors", 0, 0}, {SEC_TRC_INFO, "Info", 0, 0},     {SEC_TRC_API, "API", 0, 0},
+    {SEC_TRC_BUFFER, "Buffer", 0, 0}, {SEC_TRC_SVCTKN, "SVCTKN", 0, 0}, {SEC_TRC_CTXTKN, "CTXTKN", 0, 0},
+};
+
+constexpr qv_uint32_t kSvcTokenMagic = 0x73657276;  // "vres"
+constexpr qv_uint32_t kCtxTokenMagic = 0x636f6e74;  // "tnoc"
+
+void record_status(qv_uint32_t id, const char *name, qv_int32_t rc, sec_status_t st) {
+    if (name != nullptr) {
+        tr_record_data_1(kTraceComponent, id, 6, name, strlen(name) + 1, &rc, sizeof rc, &st->maj_stat,
+                         sizeof st->maj_stat, &st->min_stat, sizeof st->min_stat, &st->mech_code,
+                         sizeof st->mech_code, st->desc, strnlen(st->desc, sizeof st->desc - 1) + 1);
+    } else {
+        tr_record_data_1(kTraceComponent, id, 5, &rc, sizeof rc, &st->maj_stat, sizeof st->maj_stat,
+                         &st->min_stat, sizeof st->min_stat, &st->mech_code, sizeof st->mech_code, st->desc,
+                         strnlen(st->desc, sizeof st->desc - 1) + 1);
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+tr_detail_level_t sec__trace_detail_levels[SEC_TRC_CATEGORIES] = {0, 0, 0, 0, 0, 0};
+
+void sec__trace_register_qvsec(void) {
+    // Registering must not disturb the caller's error record.
+    cu_error_t *saved = nullptr;
+    cu_get_error_1(&saved);
+    tr_register_component_1(kTraceComponent, sec__trace_detail_levels, kCategories, SEC_TRC_CATEGORIES);
+    cu_pset_error_1(saved);
+    cu_rel_error_1(saved);
+}
+
+void sec__trace_unregister_qvsec(void) { tr_unregister_component_1(kTraceComponent); }
+
+void sec__trace_routine_end(const char *name, qv_int32_t rc, sec_status_t st) {
+    if (name == nullptr) return;
+    if (sec_trace_on(SEC_TRC_API, kTraceData)) {
+        if (st == nullptr) {
+            tr_record_data_1(kTraceComponent, 3, 2, name, strlen(name) + 1, &rc, sizeof rc);
+        } else {
+            record_status(4, name, rc, st);
+        }
+    } else if (sec_trace_on(SEC_TRC_API)) {
+        tr_record_strings_1(kTraceComponent, 1, 1, name);
+    }
+}
+
+void sec__trace_buffer(sec_buffer_t buf) {
+    if (buf == nullptr) return;
+    if (sec_trace_on(SEC_TRC_BUFFER, kTraceData)) {
+        qv_int32_t len = buf->length;
+        size_t n = (buf->value != nullptr && len > 0) ? static_cast<size_t>(len) : 0;
+        tr_record_data_1(kTraceComponent, 6, 2, &len, sizeof len, buf->value, n);
+    } else if (sec_trace_on(SEC_TRC_BUFFER)) {
+        qv_uint32_t first = 0;
+        if (buf->value != nullptr && buf->length >= 4) std::memcpy(&first, buf->value, sizeof first);
+        tr_record_data_1(kTraceComponent, 5, 1, &first, sizeof first);
+    }
+}
+
+void sec__trace_service_token(sec_svc_token_t token) {
+    if (token == nullptr || !sec_trace_on(SEC_TRC_SVCTKN)) return;
+    if (token->magic != kSvcTokenMagic) tr_record_id_1(kTraceComponent, 7);
+}
+
+void sec__trace_context_token(void *token) {
+    if (token == nullptr || !sec_trace_on(SEC_TRC_CTXTKN)) return;
+    qv_uint32_t magic;
+    std::memcpy(&magic, token, sizeof magic);
+    if (magic != kCtxTokenMagic) tr_record_id_1(kTraceComponent, 8);
+}
+
+}  // extern "C"
+
+void sec_trace_api_exit(qv_uint32_t id_plain, qv_uint32_t id_rc, qv_uint32_t id_status, qv_int32_t rc,
+                        sec_status_t st) {
+    if (sec_trace_on(SEC_TRC_API, kTraceData)) {
+        if (st == nullptr) {
+            tr_record_data_1(kTraceComponent, id_rc, 1, &rc, sizeof rc);
+        } else {
+            record_status(id_status, nullptr, rc, st);
+        }
+    } else if (sec_trace_on(SEC_TRC_API)) {
+        tr_record_id_1(kTraceComponent, id_plain);
+    }
+}

@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test on a fresh machine:
+#   1. a build with warnings as errors, all tests;
+#   2. AddressSanitizer + UndefinedBehaviorSanitizer build, all tests;
+#   3. ThreadSanitizer build, the concurrency tests;
+#   4. the libFuzzer targets (clang), each for QV_FUZZ_SECONDS (default 20).
+# Set QV_QUICK=1 to run only step 1.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+jobs=${QV_JOBS:-$(nproc)}
+fuzz_seconds=${QV_FUZZ_SECONDS:-20}
+
+scripts/install-deps.sh
+
+passed=0
+failed=0
+summary=()
+
+# run_ctest NAME BUILD_DIR [ctest args...]: runs ctest, tallies its counts.
+run_ctest() {
+  local name=$1 dir=$2
+  shift 2
+  local log="$dir/ctest.log" status=0
+  ctest --test-dir "$dir" -j"$jobs" --output-on-failure "$@" 2>&1 | tee "$log" || status=$?
+  local line
+  line=$(grep -E 'tests passed, [0-9]+ tests failed out of [0-9]+' "$log" | tail -n1 || true)
+  if [ -z "$line" ]; then
+    summary+=("$name: no tests ran (ctest status $status)")
+    failed=$((failed + 1))
+    return
+  fi
+  local nfail total
+  nfail=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$line")
+  total=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\2/' <<<"$line")
+  passed=$((passed + total - nfail))
+  failed=$((failed + nfail))
+  summary+=("$name: $((total - nfail)) of $total passed")
+}
+
+configure_build() {
+  local dir=$1
+  shift
+  cmake -S "$root" -B "$dir" -G Ninja -DQV_WERROR=ON "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+}
+
+echo "== build (warnings as errors) and tests"
+configure_build build
+run_ctest "tests" build
+
+if [ "${QV_QUICK:-0}" != 1 ]; then
+  echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
+  configure_build build-asan -DQV_SANITIZE=address,undefined -DQV_BENCH=OFF
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    run_ctest "tests under ASan+UBSan" build-asan -E '^install_layout$'
+
+  echo "== ThreadSanitizer (concurrency tests)"
+  configure_build build-tsan -DQV_SANITIZE=thread -DQV_BENCH=OFF
+  TSAN_OPTIONS=halt_on_error=1 run_ctest "concurrency tests under TSan" build-tsan -L concurrency
+
+  echo "== fuzz targets (${fuzz_seconds}s each)"
+  CC=clang CXX=clang++ configure_build build-fuzz -DQV_FUZZ=ON -DQV_TESTS=OFF -DQV_BENCH=OFF
+  while read -r fuzzer; do
+    [ -n "$fuzzer" ] || continue
+    exe=$(find build-fuzz -type f -name "$fuzzer" -perm -u+x | head -n1)
+    corpus="fuzz/corpus/$fuzzer"
+    work=$(mktemp -d)
+    [ -d "$corpus" ] && cp -r "$corpus"/. "$work"/ 2>/dev/null || true
+    if (cd build-fuzz && "$root/$exe" -max_total_time="$fuzz_seconds" -print_final_stats=0 "$work" \
+          >"$root/build-fuzz/$fuzzer.log" 2>&1); then
+      passed=$((passed + 1))
+      summary+=("fuzz $fuzzer: no crash in ${fuzz_seconds}s")
+    else
+      failed=$((failed + 1))
+      summary+=("fuzz $fuzzer: FAILED (see build-fuzz/$fuzzer.log)")
+      tail -n 40 "build-fuzz/$fuzzer.log"
+    fi
+    rm -rf "$work"
+  done < build-fuzz/fuzzers.txt
+fi
+
+echo
+echo "== summary"
+printf '  %s\n' "${summary[@]}"
+echo "${passed} passed, ${failed} failed"
+[ "$failed" -eq 0 ]

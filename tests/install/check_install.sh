@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# usage: check_install.sh BUILD_DIR SOURCE_DIR_OF_THIS_TEST
+set -euo pipefail
+build=$1
+here=$2
+prefix=$(mktemp -d)
+trap 'rm -rf "$prefix"' EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+
+for f in include/qv_sec.h include/qv_cu.h include/qv_tr.h include/vorpkit.h \
+         lib/libqv_sec.so lib/libvorpkit.so lib/libqv_cu.so lib/libqv_tr.so \
+         lib/pkgconfig/qv_sec.pc lib/pkgconfig/vorpkit.pc \
+         share/qvsec/qvsec.cat share/qvsec/qvsec.msg share/qvsec/qvsec.cfg.sample bin/qvsec; do
+  [ -e "$prefix/$f" ] || fail "missing $f"
+done
+# Versioned SONAMEs, and nothing exported beyond each library's own names.
+declare -A allowed=(
+  [qv_sec]='^(sec_|sec__|SEC_STATE$|ntohl64$|htonl64$|cu_mesgtbl_qvsec_msg$|cu_badid_qvsec_msg$)'
+  [qv_cu]='^cu_' [qv_tr]='^tr_' [vorpkit]='^(Vorp_|bn_)')
+for lib in "${!allowed[@]}"; do
+  so="$prefix/lib/lib$lib.so"
+  readelf -d "$so" | grep -q "SONAME.*\[lib$lib\.so\.1\]" || fail "lib$lib.so has no SONAME lib$lib.so.1"
+  extra=$(nm -D --defined-only "$so" | awk '{print $3}' | grep -Ev "${allowed[$lib]}" || true)
+  [ -z "$extra" ] || fail "lib$lib.so exports unexpected symbols: $extra"
+done
+
+# Every public header compiles alone, as C99 and as C++.
+for h in "$prefix"/include/*.h; do
+  echo "#include \"$(basename "$h")\"" > "$prefix/h.c"
+  gcc -std=c99 -Wall -Wextra -Werror -pedantic -fsyntax-only -I"$prefix/include" "$prefix/h.c" || fail "$h as C99"
+  g++ -std=c++20 -Wall -Wextra -Werror -fsyntax-only -x c++ -I"$prefix/include" "$prefix/h.c" || fail "$h as C++"
+done
+
+# A C99 program built with pkg-config alone reads a failure's error record.
+export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
+# shellcheck disable=SC2046
+gcc -std=c99 -Wall -Werror -o "$prefix/c99_client" "$here/c99_client.c" $(pkg-config --cflags --libs qv_sec) \
+  || fail "c99 client does not build"
+printf '1 a 1 /a.so i\n2 b 2 /b.so\n' > "$prefix/bad.cfg"
+out=$("$prefix/c99_client" "$prefix/bad.cfg")
+expected="rc=21 id=21 set=1 num=23 line=2
+2650-019 An error occurred during processing of the configuration file or the configuration file does not exist."
+[ "$out" = "$expected" ] || fail "c99 client printed: $out"
+
+# The installed tool accepts the installed sample and rejects the bad file.
+"$prefix/bin/qvsec" config check "$prefix/share/qvsec/qvsec.cfg.sample" >/dev/null || fail "sample rejected"
+if "$prefix/bin/qvsec" config check "$prefix/bad.cfg" 2>/dev/null; then fail "bad file accepted"; fi
+echo "install layout: ok"

@@ -1,0 +1,26 @@
+// Subcommands of the qvsec tool. Each takes the arguments after its own name
+// and returns the process exit status.
+#pragma once
+
+#include <string>
+#include <vector>
+
+using Args = std::vector<std::string>;
+
+struct Command {
+    const char *name;
+    const char *usage;    // one line, after "qvsec "
+    const char *summary;  // what it does
+    int (*run)(const Args &args);
+};
+
+int run_config(const Args &args);
+
+// The formatted text of the calling thread's error record (catalogue or
+// default text), without a trailing newline.
+std::string current_error_message();
+
+// Exit statuses shared by the subcommands.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;

@@ -1,0 +1,48 @@
+// qvsec: the administrator's tool for the security library.
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+
+#include "commands.h"
+#include "qv_cu.h"
+
+namespace {
+
+const Command kCommands[] = {
+    {"config", "config check [FILE]",
+     "validate a configuration file as the library reads it (default: the file the library would read)",
+     run_config},
+};
+
+void usage(FILE *out) {
+    std::fprintf(out, "usage:\n");
+    for (const Command &c : kCommands) std::fprintf(out, "  qvsec %-28s %s\n", c.usage, c.summary);
+}
+
+}  // namespace
+
+std::string current_error_message() {
+    cu_error_t *err = nullptr;
+    if (cu_get_error_1(&err) != 0 || err == nullptr) return "unknown error (no error record)";
+    char *msg = nullptr;
+    std::string text = "unknown error";
+    if (err->cu_error_id != 0 && cu_get_errmsg_1(err, &msg) == 0 && msg != nullptr) text = msg;
+    cu_rel_errmsg_1(msg);
+    cu_rel_error_1(err);
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+}
+
+int main(int argc, char **argv) {
+    if (argc < 2 || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "--help") ||
+        !std::strcmp(argv[1], "help")) {
+        usage(argc < 2 ? stderr : stdout);
+        return argc < 2 ? kExitUsage : kExitOk;
+    }
+    for (const Command &c : kCommands) {
+        if (std::strcmp(argv[1], c.name) == 0) return c.run(Args(argv + 2, argv + argc));
+    }
+    std::fprintf(stderr, "qvsec: unknown command '%s'\n", argv[1]);
+    usage(stderr);
+    return kExitUsage;
+}
