@@ -176,6 +176,9 @@ typedef struct sec_svc_token_s {
     sec_mech_data_t mdata_list;
 } sec_svc_token_desc, *sec_svc_token_t;
 
+#define SEC_SVC_TOKEN_MAGIC 0x73657276u  /* "vres" in memory on little-endian hosts */
+#define SEC_CTX_TOKEN_MAGIC 0x636f6e74u  /* "tnoc" in memory on little-endian hosts */
+
 #define SEC_F_DEFER_MPM_START 0x20u  /* sec_start: start no module yet */
 
 /* sec_start: creates a service token in *stokenp and starts the first
@@ -187,6 +190,45 @@ qv_int32_t sec_start(sec_status_t st, qv_uint32_t flags, sec_token_t *stokenp);
 /* sec_end: ends every mechanism started for the token and frees it. A NULL
  * token is not an error. */
 qv_int32_t sec_end(sec_status_t st, qv_uint32_t flags, sec_token_t stoken);
+
+/* ---- Context tokens ---- */
+
+/* Socket information of a context prepared by sec_setup_socket. */
+typedef struct sec_socket_info_s {
+    qv_int32_t fd;
+    qv_uint32_t type;  /* the sec_setup_socket flags; 0x80000000: path bound by the library */
+    char *path;        /* the bound path, owned */
+} sec_socket_info_desc, *sec_socket_info_t;
+
+/* The client's privilege set, kept in a server-side context token. */
+typedef struct sec_privset_info_s {
+    char *name;            /* client network name */
+    char *mname;           /* mapped local name, may be NULL */
+    int gcount;
+    sec_buffer_t groups;   /* gcount buffers, each value a NUL-terminated group name */
+} sec_privset_info_desc, *sec_privset_info_t;
+
+/* The record behind a security or identity context handle. */
+typedef struct sec_ctx_token_s {
+    qv_uint32_t magic;              /* "tnoc" */
+    qv_uint32_t state;              /* SEC_CTX_S_* */
+    sec_token_t svc_token;          /* the service token the context was made under */
+    sec_socket_info_desc sinfo;
+    unsigned char seq_no;           /* sequence number of the last CCDB sent or received */
+    qv_uint16_t version;            /* CCDB and seal-buffer version of the context */
+    sec_mech_data_desc mdata;       /* the chosen module and its context handle */
+    sec_privset_info_desc privset;
+} sec_ctx_token_desc, *sec_ctx_token_t;
+
+#define SEC_CTX_S_SOCKET          0x80000000u  /* prepared by sec_setup_socket */
+#define SEC_CTX_S_IN_PROGRESS     0x08000000u  /* another exchange is needed */
+#define SEC_CTX_S_COMPLETE        0x04000000u
+#define SEC_CTX_S_CLIENT          0x02000000u
+#define SEC_CTX_S_SERVER          0x01000000u
+#define SEC_CTX_S_IDENTITY        0x00800000u  /* identity context, not security context */
+#define SEC_CTX_S_MAPPED          0x00400000u  /* mapped name and groups looked up */
+#define SEC_CTX_S_REFUSE_UNAUTH   0x00200000u  /* unauthenticated contexts refused */
+#define SEC_CTX_S_AUTHENTICATED   0x00000200u  /* a module context exists */
 
 #define SEC_F_LOCAL_SOCKET   0x01000000u
 #define SEC_F_NETWORK_SOCKET 0x02000000u

@@ -12,8 +12,8 @@ const tr_category_description kCategories[SEC_TRC_CATEGORIES] = {
     {SEC_TRC_BUFFER, "Buffer", 0, 0}, {SEC_TRC_SVCTKN, "SVCTKN", 0, 0}, {SEC_TRC_CTXTKN, "CTXTKN", 0, 0},
 };
 
-constexpr qv_uint32_t kSvcTokenMagic = 0x73657276;  // "vres"
-constexpr qv_uint32_t kCtxTokenMagic = 0x636f6e74;  // "tnoc"
+constexpr qv_uint32_t kSvcTokenMagic = SEC_SVC_TOKEN_MAGIC;
+constexpr qv_uint32_t kCtxTokenMagic = SEC_CTX_TOKEN_MAGIC;
 
 void record_status(qv_uint32_t id, const char *name, qv_int32_t rc, sec_status_t st) {
     if (name != nullptr) {
