@@ -230,6 +230,38 @@ typedef struct sec_ctx_token_s {
 #define SEC_CTX_S_REFUSE_UNAUTH   0x00200000u  /* unauthenticated contexts refused */
 #define SEC_CTX_S_AUTHENTICATED   0x00000200u  /* a module context exists */
 
+/* ---- Typed buffers ----
+ * Every buffer that goes to a peer starts with a type byte and a version
+ * byte; buffers that carry module data go on with the 4-byte big-endian
+ * mechanism code; a version-2 CCDB adds a sequence byte and a flags byte. */
+
+#define SEC_BUF_MECH_LIST 0x81  /* mechanism list */
+#define SEC_BUF_CCDB      0x82  /* context-establishment data */
+#define SEC_BUF_TYPED_ID  0x83  /* typed identity buffer */
+#define SEC_BUF_SEAL      0x86  /* sealed data and signatures */
+#define SEC_BUF_CIDB      0x87  /* portable client identity */
+
+#define SEC_CCDB_F_CONTINUE 0x01  /* the sender's own context still needs data */
+
+/* Header lengths: type and version; with the mechanism; with sequence and flags. */
+extern const qv_int32_t sec__buff_tv_len;
+extern const qv_int32_t sec__buff_tvm_len;
+extern const qv_int32_t sec__buff_tvms_len;
+
+/* Wraps module bytes (NULL: none) in a CCDB of the given version (2: with
+ * sequence number and flags). Returns 0, or 6 with *ccdb empty. */
+qv_int32_t sec__wrap_mech_ccdb(sec_buffer_t mccdb, qv_uint32_t mech, int version, unsigned char seq_no,
+                               unsigned char flags, sec_buffer_t ccdb);
+/* Checks and strips a CCDB's header; the body is copied into *mccdb. Returns
+ * 0, 7 (not a CCDB or too short), 9 (version above 2) or 6. */
+qv_int32_t sec__unwrap_mech_ccdb(sec_buffer_t ccdb, qv_uint32_t *mech, int *version, unsigned char *seq_no,
+                                 unsigned char *flags, sec_buffer_t mccdb);
+/* Wraps sealed module bytes in a seal buffer. Returns 0, or 6. */
+qv_int32_t sec__wrap_seal_buff(sec_buffer_t in, qv_uint32_t mech, int version, sec_buffer_t out);
+/* Checks and strips a seal buffer's header (the version is not checked).
+ * Returns 0, 7 or 6. */
+qv_int32_t sec__unwrap_seal_buff(sec_buffer_t in, qv_uint32_t *mech, int *version, sec_buffer_t out);
+
 #define SEC_F_LOCAL_SOCKET   0x01000000u
 #define SEC_F_NETWORK_SOCKET 0x02000000u
 #define SEC_F_SOCKET_BOUND   0x10000000u
