@@ -10,6 +10,7 @@
 #include "config.h"
 #include "errors.h"
 #include "library_init.h"
+#include "sec_test_util.h"
 #include "test_support.h"
 
 namespace {
@@ -30,13 +31,6 @@ std::vector<Rec> records() {
     return out;
 }
 
-int last_message() {
-    cu_error_t *e = nullptr;
-    cu_get_error_1(&e);
-    int n = e->cu_error_id ? e->cu_msg_num : -1;
-    cu_rel_error_1(e);
-    return n;
-}
 
 class ConfigReader : public ::testing::Test {
 protected:
@@ -130,16 +124,10 @@ TEST_F(ConfigReader, AcceptsAndRejects) {
 TEST_F(ConfigReader, DuplicateMessageArguments) {
     use_file("1 a 0x1 /a i\n2 b 01 /b i\n");
     ASSERT_EQ(sec__read_config(), 21u);
-    cu_error_t *e = nullptr;
-    cu_get_error_1(&e);
-    char *msg = nullptr;
-    cu_get_errmsg_1(e, &msg);
-    EXPECT_STREQ(msg,
-                 "2650-085 libqv_sec: configuration error: the MPM defined with mnemonic b\n"
-                 "\tand code 0x00000001 has the same mnemonic or code as the MPM defined with\n"
-                 "\tmnemonic a and code 0x00000001.\n");
-    cu_rel_errmsg_1(msg);
-    cu_rel_error_1(e);
+    EXPECT_EQ(last_error_text(),
+              "2650-085 libqv_sec: configuration error: the MPM defined with mnemonic b\n"
+              "\tand code 0x00000001 has the same mnemonic or code as the MPM defined with\n"
+              "\tmnemonic a and code 0x00000001.\n");
     // The record accepted before the conflict is counted but not returned.
     EXPECT_EQ(SEC_STATE.config.count, 1);
     EXPECT_EQ(SEC_STATE.config.cfg_recs, nullptr);
@@ -148,16 +136,10 @@ TEST_F(ConfigReader, DuplicateMessageArguments) {
 TEST_F(ConfigReader, SamePriorityMessage) {
     use_file("5 a 1 /a i\n5 b 2 /b i\n");
     ASSERT_EQ(sec__read_config(), 21u);
-    cu_error_t *e = nullptr;
-    cu_get_error_1(&e);
-    char *msg = nullptr;
-    cu_get_errmsg_1(e, &msg);
-    EXPECT_STREQ(msg,
-                 "2650-084 libqv_sec: configuration error: the MPM defined with mnemonic b\n"
-                 "\tand code 0x00000002 has the same priority as the MPM defined with mnemonic a\n"
-                 "\tand code 0x00000001: 5\n");
-    cu_rel_errmsg_1(msg);
-    cu_rel_error_1(e);
+    EXPECT_EQ(last_error_text(),
+              "2650-084 libqv_sec: configuration error: the MPM defined with mnemonic b\n"
+              "\tand code 0x00000002 has the same priority as the MPM defined with mnemonic a\n"
+              "\tand code 0x00000001: 5\n");
 }
 
 TEST_F(ConfigReader, MissingFile) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "errors.h"
+#include "sec_test_util.h"
 #include "test_support.h"
 
 namespace {
@@ -22,13 +23,6 @@ struct Buf {
 
 sec_buffer_desc view(Bytes &v) { return {static_cast<qv_int32_t>(v.size()), v.empty() ? nullptr : v.data()}; }
 
-int last_message() {
-    cu_error_t *e = nullptr;
-    cu_get_error_1(&e);
-    int n = e->cu_error_id ? e->cu_msg_num : -1;
-    cu_rel_error_1(e);
-    return n;
-}
 
 TEST(TypedBuffers, HeaderLengths) {
     EXPECT_EQ(sec__buff_tv_len, 2);
