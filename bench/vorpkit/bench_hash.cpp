@@ -4,13 +4,31 @@
 #include <openssl/md5.h>
 #include <openssl/sha.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "bench_util.h"
 #include "cpu_features.h"
 #include "vorpkit.h"
+
+namespace {
+
+// The best of three measurements, alternating with the reference's, so that
+// other load on the machine disturbs both sides alike.
+void compare(const std::string &name, size_t n, const std::function<void()> &ours,
+             const std::function<void()> &ref) {
+    double best_ours = 0, best_ref = 0;
+    for (int i = 0; i < 3; ++i) {
+        best_ours = std::max(best_ours, bench::throughput(n, ours, 0.15));
+        best_ref = std::max(best_ref, bench::throughput(n, ref, 0.15));
+    }
+    bench::print_row(name.c_str(), n, best_ours, best_ref);
+}
+
+}  // namespace
 
 int main() {
     const size_t sizes[] = {64, 1024, 16384};
@@ -24,20 +42,18 @@ int main() {
         const char *path = portable ? "portable" : "accelerated";
         for (size_t n : sizes) {
             auto len = static_cast<qv_uint32_t>(n);
-            double ours = bench::throughput(n, [&] { Vorp_md5(nullptr, buf.data(), len, out); });
-            double ref = bench::throughput(n, [&] { MD5(buf.data(), n, out); });
-            bench::print_row((std::string("md5 ") + path).c_str(), n, ours, ref);
+            compare(std::string("md5 ") + path, n, [&] { Vorp_md5(nullptr, buf.data(), len, out); },
+                    [&] { MD5(buf.data(), n, out); });
         }
         for (size_t n : sizes) {
             auto len = static_cast<qv_uint32_t>(n);
-            double ours = bench::throughput(n, [&] { Vorp_sha(nullptr, buf.data(), len, out); });
-            double ref = bench::throughput(n, [&] {
-                SHA_CTX c;
-                SHA1_Init(&c);
-                SHA1_Update(&c, buf.data(), n);
-                SHA1_Final(out, &c);
-            });
-            bench::print_row((std::string("sha1 ") + path).c_str(), n, ours, ref);
+            compare(std::string("sha1 ") + path, n, [&] { Vorp_sha(nullptr, buf.data(), len, out); },
+                    [&] {
+                        SHA_CTX c;
+                        SHA1_Init(&c);
+                        SHA1_Update(&c, buf.data(), n);
+                        SHA1_Final(out, &c);
+                    });
         }
     }
     return 0;
