@@ -51,6 +51,23 @@ private:
     va_list &ap_;
 };
 
+// Collects n items with next_item (false: a bad item; the record is not
+// written) and writes them as one record. Does nothing without a trace file.
+template <typename NextItem>
+int record_items(const char *comp, qv_uint32_t id, PayloadKind kind, qv_uint32_t n,
+                 NextItem next_item) {
+    return guarded_call([&] {
+        qvtr::TraceFile *file = qvtr::process_trace_file();
+        if (file == nullptr)
+            return TR_OK;
+        ItemList items(n);
+        bool valid = true;
+        for (qv_uint32_t i = 0; i < n; ++i)
+            valid = next_item(items[i]) && valid;
+        return valid ? file->write_record(comp, id, kind, items.view()) : TR_E_ARGUMENT;
+    });
+}
+
 }  // namespace
 
 extern "C" int tr_record_id_1(const char *comp, qv_uint32_t id) {
@@ -68,22 +85,11 @@ extern "C" int tr_record_data_1(const char *comp, qv_uint32_t id, qv_uint32_t np
     va_list ap;
     va_start(ap, npairs);
     VaListEnd end(ap);
-    return guarded_call([&] {
-        qvtr::TraceFile *file = qvtr::process_trace_file();
-        if (file == nullptr)
-            return TR_OK;
-        ItemList items(npairs);
-        bool valid = true;
-        for (qv_uint32_t i = 0; i < npairs; ++i) {
-            const void *data = va_arg(ap, const void *);
-            size_t size = va_arg(ap, size_t);
-            if (data == nullptr && size != 0)
-                valid = false;
-            items[i] = {static_cast<const uint8_t *>(data), size};
-        }
-        if (!valid)
-            return TR_E_ARGUMENT;
-        return file->write_record(comp, id, PayloadKind::data, items.view());
+    return record_items(comp, id, PayloadKind::data, npairs, [&](Item &item) {
+        const void *data = va_arg(ap, const void *);
+        size_t size = va_arg(ap, size_t);
+        item = {static_cast<const uint8_t *>(data), size};
+        return data != nullptr || size == 0;
     });
 }
 
@@ -93,16 +99,9 @@ extern "C" int tr_record_strings_1(const char *comp, qv_uint32_t id, qv_uint32_t
     va_list ap;
     va_start(ap, nstrings);
     VaListEnd end(ap);
-    return guarded_call([&] {
-        qvtr::TraceFile *file = qvtr::process_trace_file();
-        if (file == nullptr)
-            return TR_OK;
-        ItemList items(nstrings);
-        for (qv_uint32_t i = 0; i < nstrings; ++i) {
-            const char *s = va_arg(ap, const char *);
-            items[i] = s ? Item{reinterpret_cast<const uint8_t *>(s), std::strlen(s) + 1}
-                         : Item{nullptr, 0};
-        }
-        return file->write_record(comp, id, PayloadKind::strings, items.view());
+    return record_items(comp, id, PayloadKind::strings, nstrings, [&](Item &item) {
+        const char *s = va_arg(ap, const char *);
+        item = s ? Item{reinterpret_cast<const uint8_t *>(s), std::strlen(s) + 1} : Item{nullptr, 0};
+        return true;
     });
 }

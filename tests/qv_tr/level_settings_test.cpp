@@ -58,14 +58,6 @@ TEST(LevelSettingsParse, Table) {
     }
 }
 
-TEST(LevelSettingsParse, NamesCompareWithoutAsciiCase) {
-    EXPECT_TRUE(qvtr::names_equal("Buffer", "bUFFER"));
-    EXPECT_TRUE(qvtr::names_equal("_SEA", "_sea"));
-    EXPECT_FALSE(qvtr::names_equal("API", "APIs"));
-    EXPECT_FALSE(qvtr::names_equal("\xc3\x89", "\xc3\xa9"));  // only ASCII folds
-    EXPECT_FALSE(qvtr::names_equal("[", "{"));
-}
-
 // Categories with a gap at id 3, so that a stray write shows up there.
 const tr_category_description kCategories[] = {
     {0, "Errors", 0, 0}, {1, "Info", 0, 0}, {2, "API", 2, 0},

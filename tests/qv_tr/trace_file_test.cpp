@@ -186,19 +186,6 @@ TEST(TraceReader, DamageIsReportedAndSkipped) {
     }
 }
 
-TEST(TraceReader, ForeignVersionStopsReading) {
-    std::string file = header_bytes();
-    file[7] = 2;
-    file += record_bytes(make_header("_A", 1, PayloadKind::none), {});
-    qvtr::TraceReader reader;
-    int events = 0;
-    std::span bytes(reinterpret_cast<const uint8_t *>(file.data()), file.size());
-    EXPECT_EQ(reader.parse(bytes, 0, true, [&](const qvtr::TraceEvent &) { ++events; }),
-              file.size());
-    EXPECT_EQ(reader.unsupported_version(), 2u);
-    EXPECT_EQ(events, 0);
-}
-
 TEST(TraceFile, WritesHeaderOnceAndWholeRecords) {
     qvtest::TempDir dir;
     std::string path = dir.path() + "/trace";
