@@ -11,7 +11,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <mutex>
 
 namespace qvtr {
 namespace {
@@ -84,15 +83,13 @@ int TraceFile::write_record(std::string_view component, uint32_t id, PayloadKind
 }
 
 TraceFile *process_trace_file() {
-    static std::once_flag once;
-    static TraceFile *file = nullptr;
-    std::call_once(once, [] {
+    // A function-local static: after the first call, one load of its guard.
+    // Never destroyed, so that records written from exit handlers still
+    // reach the file.
+    static TraceFile *const file = []() -> TraceFile * {
         const char *path = std::getenv("QV_TRACE_FILE");
-        // Kept open for the life of the process (never destroyed, so that
-        // records written from exit handlers still arrive).
-        if (path && *path)
-            file = new TraceFile(path);
-    });
+        return path && *path ? new TraceFile(path) : nullptr;
+    }();
     return file;
 }
 
