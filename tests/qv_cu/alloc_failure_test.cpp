@@ -72,6 +72,13 @@ void sweep(const std::function<int()> &step, const std::function<void(int)> &che
     g_countdown = -1;
     free(p);
     if (p != nullptr) GTEST_SKIP() << "the failing allocator is not in use";
+    // The first catalogue lookup creates the catalogue cache, which lives for
+    // the process: let that happen before counting.
+    cu_error_t warm{};
+    warm.cu_msg_cat = const_cast<char *>("qvsec.cat");
+    char *m = nullptr;
+    cu_get_errmsg_1(&warm, &m);
+    cu_rel_errmsg_1(m);
     for (long n = 0; n < 1000; ++n) {
         g_failed = false;
         long live = g_live;
@@ -110,10 +117,7 @@ int current_id() {
 const char *kText = "%1$s failed: %2$d (%3$s)";
 
 TEST(AllocFailure, SetError) {
-    // The first message looked up in a catalogue creates the catalogue cache,
-    // which lives for the process; let that happen before counting.
-    cu_set_error_1(1, nullptr, "qvsec.cat", 1, 0, "warm-up");
-    message_now();
+    cu_set_error_1(1, nullptr, nullptr, 0, 0, "the thread's first record");
     cu_set_no_error_1();
     sweep([] { return cu_set_error_1(23, "ffdc", "qvsec.cat", 1, 38, kText, "alpha", 5, "beta"); },
           [](int rc) {
