@@ -102,15 +102,6 @@ TEST(ErrorRecord, PsetCopiesOnlyTheArgumentsThatExist) {
     EXPECT_EQ(message_of(e.get()), "code %x");
 }
 
-TEST(ErrorRecord, StringArgumentMayBeNull) {
-    cu_set_error_1(4, nullptr, nullptr, 1, 3, "2650-002 Caller provided invalid arguments to %s.",
-                   (const char *)nullptr);
-    Record e = get_record();
-    ASSERT_EQ(e->cu_arg_cnt, 1u);
-    EXPECT_EQ(e->cu_args[0].cu_arg_value.cu_arg_string, nullptr);
-    EXPECT_EQ(message_of(e.get()), "2650-002 Caller provided invalid arguments to (null).");
-}
-
 TEST(ErrorRecord, BadArgumentsAreRefused) {
     EXPECT_EQ(cu_get_error_1(nullptr), CU_E_BADARG);
     char *msg = reinterpret_cast<char *>(1);

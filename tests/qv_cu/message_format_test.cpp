@@ -172,14 +172,4 @@ TEST(MessageFormat, HostileCatalogueTexts) {
     EXPECT_EQ(qvcu::render_message("%1$d %2$s", {}), "%1$d %2$s");
 }
 
-TEST(MessageFormat, RecordWithoutArgumentArray) {
-    cu_error_t err{};
-    err.cu_msg_default = const_cast<char *>("value %d");
-    err.cu_arg_cnt = 3;  // claims arguments it does not have
-    char *msg = nullptr;
-    ASSERT_EQ(cu_get_errmsg_1(&err, &msg), 0);
-    EXPECT_STREQ(msg, "value %d");
-    cu_rel_errmsg_1(msg);
-}
-
 }  // namespace
