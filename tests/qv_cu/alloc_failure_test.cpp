@@ -75,7 +75,7 @@ void sweep(const std::function<int()> &step, const std::function<void(int)> &che
     // The first catalogue lookup creates the catalogue cache, which lives for
     // the process: let that happen before counting.
     cu_error_t warm{};
-    warm.cu_msg_cat = const_cast<char *>("qvsec.cat");
+    warm.cu_msg_cat = const_cast<char *>("qvtest-absent.cat");
     char *m = nullptr;
     cu_get_errmsg_1(&warm, &m);
     cu_rel_errmsg_1(m);
@@ -119,7 +119,7 @@ const char *kText = "%1$s failed: %2$d (%3$s)";
 TEST(AllocFailure, SetError) {
     cu_set_error_1(1, nullptr, nullptr, 0, 0, "the thread's first record");
     cu_set_no_error_1();
-    sweep([] { return cu_set_error_1(23, "ffdc", "qvsec.cat", 1, 38, kText, "alpha", 5, "beta"); },
+    sweep([] { return cu_set_error_1(23, "ffdc", "qvtest-absent.cat", 1, 38, kText, "alpha", 5, "beta"); },
           [](int rc) {
               EXPECT_EQ(rc, 23);
               EXPECT_EQ(current_id(), 23);  // the id survives even a bare record
@@ -130,7 +130,7 @@ TEST(AllocFailure, SetError) {
 }
 
 TEST(AllocFailure, GetAndPsetError) {
-    cu_set_error_1(6, "ffdc", "qvsec.cat", 1, 36, kText, "gamma", 7, "delta");
+    cu_set_error_1(6, "ffdc", "qvtest-absent.cat", 1, 36, kText, "gamma", 7, "delta");
     sweep([] {
               cu_error_t *e = reinterpret_cast<cu_error_t *>(1);
               int rc = cu_get_error_1(&e);

@@ -50,7 +50,7 @@ TEST(Concurrency, EachThreadKeepsItsOwnRecord) {
 TEST(Concurrency, ExitingThreadsFreeTheirRecords) {
     for (int i = 0; i < 8; ++i) {
         std::thread([i] {
-            cu_set_error_1(6, nullptr, "qvsec.cat", 1, 36, "%1$s %2$d", "a string to leak", i);
+            cu_set_error_1(6, nullptr, "qvtest-absent.cat", 1, 36, "%1$s %2$d", "a string to leak", i);
             cu_error_t *e = nullptr;
             ASSERT_EQ(cu_get_error_1(&e), 0);
             cu_pset_error_1(e);  // replacing the record frees the old one

@@ -30,7 +30,7 @@ std::string message_of(const cu_error_t *e) {
 }
 
 TEST(ErrorRecord, SetKeepsDeepCopiesOfEverything) {
-    char cat[] = "qvsec.cat";
+    char cat[] = "qvtest-absent.cat";
     char text[] = "routine %1$s failed with %2$d";
     char name[] = "sec_start";
     EXPECT_EQ(cu_set_error_1(23, nullptr, cat, 1, 38, text, name, -4), 23);
@@ -42,7 +42,7 @@ TEST(ErrorRecord, SetKeepsDeepCopiesOfEverything) {
     Record e = get_record();
     EXPECT_EQ(e->cu_error_id, 23);
     EXPECT_EQ(e->cu_ffdc_id, nullptr);
-    EXPECT_STREQ(e->cu_msg_cat, "qvsec.cat");
+    EXPECT_STREQ(e->cu_msg_cat, "qvtest-absent.cat");
     EXPECT_EQ(e->cu_msg_set, 1);
     EXPECT_EQ(e->cu_msg_num, 38);
     EXPECT_STREQ(e->cu_msg_default, "routine %1$s failed with %2$d");
@@ -55,7 +55,7 @@ TEST(ErrorRecord, SetKeepsDeepCopiesOfEverything) {
 }
 
 TEST(ErrorRecord, NoErrorGivesAnEmptyRecord) {
-    cu_set_error_1(5, nullptr, "qvsec.cat", 1, 4, "2650-003 Invalid security services or context token.");
+    cu_set_error_1(5, nullptr, "qvtest-absent.cat", 1, 4, "2650-003 Invalid security services or context token.");
     EXPECT_EQ(cu_set_no_error_1(), 0);
     Record e = get_record();
     EXPECT_EQ(e->cu_error_id, 0);
@@ -66,7 +66,7 @@ TEST(ErrorRecord, NoErrorGivesAnEmptyRecord) {
 }
 
 TEST(ErrorRecord, CopiesAreIndependentOfTheThreadRecord) {
-    cu_set_error_1(6, "ffdc", "qvsec.cat", 1, 36, "%1$s: %2$d bytes", "malloc", 64);
+    cu_set_error_1(6, "ffdc", "qvtest-absent.cat", 1, 36, "%1$s: %2$d bytes", "malloc", 64);
     Record copy = get_record();
     // Changing the copy leaves the thread's record as it was.
     copy->cu_error_id = 99;
@@ -79,7 +79,7 @@ TEST(ErrorRecord, CopiesAreIndependentOfTheThreadRecord) {
 
     // pset takes a copy: the caller's record can be released straight away.
     Record saved = get_record();
-    cu_set_error_1(4, nullptr, "qvsec.cat", 1, 3, "other %s", "routine");
+    cu_set_error_1(4, nullptr, "qvtest-absent.cat", 1, 3, "other %s", "routine");
     EXPECT_EQ(cu_pset_error_1(saved.get()), 0);
     saved.reset();
     Record restored = get_record();
