@@ -109,7 +109,13 @@ public:
     }
     // The major status: 1 during continue rounds, else the scripted one.
     qv_uint32_t status() const { return continuing_ ? MPM_S_CONTINUE : b_.maj_stat; }
-    bool fails() const { return status() != 0 && status() != MPM_S_CONTINUE; }
+    // Status 1 is "continue" only for the context-establishment routines;
+    // elsewhere it is a failure like any other.
+    bool fails() const {
+        bool context = r_ == QVTEST_MPM_START_SEC_CONTEXT || r_ == QVTEST_MPM_COMPLETE_SEC_CONTEXT ||
+                       r_ == QVTEST_MPM_RECEIVE_SEC_CONTEXT;
+        return status() != 0 && !(context && status() == MPM_S_CONTINUE);
+    }
     const qvtest_mpm_behaviour_t &behaviour() const { return b_; }
 
     // Output bytes: the scripted ones, or the default.

@@ -64,6 +64,10 @@ protected:
         pthread_mutex_lock(&SEC_STATE.lock);
         if (SEC_STATE.config.fname != saved_fname_) free(SEC_STATE.config.fname);
         SEC_STATE.config.fname = strdup(path.c_str());
+        // Read afresh: the records go, the table stays.
+        sec__free_config_recs(SEC_STATE.config.cfg_recs);
+        SEC_STATE.config.cfg_recs = nullptr;
+        SEC_STATE.config.count = 0;
         SEC_STATE.config.rtime = 0;
         pthread_mutex_unlock(&SEC_STATE.lock);
     }
