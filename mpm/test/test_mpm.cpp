@@ -482,8 +482,9 @@ qv_uint32_t mpm_get_ctx_mpm(qv_uint32_t *min_stat, void *token, char *mpm) {
     c.maybe_block();
     if (c.fails()) return c.status();
     if (mpm != nullptr) {
-        std::strncpy(mpm, c.behaviour().name, 16);
-        mpm[16] = '\0';
+        size_t n = strnlen(c.behaviour().name, 16);
+        std::memcpy(mpm, c.behaviour().name, n);
+        mpm[n] = '\0';
     }
     return 0;
 }
