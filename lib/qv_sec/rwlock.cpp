@@ -80,7 +80,9 @@ void sec__lock_read(sec_rwlock_t l) {
 void sec__unlock_read(sec_rwlock_t l) {
     pthread_mutex_lock(&l->mutex);
     l->count -= 1;
-    if (l->count == 0) pthread_cond_signal(&l->w_cond);
+    // Only threads counted in `writers` wait on w_cond, so with none the
+    // signal would wake nobody; skipping it keeps the common unlock short.
+    if (l->count == 0 && l->writers > 0) pthread_cond_signal(&l->w_cond);
     pthread_mutex_unlock(&l->mutex);
 }
 

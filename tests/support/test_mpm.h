@@ -4,7 +4,9 @@
 // test_mpm_control.h.
 #pragma once
 
+#include <cstdlib>
 #include <dlfcn.h>
+#include <unistd.h>
 #include <stdexcept>
 #include <string>
 
@@ -21,7 +23,16 @@ inline constexpr const char *kTestMpmNoInit = "libqvtest_mpm_noinit.so";    // n
 inline constexpr const char *kTestMpmEmpty = "qvtest_empty.so";        // an empty file
 inline constexpr const char *kTestMpmNotElf = "qvtest_notelf.so";      // a text file
 
-inline std::string module_path(const std::string &file) { return binary_dir() + "/lib/qvsec/" + file; }
+// The build tree's lib/qvsec; without QV_TEST_BINARY_DIR, found from the
+// test program's own place (build/bin).
+inline std::string module_path(const std::string &file) {
+    if (std::getenv("QV_TEST_BINARY_DIR") != nullptr) return binary_dir() + "/lib/qvsec/" + file;
+    char exe[4096];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    std::string dir = n > 0 ? std::string(exe, static_cast<size_t>(n)) : std::string("./x");
+    dir.erase(dir.rfind('/'));
+    return dir + "/../lib/qvsec/" + file;
+}
 
 class TestMpm {
 public:
