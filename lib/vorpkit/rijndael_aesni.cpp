@@ -1,0 +1,128 @@
+// AES (16-byte blocks) with the AES-NI instructions. Independent blocks (ECB
+// both ways, CBC deciphering) go eight at a time so that the AES units stay
+// busy; CBC enciphering waits for each block's result and goes one at a time.
+// The round keys are read in the layout the portable code builds.
+#include <immintrin.h>
+
+#include "byte_order.h"
+#include "cipher_internal.h"
+
+namespace vorp::cipher {
+namespace {
+
+constexpr size_t kLanes = 8;
+
+inline __m128i round_key(const uint32_t *keys, int round) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(keys + 4 * round));
+}
+
+inline __m128i load_block(const uint8_t *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); }
+inline void store_block(uint8_t *p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i *>(p), v); }
+
+template <bool Encipher>
+[[gnu::always_inline]] inline __m128i round_op(__m128i s, __m128i k) {
+    return Encipher ? _mm_aesenc_si128(s, k) : _mm_aesdec_si128(s, k);
+}
+
+template <bool Encipher>
+[[gnu::always_inline]] inline __m128i last_op(__m128i s, __m128i k) {
+    return Encipher ? _mm_aesenclast_si128(s, k) : _mm_aesdeclast_si128(s, k);
+}
+
+// N blocks through all rounds, keys loaded once per round for all of them.
+template <bool Encipher, int Rounds, size_t N>
+[[gnu::always_inline]] inline void rounds_n(const uint32_t *keys, __m128i (&s)[N]) {
+    const __m128i k0 = round_key(keys, 0);
+    for (size_t n = 0; n < N; ++n) s[n] = _mm_xor_si128(s[n], k0);
+    for (int r = 1; r < Rounds; ++r) {
+        const __m128i k = round_key(keys, r);
+        for (size_t n = 0; n < N; ++n) s[n] = round_op<Encipher>(s[n], k);
+    }
+    const __m128i kl = round_key(keys, Rounds);
+    for (size_t n = 0; n < N; ++n) s[n] = last_op<Encipher>(s[n], kl);
+}
+
+template <bool Encipher, int Rounds>
+void ecb(const uint32_t *keys, const uint8_t *in, uint8_t *out, size_t blocks) {
+    for (; blocks >= kLanes; blocks -= kLanes, in += 16 * kLanes, out += 16 * kLanes) {
+        __m128i s[kLanes];
+        for (size_t n = 0; n < kLanes; ++n) s[n] = load_block(in + 16 * n);
+        rounds_n<Encipher, Rounds>(keys, s);
+        for (size_t n = 0; n < kLanes; ++n) store_block(out + 16 * n, s[n]);
+    }
+    for (; blocks; --blocks, in += 16, out += 16) {
+        __m128i s[1] = {load_block(in)};
+        rounds_n<Encipher, Rounds>(keys, s);
+        store_block(out, s[0]);
+    }
+}
+
+template <int Rounds>
+void cbc_encrypt(const uint32_t *ek, uint8_t *iv, const uint8_t *in, uint8_t *out, size_t blocks) {
+    // Round keys stay in registers across the chain.
+    __m128i k[Rounds + 1];
+    for (int r = 0; r <= Rounds; ++r) k[r] = round_key(ek, r);
+    __m128i c = load_block(iv);
+    for (; blocks; --blocks, in += 16, out += 16) {
+        // Folding the first round key into the plaintext first keeps it off
+        // the chain's critical path.
+        c = _mm_xor_si128(c, _mm_xor_si128(load_block(in), k[0]));
+        for (int r = 1; r < Rounds; ++r) c = _mm_aesenc_si128(c, k[r]);
+        c = _mm_aesenclast_si128(c, k[Rounds]);
+        store_block(out, c);
+    }
+    store_block(iv, c);
+    secure_wipe(k, sizeof k);
+}
+
+template <int Rounds>
+void cbc_decrypt(const uint32_t *dk, uint8_t *iv, const uint8_t *in, uint8_t *out, size_t blocks) {
+    // Ciphertext is loaded before the output is stored: `out` may be `in`.
+    __m128i prev = load_block(iv);
+    for (; blocks >= kLanes; blocks -= kLanes, in += 16 * kLanes, out += 16 * kLanes) {
+        __m128i c[kLanes], s[kLanes];
+        for (size_t n = 0; n < kLanes; ++n) s[n] = c[n] = load_block(in + 16 * n);
+        rounds_n<false, Rounds>(dk, s);
+        store_block(out, _mm_xor_si128(s[0], prev));
+        for (size_t n = 1; n < kLanes; ++n) store_block(out + 16 * n, _mm_xor_si128(s[n], c[n - 1]));
+        prev = c[kLanes - 1];
+    }
+    for (; blocks; --blocks, in += 16, out += 16) {
+        __m128i c = load_block(in);
+        __m128i s[1] = {c};
+        rounds_n<false, Rounds>(dk, s);
+        store_block(out, _mm_xor_si128(s[0], prev));
+        prev = c;
+    }
+    store_block(iv, prev);
+}
+
+}  // namespace
+
+void aesni_ecb_encrypt(const uint32_t *ek, int rounds, const uint8_t *in, uint8_t *out, size_t blocks) {
+    if (rounds == 10) ecb<true, 10>(ek, in, out, blocks);
+    else if (rounds == 12) ecb<true, 12>(ek, in, out, blocks);
+    else ecb<true, 14>(ek, in, out, blocks);
+}
+
+void aesni_ecb_decrypt(const uint32_t *dk, int rounds, const uint8_t *in, uint8_t *out, size_t blocks) {
+    if (rounds == 10) ecb<false, 10>(dk, in, out, blocks);
+    else if (rounds == 12) ecb<false, 12>(dk, in, out, blocks);
+    else ecb<false, 14>(dk, in, out, blocks);
+}
+
+void aesni_cbc_encrypt(const uint32_t *ek, int rounds, uint8_t *iv, const uint8_t *in, uint8_t *out,
+                       size_t blocks) {
+    if (rounds == 10) cbc_encrypt<10>(ek, iv, in, out, blocks);
+    else if (rounds == 12) cbc_encrypt<12>(ek, iv, in, out, blocks);
+    else cbc_encrypt<14>(ek, iv, in, out, blocks);
+}
+
+void aesni_cbc_decrypt(const uint32_t *dk, int rounds, uint8_t *iv, const uint8_t *in, uint8_t *out,
+                       size_t blocks) {
+    if (rounds == 10) cbc_decrypt<10>(dk, iv, in, out, blocks);
+    else if (rounds == 12) cbc_decrypt<12>(dk, iv, in, out, blocks);
+    else cbc_decrypt<14>(dk, iv, in, out, blocks);
+}
+
+}  // namespace vorp::cipher
