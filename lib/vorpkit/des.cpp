@@ -91,6 +91,7 @@ inline uint32_t rotr(uint32_t v, int n) { return (v >> n) | (v << (32 - n)); }
 template <int N>
 [[gnu::always_inline]] inline void feistel(uint32_t (&dst)[N], const uint32_t (&src)[N], uint32_t k0,
                                            uint32_t k1) {
+#pragma GCC unroll 4
     for (int n = 0; n < N; ++n) {
         uint32_t u = src[n] ^ k0;
         uint32_t t = rotr(src[n], 4) ^ k1;
@@ -104,11 +105,13 @@ template <int N>
 template <bool Encipher, int N>
 [[gnu::always_inline]] inline void des_pass(uint32_t (&a)[N], uint32_t (&b)[N], const uint32_t *ks) {
     if constexpr (Encipher) {
+#pragma GCC unroll 8
         for (int r = 0; r < 16; r += 2) {
             feistel(a, b, ks[2 * r], ks[2 * r + 1]);
             feistel(b, a, ks[2 * r + 2], ks[2 * r + 3]);
         }
     } else {
+#pragma GCC unroll 8
         for (int r = 15; r > 0; r -= 2) {
             feistel(a, b, ks[2 * r], ks[2 * r + 1]);
             feistel(b, a, ks[2 * r - 2], ks[2 * r - 1]);
@@ -150,6 +153,7 @@ struct Keys {
 template <bool Encipher, bool Triple, int N>
 [[gnu::always_inline]] inline void des_blocks(const Keys &keys, uint32_t (&hi)[N], uint32_t (&lo)[N]) {
     uint32_t a[N], b[N];
+#pragma GCC unroll 4
     for (int n = 0; n < N; ++n) {
         initial_permutation(hi[n], lo[n]);
         a[n] = rotr(hi[n], 1);
@@ -168,6 +172,7 @@ template <bool Encipher, bool Triple, int N>
         des_pass<true>(b, a, keys.k2);
         des_pass<false>(a, b, keys.k1);
     }
+#pragma GCC unroll 4
     for (int n = 0; n < N; ++n) {
         hi[n] = rotr(b[n], 31);
         lo[n] = rotr(a[n], 31);

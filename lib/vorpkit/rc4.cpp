@@ -28,6 +28,7 @@ void rc4_stream(uint8_t *state, const uint8_t *in, uint8_t *out, size_t len) {
     // Eight stream bytes are gathered into one word and XORed at once.
     for (; len >= 8; len -= 8, in += 8, out += 8) {
         uint64_t ks = 0;
+#pragma GCC unroll 8
         for (int k = 0; k < 8; ++k) ks |= uint64_t(next_byte(s, i, j)) << (8 * k);
         uint64_t v;
         std::memcpy(&v, in, 8);

@@ -33,12 +33,16 @@ template <bool Encipher>
 template <bool Encipher, int Rounds, size_t N>
 [[gnu::always_inline]] inline void rounds_n(const uint32_t *keys, __m128i (&s)[N]) {
     const __m128i k0 = round_key(keys, 0);
+#pragma GCC unroll 8
     for (size_t n = 0; n < N; ++n) s[n] = _mm_xor_si128(s[n], k0);
+#pragma GCC unroll 14
     for (int r = 1; r < Rounds; ++r) {
         const __m128i k = round_key(keys, r);
-        for (size_t n = 0; n < N; ++n) s[n] = round_op<Encipher>(s[n], k);
+#pragma GCC unroll 8
+    for (size_t n = 0; n < N; ++n) s[n] = round_op<Encipher>(s[n], k);
     }
     const __m128i kl = round_key(keys, Rounds);
+#pragma GCC unroll 8
     for (size_t n = 0; n < N; ++n) s[n] = last_op<Encipher>(s[n], kl);
 }
 
@@ -46,8 +50,10 @@ template <bool Encipher, int Rounds>
 void ecb(const uint32_t *keys, const uint8_t *in, uint8_t *out, size_t blocks) {
     for (; blocks >= kLanes; blocks -= kLanes, in += 16 * kLanes, out += 16 * kLanes) {
         __m128i s[kLanes];
+#pragma GCC unroll 8
         for (size_t n = 0; n < kLanes; ++n) s[n] = load_block(in + 16 * n);
         rounds_n<Encipher, Rounds>(keys, s);
+#pragma GCC unroll 8
         for (size_t n = 0; n < kLanes; ++n) store_block(out + 16 * n, s[n]);
     }
     for (; blocks; --blocks, in += 16, out += 16) {
@@ -61,12 +67,16 @@ template <int Rounds>
 void cbc_encrypt(const uint32_t *ek, uint8_t *iv, const uint8_t *in, uint8_t *out, size_t blocks) {
     // Round keys stay in registers across the chain.
     __m128i k[Rounds + 1];
+#pragma GCC unroll 15
     for (int r = 0; r <= Rounds; ++r) k[r] = round_key(ek, r);
     __m128i c = load_block(iv);
     for (; blocks; --blocks, in += 16, out += 16) {
         // Folding the first round key into the plaintext first keeps it off
         // the chain's critical path.
-        c = _mm_xor_si128(c, _mm_xor_si128(load_block(in), k[0]));
+        __m128i x = _mm_xor_si128(load_block(in), k[0]);
+        __asm__("" : "+x"(x));  // keeps the compiler from reassociating the XORs onto the chain
+        c = _mm_xor_si128(c, x);
+#pragma GCC unroll 14
         for (int r = 1; r < Rounds; ++r) c = _mm_aesenc_si128(c, k[r]);
         c = _mm_aesenclast_si128(c, k[Rounds]);
         store_block(out, c);
@@ -81,9 +91,11 @@ void cbc_decrypt(const uint32_t *dk, uint8_t *iv, const uint8_t *in, uint8_t *ou
     __m128i prev = load_block(iv);
     for (; blocks >= kLanes; blocks -= kLanes, in += 16 * kLanes, out += 16 * kLanes) {
         __m128i c[kLanes], s[kLanes];
+#pragma GCC unroll 8
         for (size_t n = 0; n < kLanes; ++n) s[n] = c[n] = load_block(in + 16 * n);
         rounds_n<false, Rounds>(dk, s);
         store_block(out, _mm_xor_si128(s[0], prev));
+#pragma GCC unroll 8
         for (size_t n = 1; n < kLanes; ++n) store_block(out + 16 * n, _mm_xor_si128(s[n], c[n - 1]));
         prev = c[kLanes - 1];
     }
