@@ -46,21 +46,33 @@ template <bool Encipher, int Rounds, size_t N>
     for (size_t n = 0; n < N; ++n) s[n] = last_op<Encipher>(s[n], kl);
 }
 
+// N blocks from `in` to `out`.
+template <bool Encipher, int Rounds, size_t N>
+[[gnu::always_inline]] inline void ecb_n(const uint32_t *keys, const uint8_t *in, uint8_t *out) {
+    __m128i s[N];
+#pragma GCC unroll 8
+    for (size_t n = 0; n < N; ++n) s[n] = load_block(in + 16 * n);
+    rounds_n<Encipher, Rounds>(keys, s);
+#pragma GCC unroll 8
+    for (size_t n = 0; n < N; ++n) store_block(out + 16 * n, s[n]);
+}
+
+// The last blocks go four, two and one at a time rather than one by one.
 template <bool Encipher, int Rounds>
 void ecb(const uint32_t *keys, const uint8_t *in, uint8_t *out, size_t blocks) {
-    for (; blocks >= kLanes; blocks -= kLanes, in += 16 * kLanes, out += 16 * kLanes) {
-        __m128i s[kLanes];
-#pragma GCC unroll 8
-        for (size_t n = 0; n < kLanes; ++n) s[n] = load_block(in + 16 * n);
-        rounds_n<Encipher, Rounds>(keys, s);
-#pragma GCC unroll 8
-        for (size_t n = 0; n < kLanes; ++n) store_block(out + 16 * n, s[n]);
+    for (; blocks >= kLanes; blocks -= kLanes, in += 16 * kLanes, out += 16 * kLanes)
+        ecb_n<Encipher, Rounds, kLanes>(keys, in, out);
+    if (blocks & 4) {
+        ecb_n<Encipher, Rounds, 4>(keys, in, out);
+        in += 64;
+        out += 64;
     }
-    for (; blocks; --blocks, in += 16, out += 16) {
-        __m128i s[1] = {load_block(in)};
-        rounds_n<Encipher, Rounds>(keys, s);
-        store_block(out, s[0]);
+    if (blocks & 2) {
+        ecb_n<Encipher, Rounds, 2>(keys, in, out);
+        in += 32;
+        out += 32;
     }
+    if (blocks & 1) ecb_n<Encipher, Rounds, 1>(keys, in, out);
 }
 
 template <int Rounds>
@@ -85,27 +97,36 @@ void cbc_encrypt(const uint32_t *ek, uint8_t *iv, const uint8_t *in, uint8_t *ou
     secure_wipe(k, sizeof k);
 }
 
+// N blocks of CBC deciphering; prev is the ciphertext block before them.
+template <int Rounds, size_t N>
+[[gnu::always_inline]] inline void cbc_decrypt_n(const uint32_t *dk, __m128i &prev, const uint8_t *in, uint8_t *out) {
+    // Ciphertext is loaded before the output is stored: `out` may be `in`.
+    __m128i c[N], s[N];
+#pragma GCC unroll 8
+    for (size_t n = 0; n < N; ++n) s[n] = c[n] = load_block(in + 16 * n);
+    rounds_n<false, Rounds>(dk, s);
+    store_block(out, _mm_xor_si128(s[0], prev));
+#pragma GCC unroll 8
+    for (size_t n = 1; n < N; ++n) store_block(out + 16 * n, _mm_xor_si128(s[n], c[n - 1]));
+    prev = c[N - 1];
+}
+
 template <int Rounds>
 void cbc_decrypt(const uint32_t *dk, uint8_t *iv, const uint8_t *in, uint8_t *out, size_t blocks) {
-    // Ciphertext is loaded before the output is stored: `out` may be `in`.
     __m128i prev = load_block(iv);
-    for (; blocks >= kLanes; blocks -= kLanes, in += 16 * kLanes, out += 16 * kLanes) {
-        __m128i c[kLanes], s[kLanes];
-#pragma GCC unroll 8
-        for (size_t n = 0; n < kLanes; ++n) s[n] = c[n] = load_block(in + 16 * n);
-        rounds_n<false, Rounds>(dk, s);
-        store_block(out, _mm_xor_si128(s[0], prev));
-#pragma GCC unroll 8
-        for (size_t n = 1; n < kLanes; ++n) store_block(out + 16 * n, _mm_xor_si128(s[n], c[n - 1]));
-        prev = c[kLanes - 1];
+    for (; blocks >= kLanes; blocks -= kLanes, in += 16 * kLanes, out += 16 * kLanes)
+        cbc_decrypt_n<Rounds, kLanes>(dk, prev, in, out);
+    if (blocks & 4) {
+        cbc_decrypt_n<Rounds, 4>(dk, prev, in, out);
+        in += 64;
+        out += 64;
     }
-    for (; blocks; --blocks, in += 16, out += 16) {
-        __m128i c = load_block(in);
-        __m128i s[1] = {c};
-        rounds_n<false, Rounds>(dk, s);
-        store_block(out, _mm_xor_si128(s[0], prev));
-        prev = c;
+    if (blocks & 2) {
+        cbc_decrypt_n<Rounds, 2>(dk, prev, in, out);
+        in += 32;
+        out += 32;
     }
+    if (blocks & 1) cbc_decrypt_n<Rounds, 1>(dk, prev, in, out);
     store_block(iv, prev);
 }
 
