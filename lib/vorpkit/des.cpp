@@ -95,9 +95,15 @@ template <int N>
     for (int n = 0; n < N; ++n) {
         uint32_t u = src[n] ^ k0;
         uint32_t t = rotr(src[n], 4) ^ k1;
-        dst[n] ^= kSp.t[0][u >> 26] ^ kSp.t[2][(u >> 18) & 63] ^ kSp.t[4][(u >> 10) & 63] ^
-                  kSp.t[6][(u >> 2) & 63] ^ kSp.t[7][t >> 26] ^ kSp.t[1][(t >> 18) & 63] ^
-                  kSp.t[3][(t >> 10) & 63] ^ kSp.t[5][(t >> 2) & 63];
+        // A balanced XOR tree: the eight lookups complete together, and a
+        // chain of eight XORs would lengthen every round by five.
+        uint32_t f0 = kSp.t[0][u >> 26] ^ kSp.t[2][(u >> 18) & 63];
+        uint32_t f1 = kSp.t[4][(u >> 10) & 63] ^ kSp.t[6][(u >> 2) & 63];
+        uint32_t f2 = kSp.t[7][t >> 26] ^ kSp.t[1][(t >> 18) & 63];
+        uint32_t f3 = kSp.t[3][(t >> 10) & 63] ^ kSp.t[5][(t >> 2) & 63];
+        // The compiler would otherwise fold the pairs back into one chain.
+        __asm__("" : "+r"(f0), "+r"(f1), "+r"(f2), "+r"(f3));
+        dst[n] ^= (f0 ^ f1) ^ (f2 ^ f3);
     }
 }
 
@@ -149,18 +155,26 @@ struct Keys {
     const uint32_t *k1, *k2, *k3;
 };
 
-// Processes N independent blocks, each given as its two big-endian halves.
+// Between the permutations a block is held as its halves after the initial
+// permutation, each rotated right by one bit (a = left, b = right).
+[[gnu::always_inline]] inline void enter_rounds(uint32_t hi, uint32_t lo, uint32_t &a, uint32_t &b) {
+    initial_permutation(hi, lo);
+    a = rotr(hi, 1);
+    b = rotr(lo, 1);
+}
+
+// The rounds leave the halves exchanged: the block to permute back is (b, a).
+[[gnu::always_inline]] inline void leave_rounds(uint32_t a, uint32_t b, uint32_t &hi, uint32_t &lo) {
+    hi = rotr(b, 31);
+    lo = rotr(a, 31);
+    final_permutation(hi, lo);
+}
+
+// The one or three DES operations of N independent blocks. Each operation
+// ends without the final swap of halves, so the next one starts with the
+// halves exchanged.
 template <bool Encipher, bool Triple, int N>
-[[gnu::always_inline]] inline void des_blocks(const Keys &keys, uint32_t (&hi)[N], uint32_t (&lo)[N]) {
-    uint32_t a[N], b[N];
-#pragma GCC unroll 4
-    for (int n = 0; n < N; ++n) {
-        initial_permutation(hi[n], lo[n]);
-        a[n] = rotr(hi[n], 1);
-        b[n] = rotr(lo[n], 1);
-    }
-    // Each operation ends without the final swap of halves, so the next one
-    // starts with the halves exchanged.
+[[gnu::always_inline]] inline void des_core(const Keys &keys, uint32_t (&a)[N], uint32_t (&b)[N]) {
     if constexpr (!Triple) {
         des_pass<Encipher>(a, b, keys.k1);
     } else if constexpr (Encipher) {
@@ -172,12 +186,17 @@ template <bool Encipher, bool Triple, int N>
         des_pass<true>(b, a, keys.k2);
         des_pass<false>(a, b, keys.k1);
     }
+}
+
+// Processes N independent blocks, each given as its two big-endian halves.
+template <bool Encipher, bool Triple, int N>
+[[gnu::always_inline]] inline void des_blocks(const Keys &keys, uint32_t (&hi)[N], uint32_t (&lo)[N]) {
+    uint32_t a[N], b[N];
 #pragma GCC unroll 4
-    for (int n = 0; n < N; ++n) {
-        hi[n] = rotr(b[n], 31);
-        lo[n] = rotr(a[n], 31);
-        final_permutation(hi[n], lo[n]);
-    }
+    for (int n = 0; n < N; ++n) enter_rounds(hi[n], lo[n], a[n], b[n]);
+    des_core<Encipher, Triple>(keys, a, b);
+#pragma GCC unroll 4
+    for (int n = 0; n < N; ++n) leave_rounds(a[n], b[n], hi[n], lo[n]);
 }
 
 // Independent blocks (ECB, and CBC deciphering) go two at a time so that the
@@ -201,18 +220,27 @@ void des_ecb(const Keys &keys, const uint8_t *in, uint8_t *out, size_t blocks) {
     }
 }
 
+// The permutations are linear, so the chaining XOR is done between them:
+// the chaining value stays permuted and only the rounds lie on the chain.
 template <bool Triple>
 void des_cbc_encipher(const Keys &keys, uint8_t *iv, const uint8_t *in, uint8_t *out, size_t blocks) {
-    uint32_t hi[1] = {load_be32(iv)}, lo[1] = {load_be32(iv + 4)};
+    uint32_t chain_a, chain_b;
+    enter_rounds(load_be32(iv), load_be32(iv + 4), chain_a, chain_b);
+    uint32_t hi = 0, lo = 0;
     for (; blocks; --blocks, in += 8, out += 8) {
-        hi[0] ^= load_be32(in);
-        lo[0] ^= load_be32(in + 4);
-        des_blocks<true, Triple>(keys, hi, lo);
-        store_be32(out, hi[0]);
-        store_be32(out + 4, lo[0]);
+        uint32_t a[1], b[1];
+        enter_rounds(load_be32(in), load_be32(in + 4), a[0], b[0]);
+        a[0] ^= chain_a;
+        b[0] ^= chain_b;
+        des_core<true, Triple>(keys, a, b);
+        chain_a = b[0];
+        chain_b = a[0];
+        leave_rounds(a[0], b[0], hi, lo);
+        store_be32(out, hi);
+        store_be32(out + 4, lo);
     }
-    store_be32(iv, hi[0]);
-    store_be32(iv + 4, lo[0]);
+    store_be32(iv, hi);
+    store_be32(iv + 4, lo);
 }
 
 template <bool Triple>
