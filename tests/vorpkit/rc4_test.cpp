@@ -4,8 +4,6 @@
 #include <cstring>
 
 #include "cipher_test_util.h"
-#include "test_support.h"
-#include "vorpkit.h"
 
 namespace {
 
