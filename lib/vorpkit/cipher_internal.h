@@ -39,4 +39,14 @@ void aesni_cbc_encrypt(const uint32_t *ek, int rounds, uint8_t *iv, const uint8_
 void aesni_cbc_decrypt(const uint32_t *dk, int rounds, uint8_t *iv, const uint8_t *in, uint8_t *out,
                        size_t blocks);
 
+// VAES versions (two blocks per instruction) for the bulk of ECB and CBC
+// deciphering: each handles whole passes of sixteen blocks and returns how
+// many blocks it did; the caller finishes the rest with the AES-NI code.
+// Usable only when vaes_available().
+constexpr size_t kVaesChunk = 16;
+bool vaes_available();
+size_t vaes_ecb(bool encipher, const uint32_t *keys, int rounds, const uint8_t *in, uint8_t *out, size_t blocks);
+size_t vaes_cbc_decrypt(const uint32_t *dk, int rounds, uint8_t *iv, const uint8_t *in, uint8_t *out,
+                        size_t blocks);
+
 }  // namespace vorp::cipher

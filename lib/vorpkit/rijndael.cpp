@@ -213,7 +213,7 @@ extern "C" unsigned char *Vorp_aes(qv_int32_t mode, const qv_uint32_t *key, unsi
     const uint32_t rounds = words % nb == 0 ? words / nb - 1 : 0;
     if ((rounds != 10 && rounds != 12 && rounds != 14) || rounds < nb + 6) return bad_argument();
     if (len % block != 0 || !data_ok(from, to, len)) return bad_argument();
-    const size_t blocks = len / block;
+    size_t blocks = len / block;
     if (blocks == 0) return to;
 
     const uint32_t *ek = key + kAesHeaderWords;
@@ -221,11 +221,18 @@ extern "C" unsigned char *Vorp_aes(qv_int32_t mode, const qv_uint32_t *key, unsi
     const bool encipher = mode == 0;
     const int nr = static_cast<int>(rounds);
     if (nb == 4 && vorp::cpu().aesni) {
+        // CBC enciphering waits on each block and gains nothing from VAES.
+        size_t done = 0;
+        if (blocks >= kVaesChunk && (!iv || !encipher) && vaes_available())
+            done = iv ? vaes_cbc_decrypt(dk, nr, iv, from, to, blocks)
+                      : vaes_ecb(encipher, encipher ? ek : dk, nr, from, to, blocks);
+        const uint8_t *in = from + 16 * done;
+        uint8_t *out = to + 16 * done;
+        blocks -= done;
         if (!iv)
-            encipher ? aesni_ecb_encrypt(ek, nr, from, to, blocks) : aesni_ecb_decrypt(dk, nr, from, to, blocks);
+            encipher ? aesni_ecb_encrypt(ek, nr, in, out, blocks) : aesni_ecb_decrypt(dk, nr, in, out, blocks);
         else
-            encipher ? aesni_cbc_encrypt(ek, nr, iv, from, to, blocks)
-                     : aesni_cbc_decrypt(dk, nr, iv, from, to, blocks);
+            encipher ? aesni_cbc_encrypt(ek, nr, iv, in, out, blocks) : aesni_cbc_decrypt(dk, nr, iv, in, out, blocks);
     } else if (nb == 4) {
         portable_run<4>(encipher, ek, dk, nr, iv, from, to, blocks);
     } else if (nb == 6) {

@@ -4,7 +4,6 @@
 // The round keys are read in the layout the portable code builds.
 #include <immintrin.h>
 
-#include "byte_order.h"
 #include "cipher_internal.h"
 
 namespace vorp::cipher {
@@ -77,24 +76,21 @@ void ecb(const uint32_t *keys, const uint8_t *in, uint8_t *out, size_t blocks) {
 
 template <int Rounds>
 void cbc_encrypt(const uint32_t *ek, uint8_t *iv, const uint8_t *in, uint8_t *out, size_t blocks) {
-    // Round keys stay in registers across the chain.
-    __m128i k[Rounds + 1];
-#pragma GCC unroll 15
-    for (int r = 0; r <= Rounds; ++r) k[r] = round_key(ek, r);
+    // The round keys are read from the caller's schedule; the compiler keeps
+    // them in registers across the chain, and no copy is made to wipe.
     __m128i c = load_block(iv);
     for (; blocks; --blocks, in += 16, out += 16) {
         // Folding the first round key into the plaintext first keeps it off
         // the chain's critical path.
-        __m128i x = _mm_xor_si128(load_block(in), k[0]);
+        __m128i x = _mm_xor_si128(load_block(in), round_key(ek, 0));
         __asm__("" : "+x"(x));  // keeps the compiler from reassociating the XORs onto the chain
         c = _mm_xor_si128(c, x);
 #pragma GCC unroll 14
-        for (int r = 1; r < Rounds; ++r) c = _mm_aesenc_si128(c, k[r]);
-        c = _mm_aesenclast_si128(c, k[Rounds]);
+        for (int r = 1; r < Rounds; ++r) c = _mm_aesenc_si128(c, round_key(ek, r));
+        c = _mm_aesenclast_si128(c, round_key(ek, Rounds));
         store_block(out, c);
     }
     store_block(iv, c);
-    secure_wipe(k, sizeof k);
 }
 
 // N blocks of CBC deciphering; prev is the ciphertext block before them.

@@ -39,14 +39,15 @@ TEST_P(Rijndael, KnownAnswers) {
     }
 }
 
-// Up to 19 blocks covers the eight-block loop of the accelerated code, each
-// of its tails, and two passes through it.
+// The block counts cover the accelerated code's eight-block AES-NI loop with
+// each of its tails, and its sixteen-block VAES passes (one, two, three)
+// followed by each AES-NI part.
 TEST_P(Rijndael, AesMatchesOpenSslOnRandomInput) {
     const EVP_CIPHER *ecb[] = {EVP_aes_128_ecb(), EVP_aes_192_ecb(), EVP_aes_256_ecb()};
     const EVP_CIPHER *cbc[] = {EVP_aes_128_cbc(), EVP_aes_192_cbc(), EVP_aes_256_cbc()};
     std::mt19937 rng(197);
     for (int size = 0; size < 3; ++size) {
-        for (size_t blocks = 0; blocks <= 19; ++blocks) {
+        for (size_t blocks : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 15, 16, 17, 19, 23, 24, 31, 32, 47, 48}) {
             for (int mode = 0; mode <= 3; ++mode) {  // bit 0: decipher, bit 1: CBC
                 SCOPED_TRACE(testing::Message() << 16 + 8 * size << "-byte key, " << blocks << " blocks, case "
                                                 << mode);
