@@ -37,11 +37,16 @@ constexpr uint32_t rotl8(uint32_t v, int n) { return n ? (v << (8 * n)) | (v >> 
 
 constexpr Tables make_tables() {
     Tables t{};
+    // Powers of the generator 3 give the multiplicative inverses cheaply
+    // enough for compile-time evaluation.
+    uint8_t exp[255] = {}, log[256] = {};
+    for (int i = 0, p = 1; i < 255; ++i, p = p ^ xtime(uint8_t(p))) {
+        exp[i] = uint8_t(p);
+        log[p] = uint8_t(i);
+    }
     for (int x = 0; x < 256; ++x) {
         // Multiplicative inverse (0 maps to 0), then the affine map.
-        uint8_t inv = 0;
-        for (int y = 1; y < 256 && x; ++y)
-            if (gmul(uint8_t(x), uint8_t(y)) == 1) inv = uint8_t(y);
+        uint8_t inv = x ? exp[(255 - log[x]) % 255] : 0;
         uint8_t s = inv;
         for (int i = 1; i < 5; ++i) s ^= uint8_t((inv << i) | (inv >> (8 - i)));
         s ^= 0x63;

@@ -11,23 +11,25 @@
 
 namespace vorp::cipher {
 
-#pragma GCC push_options
-#pragma GCC target("aes,vaes,avx,avx2")
+// Every function below carries the target attribute (GCC and Clang both
+// honour it), so that nothing else in the library is built for VAES.
+#define VAES_TARGET __attribute__((target("aes,vaes,avx,avx2")))
+
 namespace {
 
 constexpr size_t kLanes = kVaesChunk / 2;    // 256-bit registers
 constexpr size_t kChunk = kVaesChunk;        // blocks per pass: two per register
 constexpr size_t kChunkBytes = 16 * kChunk;
 
-inline __m256i round_key(const uint32_t *keys, int round) {
+VAES_TARGET inline __m256i round_key(const uint32_t *keys, int round) {
     return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(keys + 4 * round)));
 }
 
-inline __m256i load2(const uint8_t *p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p)); }
-inline void store2(uint8_t *p, __m256i v) { _mm256_storeu_si256(reinterpret_cast<__m256i *>(p), v); }
+VAES_TARGET inline __m256i load2(const uint8_t *p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p)); }
+VAES_TARGET inline void store2(uint8_t *p, __m256i v) { _mm256_storeu_si256(reinterpret_cast<__m256i *>(p), v); }
 
 template <bool Encipher, int Rounds>
-[[gnu::always_inline]] inline void rounds16(const uint32_t *keys, __m256i (&s)[kLanes]) {
+[[gnu::always_inline]] VAES_TARGET inline void rounds16(const uint32_t *keys, __m256i (&s)[kLanes]) {
     const __m256i k0 = round_key(keys, 0);
 #pragma GCC unroll 8
     for (size_t n = 0; n < kLanes; ++n) s[n] = _mm256_xor_si256(s[n], k0);
@@ -45,7 +47,7 @@ template <bool Encipher, int Rounds>
 }
 
 template <bool Encipher, int Rounds>
-void ecb(const uint32_t *keys, const uint8_t *in, uint8_t *out, size_t chunks) {
+VAES_TARGET void ecb(const uint32_t *keys, const uint8_t *in, uint8_t *out, size_t chunks) {
     for (; chunks; --chunks, in += kChunkBytes, out += kChunkBytes) {
         __m256i s[kLanes];
 #pragma GCC unroll 8
@@ -57,7 +59,7 @@ void ecb(const uint32_t *keys, const uint8_t *in, uint8_t *out, size_t chunks) {
 }
 
 template <int Rounds>
-void cbc_decrypt(const uint32_t *dk, uint8_t *iv, const uint8_t *in, uint8_t *out, size_t chunks) {
+VAES_TARGET void cbc_decrypt(const uint32_t *dk, uint8_t *iv, const uint8_t *in, uint8_t *out, size_t chunks) {
     __m128i prev = _mm_loadu_si128(reinterpret_cast<const __m128i *>(iv));
     for (; chunks; --chunks, in += kChunkBytes, out += kChunkBytes) {
         // Every ciphertext block is loaded before any output is stored:
@@ -79,7 +81,7 @@ void cbc_decrypt(const uint32_t *dk, uint8_t *iv, const uint8_t *in, uint8_t *ou
 
 }  // namespace
 
-size_t vaes_ecb(bool encipher, const uint32_t *keys, int rounds, const uint8_t *in, uint8_t *out, size_t blocks) {
+VAES_TARGET size_t vaes_ecb(bool encipher, const uint32_t *keys, int rounds, const uint8_t *in, uint8_t *out, size_t blocks) {
     const size_t chunks = blocks / kChunk;
     if (encipher) {
         if (rounds == 10) ecb<true, 10>(keys, in, out, chunks);
@@ -93,7 +95,7 @@ size_t vaes_ecb(bool encipher, const uint32_t *keys, int rounds, const uint8_t *
     return chunks * kChunk;
 }
 
-size_t vaes_cbc_decrypt(const uint32_t *dk, int rounds, uint8_t *iv, const uint8_t *in, uint8_t *out,
+VAES_TARGET size_t vaes_cbc_decrypt(const uint32_t *dk, int rounds, uint8_t *iv, const uint8_t *in, uint8_t *out,
                         size_t blocks) {
     const size_t chunks = blocks / kChunk;
     if (chunks == 0) return 0;
@@ -102,7 +104,6 @@ size_t vaes_cbc_decrypt(const uint32_t *dk, int rounds, uint8_t *iv, const uint8
     else cbc_decrypt<14>(dk, iv, in, out, chunks);
     return chunks * kChunk;
 }
-#pragma GCC pop_options
 
 bool vaes_available() {
     static const bool has = [] {
