@@ -90,6 +90,82 @@ void Vorp_sha(qv_uint32_t *state, const void *data, qv_uint32_t dataLen, void *d
 
 /* ---- Symmetric ciphers (DES, triple DES, Rijndael, RC4) ---- */
 
+/*
+ * Key records. A DES schedule is VORP_DES_KEY_WORDS(nKeys) words: the key
+ * count, then 32 round-subkey words per key. A Rijndael schedule is
+ * VORP_AES_KEY_WORDS(keyLen, blockSize) words (never more than
+ * VORP_AES_KEY_WORDS_MAX): the block size in bytes, the number W of
+ * round-key words, W enciphering then W deciphering round-key words. An RC4
+ * state is VORP_RC4_STATE_LEN bytes: the permutation, then the indices i and j.
+ * No routine pads: callers give whole blocks.
+ */
+#define VORP_DES_KEY_WORDS(nKeys) (1 + 32 * (nKeys))
+#define VORP_AES_KEY_WORDS(keyLen, blockSize) \
+    (2 + 2 * ((blockSize) / 4) * \
+     (((keyLen) > (blockSize) ? (keyLen) : (blockSize)) / 4 + 7))
+#define VORP_AES_KEY_WORDS_MAX VORP_AES_KEY_WORDS(32, 32)
+#define VORP_RC4_STATE_LEN 258
+
+/*
+ * Vorp_desKey: builds the schedule of nKeys (1, 2 or 3) DES keys whose 8-byte
+ * raw forms follow one another at rawKey (parity bits are ignored). Writes it
+ * to key, or to a newly malloc'ed block (the caller frees it) when key is
+ * NULL. Returns the schedule, or NULL with Vorp_errno VORP_E_BAD_ARGUMENT
+ * (nKeys out of range, rawKey NULL) or VORP_E_NO_MEMORY.
+ */
+qv_uint32_t *Vorp_desKey(const unsigned char *rawKey, qv_int32_t nKeys, qv_uint32_t *key);
+
+/*
+ * Vorp_des: enciphers (mode 0) or deciphers (any other mode) len bytes from
+ * `from` into `to` with DES (one key) or triple DES encipher-decipher-encipher
+ * (two keys: 1, 2, 1; three keys: 1, 2, 3; deciphering in reverse). With iv
+ * NULL each 8-byte block is processed alone (ECB); otherwise the 8 bytes at iv
+ * are the CBC chaining value and receive the last ciphertext block, so that
+ * consecutive calls continue one chain. `to` may equal `from`. Returns `to`,
+ * or NULL with Vorp_errno VORP_E_BAD_ARGUMENT when len is not a multiple of 8,
+ * the schedule's key count is not 1..3 or a pointer is missing; nothing is
+ * written then.
+ */
+unsigned char *Vorp_des(qv_int32_t mode, const qv_uint32_t *key, unsigned char *iv,
+                        const unsigned char *from, unsigned char *to, qv_uint32_t len);
+
+/*
+ * Vorp_aesKey: builds the Rijndael schedule for a keyLen-byte key and
+ * blockSize-byte blocks (each 16, 24 or 32; 16-byte blocks are AES). Writes it
+ * to key, or to a newly malloc'ed block (the caller frees it) when key is
+ * NULL. Returns the schedule, or NULL with Vorp_errno VORP_E_BAD_ARGUMENT (a
+ * size not 16, 24 or 32, rawKey NULL) or VORP_E_NO_MEMORY.
+ */
+qv_uint32_t *Vorp_aesKey(const unsigned char *rawKey, qv_int32_t keyLen, qv_uint32_t *key,
+                         qv_int32_t blockSize);
+
+/*
+ * Vorp_aes: as Vorp_des, with Rijndael and the schedule's block size in place
+ * of 8: mode 0 enciphers, iv NULL is ECB, else CBC with the chaining value
+ * (one block) written back to iv. Returns `to`, or NULL with Vorp_errno
+ * VORP_E_BAD_ARGUMENT when len is not a multiple of the block size, the
+ * schedule is malformed or a pointer is missing; nothing is written then.
+ */
+unsigned char *Vorp_aes(qv_int32_t mode, const qv_uint32_t *key, unsigned char *iv,
+                        const unsigned char *from, unsigned char *to, qv_uint32_t len);
+
+/*
+ * Vorp_rc4Key: the RC4 key setup over keylen (at least 1) bytes at rawKey.
+ * Writes the VORP_RC4_STATE_LEN-byte state to key, or to a newly malloc'ed
+ * block (the caller frees it) when key is NULL. Returns the state, or NULL
+ * with Vorp_errno VORP_E_BAD_ARGUMENT (keylen below 1, rawKey NULL) or
+ * VORP_E_NO_MEMORY.
+ */
+unsigned char *Vorp_rc4Key(const unsigned char *rawKey, qv_int32_t keylen, unsigned char *key);
+
+/*
+ * Vorp_rc4: XORs len bytes of key stream into `to` from data (`to` may equal
+ * data) and advances the state, so that calls continue one stream. Returns
+ * `to`, or NULL with Vorp_errno VORP_E_BAD_ARGUMENT when a pointer is missing.
+ */
+unsigned char *Vorp_rc4(unsigned char *key, const unsigned char *data, unsigned char *to,
+                        qv_uint32_t len);
+
 /* ---- end of symmetric ciphers ---- */
 
 /* ---- Random numbers ---- */
