@@ -357,6 +357,125 @@ void sec__free_config_recs(sec_config_rec_t head);
 qv_uint32_t sec__validate_config_file(const char *path, sec_config_rec_t *recs, qv_int32_t *count,
                                       qv_int32_t *line);
 
+/* Readers-writer lock (module table entries). Writers have preference;
+ * promote and demote are not atomic (others may get in between). Waits are
+ * cancellation points whose clean-up repairs the counters; a holder that can
+ * be cancelled pushes its own handler that unlocks. */
+void sec__simple_init(pthread_mutex_t *mutex);
+void sec__lock_init(sec_rwlock_t lock);
+void sec__lock_destroy(sec_rwlock_t lock);
+void sec__lock_read(sec_rwlock_t lock);
+void sec__unlock_read(sec_rwlock_t lock);
+void sec__lock_write(sec_rwlock_t lock);
+void sec__unlock_write(sec_rwlock_t lock);
+/* 0 when the write lock was taken, -1 when the lock is held (waiting writers
+ * are not considered). */
+int sec__trylock_write(sec_rwlock_t lock);
+/* Caller holds a read lock and ends holding the write lock. */
+void sec__lock_promote(sec_rwlock_t lock);
+/* Caller holds the write lock and ends holding a read lock. */
+void sec__lock_demote(sec_rwlock_t lock);
+void sec__waiting_reader_cleanup(pthread_mutex_t *mutex);
+void sec__waiting_writer_cleanup(sec_rwlock_t lock);
+
+/* Module table. The routines marked so run with SEC_STATE.lock held by the
+ * caller. */
+/* Finds the entry for rec->code, or reserves a free one (copying the
+ * mnemonic and path); 21 when all 8 entries hold other codes. Caller holds
+ * SEC_STATE.lock. */
+qv_uint32_t sec__reserve_mpm(sec_config_rec_t rec, sec_mpm_entry_t *entry);
+/* A calloc'ed, NULL-terminated array of the entries that the configuration
+ * file lists, in table order; the caller frees the array only. Caller holds
+ * SEC_STATE.lock. */
+qv_uint32_t sec__select_mpms(sec_mpm_entry_t **list);
+/* Re-reads the configuration, reserves an entry per record and, when list
+ * is not NULL, selects the listed entries into *list. Caller holds
+ * SEC_STATE.lock. */
+qv_uint32_t sec__read_reserve_select(sec_mpm_entry_t **list);
+/* The entry for code, or NULL. Takes SEC_STATE.lock. */
+sec_mpm_entry_t sec__get_mpm_entry(qv_uint32_t code);
+/* Loads the module and calls its mpm_init; caller holds entry->lock for
+ * writing. 22 with 2650-050, 2650-051 or 2650-052 when it cannot. */
+qv_uint32_t sec__load_mpm(sec_mpm_entry_t entry);
+/* The service token's mechanism data for entry, created (zeroed, at the head
+ * of the list) when missing. Caller holds svc->lock. */
+qv_uint32_t sec__check_mech_data(sec_svc_token_t svc, sec_mpm_entry_t entry, sec_mech_data_t *mdata);
+/* The same keyed by mechanism code: 8 with 2650-070 when no entry has the
+ * code. Takes SEC_STATE.lock for the lookup and then svc->lock itself, so the
+ * caller holds neither. */
+qv_uint32_t sec__check_mech_data2(sec_svc_token_t svc, qv_uint32_t code, sec_mech_data_t *mdata);
+
+/* Module routines. A routine pointer as looked up (cast it to the routine's
+ * own type, see qv_sec_mpm.h); mpm_init's type. */
+typedef qv_uint32_t (*sec_mpm_routine_t)();
+typedef void (*sec_mpm_init_routine_t)(void);
+
+/* Looks func_name up in the entry's module, loading the module first when
+ * needed. On 0 the caller holds entry->lock for reading and must release it
+ * with sec__mpm_end_routine; on failure (22) it holds nothing. */
+qv_uint32_t sec__mpm_start_routine(sec_mpm_entry_t entry, char *func_name, sec_mpm_routine_t *func);
+/* Stamps entry->ltime and releases the read lock. */
+void sec__mpm_end_routine(sec_mpm_entry_t entry);
+
+/* One wrapper per module routine. Each holds the entry's read lock for the
+ * call, stores the routine's major status in st->maj_stat and its minor
+ * status in st->min_stat, and returns 0 when the status is success (0, or 1
+ * for the three context-establishment routines). On another status it sets
+ * st->desc to the routine's name and st->mech_code to the entry's code and
+ * returns 3 (24, 34 or 36 where noted). A failed lookup returns 22 without
+ * touching st. The arguments are in the library's order; the wrapper passes
+ * them in the module's (see qv_sec_mpm.h). */
+qv_uint32_t sec__mpm_start(sec_mpm_entry_t entry, sec_status_t st, qv_uint32_t flags, void **token);
+qv_uint32_t sec__mpm_end(sec_mpm_entry_t entry, sec_status_t st, qv_uint32_t flags, void *token);
+qv_uint32_t sec__mpm_set_ctx_attribute(sec_mpm_entry_t entry, sec_status_t st, void *svc_tkn, qv_uint32_t attr,
+                                       void *data, void **ctx_tkn);
+qv_uint32_t sec__mpm_service_cleanup(sec_mpm_entry_t entry, sec_status_t st, qv_uint32_t flags, void *token);
+qv_uint32_t sec__mpm_start_sec_context(sec_mpm_entry_t entry, sec_status_t st, void *sec_token, qv_uint32_t flags,
+                                       char *trg_svc, char *trg_host, void **ctx_token, sec_buffer_t cbuff);
+qv_uint32_t sec__mpm_get_target_name(sec_mpm_entry_t entry, sec_status_t st, void *token, char *service,
+                                     char *host, qv_int32_t *length, char *name);
+qv_uint32_t sec__mpm_complete_sec_context(sec_mpm_entry_t entry, sec_status_t st, sec_buffer_t sbuff, void *token,
+                                          sec_buffer_t cbuff);
+qv_uint32_t sec__mpm_get_ctx_lifetime(sec_mpm_entry_t entry, sec_status_t st, void *token, qv_int32_t *lifetime);
+qv_uint32_t sec__mpm_get_ctx_flags(sec_mpm_entry_t entry, sec_status_t st, void *token, qv_uint32_t *flags);
+qv_uint32_t sec__mpm_prepare_data(sec_mpm_entry_t entry, sec_status_t st, void *token, qv_uint32_t flags,
+                                  sec_buffer_t in, sec_buffer_t out);
+qv_uint32_t sec__mpm_process_data(sec_mpm_entry_t entry, sec_status_t st, void *token, sec_buffer_t in,
+                                  sec_buffer_t out);
+qv_uint32_t sec__mpm_end_context(sec_mpm_entry_t entry, sec_status_t st, void *token);
+qv_uint32_t sec__mpm_login_as_service(sec_mpm_entry_t entry, sec_status_t st, char *svc_name, void *token);
+qv_uint32_t sec__mpm_login_as_user(sec_mpm_entry_t entry, sec_status_t st, void *token, sec_buffer_t id,
+                                   void *authenticator, qv_uint32_t flags);
+qv_uint32_t sec__mpm_renew_identity(sec_mpm_entry_t entry, sec_status_t st, void *token, qv_int32_t *lifetime);
+qv_uint32_t sec__mpm_receive_sec_context(sec_mpm_entry_t entry, sec_status_t st, void *svc_tkn, sec_buffer_t cbuff,
+                                         void **ctx_tkn, sec_buffer_t sbuff, qv_uint32_t *rflags);
+qv_uint32_t sec__mpm_get_client_name(sec_mpm_entry_t entry, sec_status_t st, void *token, qv_int32_t *name_len,
+                                     char *name);
+qv_uint32_t sec__mpm_get_mapped_name(sec_mpm_entry_t entry, sec_status_t st, void *token, qv_int32_t *name_len,
+                                     char *name);
+qv_uint32_t sec__mpm_get_client_id(sec_mpm_entry_t entry, sec_status_t st, void *token, qv_int32_t *id_len,
+                                   char *id);
+/* Releases a buffer that one of the module's routines produced. Takes no
+ * status record: the module's statuses are ignored, and the result is the
+ * lookup's (0 or 22). */
+qv_uint32_t sec__mpm_release_buffer(sec_mpm_entry_t entry, sec_buffer_t buff);
+qv_uint32_t sec__mpm_create_id_context(sec_mpm_entry_t entry, sec_status_t st, qv_uint32_t flags, void *in,
+                                       void **id_ctx);
+/* 24 when the module's status is 24. */
+qv_uint32_t sec__mpm_sign_data_v(sec_mpm_entry_t entry, sec_status_t st, void *token, qv_int32_t count,
+                                 struct iovec *vector, sec_buffer_t signature);
+/* 24 or 34 when the module's status is 24 or 34. */
+qv_uint32_t sec__mpm_verify_data_v(sec_mpm_entry_t entry, sec_status_t st, void *token, sec_buffer_t signature,
+                                   qv_int32_t count, struct iovec *vector);
+qv_uint32_t sec__mpm_get_ctx_mpm(sec_mpm_entry_t entry, sec_status_t st, void *token, char *mpm);
+/* 36 when the module's status is 36. */
+qv_uint32_t sec__mpm_user_valid(sec_mpm_entry_t entry, sec_status_t st, void *token, char *username);
+
+/* Binds the UNIX-domain socket sockfd to path followed by "sec", the process
+ * id and thread id in hex and sixteen hex digits of time; *rpath receives a
+ * malloc'ed copy of the bound path. 10 when the bind fails. */
+qv_uint32_t sec__bind_unix_socket(int sockfd, char *path, char **rpath);
+
 /* Tracing under the component "_SEA": six categories (Errors, Info, API,
  * Buffer, SVCTKN, CTXTKN), levels set by the trace library. */
 extern unsigned char sec__trace_detail_levels[6];

@@ -20,6 +20,7 @@
 
 #include "config.h"
 #include "errors.h"
+#include "mpm.h"
 
 namespace {
 
@@ -249,7 +250,7 @@ qv_uint32_t sec__read_config(void) {
     sec_config_desc &config = SEC_STATE.config;
     sec_mpm_desc &mpms = SEC_STATE.mpms;
     for (int i = 0; i < mpms.count && i < SEC_MPM_MAX_ENTRIES; ++i) {
-        mpms.entries[i].state |= SEC_MPM_S_NOT_CONFIGURED;
+        sec_mpm_state_set(mpms.entries[i], SEC_MPM_S_NOT_CONFIGURED);
     }
     qv_int32_t mtime = 0, size = 0;
     qv_uint32_t rc = sec__check_cfg_file(&mtime, &size);

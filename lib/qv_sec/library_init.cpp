@@ -16,6 +16,7 @@ void sec__cts_init(void) {
     std::memset(&SEC_STATE, 0, sizeof SEC_STATE);
     pthread_mutex_init(&SEC_STATE.lock, nullptr);
     pthread_mutex_lock(&SEC_STATE.lock);
+    for (sec_mpm_entry_desc &e : SEC_STATE.mpms.entries) sec__lock_init(&e.lock);
 
     // QV_SEC_CONFIG is used as it stands, even when no such file exists.
     const char *path = std::getenv("QV_SEC_CONFIG");

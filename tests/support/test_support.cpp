@@ -24,8 +24,8 @@ std::string trim(const std::string &s) {
 }
 }  // namespace
 
-std::string source_dir() { return env_or("QV_TEST_SOURCE_DIR", "."); }
-std::string binary_dir() { return env_or("QV_TEST_BINARY_DIR", "."); }
+std::string source_dir() { return env_or("QV_TEST_SOURCE_DIR", QV_SOURCE_DIR); }
+std::string binary_dir() { return env_or("QV_TEST_BINARY_DIR", QV_BINARY_DIR); }
 
 TempDir::TempDir() {
     std::string tmpl = env_or("TMPDIR", "/tmp") + "/qvtest.XXXXXX";

@@ -12,6 +12,8 @@ const Command kCommands[] = {
     {"config", "config check [FILE]",
      "validate a configuration file as the library reads it (default: the file the library would read)",
      run_config},
+    {"mechs", "mechs [--load]",
+     "list the configured mechanisms; with --load, load each module and list the routines it exports", run_mechs},
 };
 
 void usage(FILE *out) {

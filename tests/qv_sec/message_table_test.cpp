@@ -1,0 +1,120 @@
+#include <gtest/gtest.h>
+
+#include <nl_types.h>
+
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "errors.h"
+#include "library_init.h"
+#include "sec_test_util.h"
+#include "test_support.h"
+
+namespace {
+
+// Builds an error record for message n with sample arguments typed from the
+// conversions of its default text.
+struct SampleRecord {
+    cu_error_t rec{};
+    std::vector<cu_arg_t> args;
+    std::vector<std::string> strings;
+
+    explicit SampleRecord(int n) {
+        static const std::regex conv(R"(%(\d+\$)?[-+ #0-9]*([a-z])(ll)?)");
+        const std::string text = cu_mesgtbl_qvsec_msg[n];
+        std::map<int, cu_arg_t> by_position;
+        int next = 1;
+        strings.reserve(8);
+        for (auto it = std::sregex_iterator(text.begin(), text.end(), conv); it != std::sregex_iterator(); ++it) {
+            const std::smatch &m = *it;
+            int pos = m[1].matched ? std::stoi(m[1].str()) : next;
+            next = pos + 1;
+            cu_arg_t a{};
+            char c = m[2].str()[0];
+            if (c == 's') {
+                strings.push_back("str" + std::to_string(pos));
+                a.cu_arg_type = CU_ARG_STRING;
+                a.cu_arg_value.cu_arg_string = strings.back().data();
+            } else if (c == 'd') {
+                a.cu_arg_type = CU_ARG_INT;
+                a.cu_arg_value.cu_arg_long = -pos;
+            } else if (m[3].matched) {
+                a.cu_arg_type = CU_ARG_ULONG;
+                a.cu_arg_value.cu_arg_ulong = 0x0123456789abcdefULL;
+            } else {
+                a.cu_arg_type = CU_ARG_UINT;
+                a.cu_arg_value.cu_arg_ulong = 0xa0u + static_cast<unsigned>(pos);
+            }
+            by_position[pos] = a;
+        }
+        for (auto &[pos, a] : by_position) args.push_back(a);
+        rec.cu_error_id = 1;
+        rec.cu_msg_cat = const_cast<char *>("qvtest-absent.cat");
+        rec.cu_msg_set = 1;
+        rec.cu_msg_num = n;
+        rec.cu_msg_default = const_cast<char *>(cu_mesgtbl_qvsec_msg[n]);
+        rec.cu_arg_cnt = static_cast<qv_uint32_t>(args.size());
+        rec.cu_args = args.data();
+    }
+
+    std::string render() {
+        char *msg = nullptr;
+        EXPECT_EQ(cu_get_errmsg_1(&rec, &msg), 0);
+        std::string s = msg ? msg : "";
+        cu_rel_errmsg_1(msg);
+        return s;
+    }
+};
+
+TEST(MessageTable, EveryMessageFormatsCompletely) {
+    ASSERT_STREQ(cu_mesgtbl_qvsec_msg[0], "Reserved: DO NOT USE!");
+    ASSERT_STREQ(cu_mesgtbl_qvsec_msg[SEC_MSG_COUNT - 1] + 0, cu_mesgtbl_qvsec_msg[78]);
+    for (int n = 0; n < SEC_MSG_COUNT; ++n) {
+        SCOPED_TRACE(n);
+        std::string out = SampleRecord(n).render();
+        EXPECT_FALSE(out.empty());
+        EXPECT_EQ(out.find('%'), std::string::npos) << out;
+    }
+}
+
+TEST(MessageTable, OddConversionsRenderAsIntended) {
+    EXPECT_EQ(SampleRecord(MSG_2650_999).render(),
+              "2650-999 An error occurred in the MPM layer: 0x0000a1 0x0000a2 0x0000a3 str4.");
+    EXPECT_EQ(SampleRecord(MSG_2650_087).render(),
+              "2650-087 libqv_sec: Identity context error: sec_create_id_context()\n"
+              "is unable to generate an identity context token from the CIDB provided.\n"
+              "The CIDB contains an identity that is usable only on the host where the\n"
+              "CIDB was created and is ambiguous on the current host.\n"
+              "Please ensure that the CIDB contains a network identity that is not\n"
+              "ambiguous.\nMechanism code: 0x000000a1\n"
+              "QUOR node ID (of host where CIDB was created): 0123456789abcdef\n");
+    EXPECT_EQ(SampleRecord(MSG_2650_001).render(),
+              "2650-001 An error occurred in the MPM layer.\n\tmechanism code: 0xa1\n\troutine name: str2\n"
+              "\tmajor status: 0xa3\n\tminor status: 0xa4\n");
+}
+
+TEST(MessageTable, ReportedThroughTheLibrary) {
+    sec_report(SEC_S_INTERNAL, MSG_2650_034, "alpha", 5, "beta");
+    EXPECT_EQ(last_error_text(),
+              "2650-034 libqv_sec Internal failure detected.\n\tFunction name: alpha\n"
+              "\tReturn code from function: 5\n\tRoutine calling the function: beta\n"
+              "Contact Tarvo Customer Support and report this incident.\n");
+    // A number outside the table is rendered with the text that says so.
+    sec_report(SEC_S_INTERNAL, 79);
+    EXPECT_EQ(last_error_text(), "Bad message id for message set qvsec_msg");
+}
+
+// The catalogue built from the table holds every text byte for byte.
+TEST(MessageTable, GeneratedCatalogueMatchesTable) {
+    std::string path = qvtest::binary_dir() + "/share/qvsec/qvsec.cat";
+    nl_catd cat = catopen(path.c_str(), 0);
+    ASSERT_NE(cat, reinterpret_cast<nl_catd>(-1)) << path;
+    for (int n = 1; n < SEC_MSG_COUNT; ++n) {
+        EXPECT_STREQ(catgets(cat, 1, n, "<missing>"), cu_mesgtbl_qvsec_msg[n]) << n;
+    }
+    catclose(cat);
+}
+
+}  // namespace

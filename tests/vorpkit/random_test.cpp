@@ -1,0 +1,345 @@
+// The random generators: the fixed-point logarithm and the condenser, the
+// output order of the true-random generator, its fallback to the operating
+// system when the clock shows no jitter, and the pseudo-random generator
+// against a model written here (OpenSSL's MD5 as the digest).
+#include <openssl/evp.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "random_internal.h"
+#include "test_support.h"
+#include "vorpkit.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+namespace rng = vorp::rng;
+
+Bytes md5(const uint8_t *p, size_t n) {
+    Bytes d(16);
+    unsigned len = 0;
+    EVP_Digest(p, n, d.data(), &len, EVP_md5(), nullptr);
+    return d;
+}
+
+// ---- Scripted entropy sources ----
+
+// A clock in microseconds: g_seconds whole seconds plus a tick. Each tick
+// value is read 1 + s times, s from the script: the read that sees the
+// change and s reads of the same value, so each sample is known in advance.
+long g_seconds = 0;
+long g_tick = 0;
+uint32_t g_reads_left = 0;
+std::mt19937 g_script;
+uint32_t (*g_next_sample)() = nullptr;
+size_t g_os_calls = 0;
+
+clock_t scripted_clock() {
+    if (g_reads_left == 0) {
+        ++g_tick;
+        g_reads_left = g_next_sample() + 1;  // the read that sees the change, then the same ones
+    }
+    --g_reads_left;
+    return static_cast<clock_t>(g_seconds * 1000000 + g_tick % 1000000);
+}
+
+// The clock as measured on our machines: 0 (retried) or 1 same reads.
+uint32_t no_jitter() { return g_script() % 5 == 0 ? 0 : 1; }
+// A clock with some jitter: 1, or 6 one time in four (about 0.8 bit a
+// sample, so a round needs more than its first 64 samples).
+uint32_t some_jitter() { return g_script() % 4 == 0 ? 6 : 1; }
+
+void counting_os_random(uint8_t *buf, size_t n) {
+    ++g_os_calls;
+    rng::system_random(buf, n);
+}
+
+// Installs scripted sources for one test and restores the real ones.
+class ScriptedSources {
+public:
+    explicit ScriptedSources(uint32_t (*next)(), uint32_t script_seed = 1) {
+        g_next_sample = next;
+        g_script.seed(script_seed);
+        g_reads_left = 0;
+        g_tick = 0;
+        g_os_calls = 0;
+        saved_ = rng::replace_entropy_sources({scripted_clock, counting_os_random});
+    }
+    ~ScriptedSources() { rng::replace_entropy_sources(saved_); }
+
+private:
+    rng::EntropySources saved_;
+};
+
+Bytes trng_bytes(Vorp_trng_t &t, size_t n) {
+    Bytes b(n);
+    Vorp_trng(&t, b.data(), static_cast<qv_uint32_t>(n));
+    return b;
+}
+
+// ---- Helpers of the true-random generator ----
+
+TEST(RandomHelpers, Log2MatchesTheDefinition) {
+    // Spot values: 2^k, the table's ends, and a value whose low bits drop.
+    const std::pair<uint32_t, uint32_t> spots[] = {{0, 0},       {1, 0},       {2, 1000},     {3, 1585},
+                                                   {64, 6000},   {65, 6022},   {127, 6989},   {128, 7000},
+                                                   {129, 7000},  {4243, 12044}, {0xffffffff, 31989}};
+    for (auto [v, want] : spots) EXPECT_EQ(rng::log2(v), want) << v;
+    for (uint32_t v = 1; v < 100000; v += (v < 4096 ? 1 : 97)) {
+        int e = 31 - __builtin_clz(v);
+        uint32_t m = e >= 6 ? v >> (e - 6) : v << (6 - e);
+        auto want = static_cast<uint32_t>(1000 * e + std::lround(1000 * std::log2(m / 64.0)));
+        ASSERT_EQ(rng::log2(v), want) << v;
+    }
+}
+
+TEST(RandomHelpers, CompressFoldsTheDigestIntoEightBytes) {
+    Bytes pool(256);
+    for (size_t i = 0; i < pool.size(); ++i) pool[i] = static_cast<uint8_t>(i * 7);
+    uint8_t out[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    rng::compress(pool.data(), 100, out);
+    Bytes d = md5(pool.data(), 100);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(out[i], static_cast<uint8_t>((i + 1) ^ d[i] ^ d[i + 8])) << i;
+}
+
+// ---- True-random generator ----
+
+TEST(Trng, ZeroLengthOnlySetsTheSampleCount) {
+    Vorp_trng_t t{}, zero{};
+    Vorp_trng(&t, nullptr, 0);
+    EXPECT_EQ(t.nsam, 64u);
+    t.nsam = 0;
+    EXPECT_EQ(std::memcmp(&t, &zero, sizeof t), 0);
+}
+
+TEST(Trng, BytesComeFromTheEndOfTheAccumulatorBackwards) {
+    Vorp_trng_t t{};
+    Bytes first = trng_bytes(t, 3);
+    ASSERT_EQ(t.bytes, 5u);
+    Bytes rest(t.accu, t.accu + 5);
+    Bytes second = trng_bytes(t, 5);
+    EXPECT_EQ(t.bytes, 0u);
+    // Written from the end: first = accu[5..8), second = accu[0..5).
+    EXPECT_EQ(second, rest);
+    EXPECT_NE(first, Bytes(3, 0));
+}
+
+TEST(Trng, BadArgumentsSetErrno) {
+    Vorp_trng_t t{};
+    Vorp_errno = 0;
+    Vorp_trng(nullptr, nullptr, 0);
+    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
+    Vorp_errno = 0;
+    Vorp_trng(&t, nullptr, 4);
+    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
+    EXPECT_EQ(t.bytes, 0u);
+}
+
+// A clock without jitter: every counted symbol is the same and the estimate
+// is 0. Each round must end, take its entropy from the operating system, and
+// two fresh states must not give the same bytes.
+TEST(Trng, ZeroEntropyClockFallsBackToTheOperatingSystem) {
+    ScriptedSources sources(no_jitter);
+    Vorp_trng_t a{}, b{};
+    Bytes ka = trng_bytes(a, 16), kb = trng_bytes(b, 16);
+    EXPECT_NE(ka, kb);
+    EXPECT_EQ(g_os_calls, 4u);  // one per round of 8 bytes
+    // The first check (64 samples) still sees a little entropy and raises
+    // the sample count; the later checks see none.
+    EXPECT_EQ(a.nsam, 4243u);
+}
+
+TEST(Trng, JitteryClockNeedsNoOperatingSystemHelp) {
+    Bytes first;
+    for (int run = 0; run < 2; ++run) {
+        ScriptedSources sources(some_jitter, 42);
+        Vorp_trng_t t{};
+        Bytes out = trng_bytes(t, 24);
+        EXPECT_EQ(g_os_calls, 0u);
+        EXPECT_GT(t.nsam, 64u);  // raised to meet the estimate
+        if (run == 0)
+            first = out;
+        else
+            EXPECT_EQ(out, first);  // a function of the samples alone
+    }
+}
+
+// Clocks that never give a sample must not hang the generator.
+clock_t always_changing() {
+    static clock_t c = 0;
+    return ++c;
+}
+clock_t broken() { return static_cast<clock_t>(-1); }
+
+TEST(Trng, ClocksWithoutSamplesStillTerminate) {
+    for (auto clk : {always_changing, broken}) {
+        g_os_calls = 0;
+        auto saved = rng::replace_entropy_sources({clk, counting_os_random});
+        Vorp_trng_t a{}, b{};
+        Bytes ka = trng_bytes(a, 8), kb = trng_bytes(b, 8);
+        rng::replace_entropy_sources(saved);
+        EXPECT_NE(ka, kb);
+        EXPECT_EQ(g_os_calls, 2u);
+    }
+}
+
+// With the machine's own clock: separate calls and separate processes give
+// different bytes, whatever path the rounds take.
+TEST(Trng, RealClockDiffersAcrossStatesAndProcesses) {
+    auto draw = [] {
+        Vorp_trng_t t{};
+        return trng_bytes(t, 16);
+    };
+    std::vector<Bytes> seen{draw(), draw()};
+    for (int child = 0; child < 2; ++child) {
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            close(fds[0]);
+            Bytes b = draw();
+            _exit(write(fds[1], b.data(), b.size()) == 16 ? 0 : 1);
+        }
+        close(fds[1]);
+        Bytes b(16);
+        ssize_t got = read(fds[0], b.data(), b.size());
+        close(fds[0]);
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_EQ(got, 16);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        seen.push_back(b);
+    }
+    for (size_t i = 0; i < seen.size(); ++i)
+        for (size_t j = i + 1; j < seen.size(); ++j) EXPECT_NE(seen[i], seen[j]) << i << " vs " << j;
+}
+
+// ---- Pseudo-random generator ----
+
+// The generator as a model: seed bytes 0..15 replaced by MD5 of all 32 at
+// every 8th counter value, output seed[i % 8]; optional stirring bytes given
+// per counter value.
+struct PrngModel {
+    uint8_t seed[32];
+    uint32_t ri;
+    uint8_t next() {
+        uint32_t i = ++ri;
+        if (i % 8 == 0) {
+            Bytes d = md5(seed, 32);
+            std::memcpy(seed, d.data(), 16);
+        }
+        return seed[i % 8];
+    }
+};
+
+TEST(Prng, SeedBytesAreStoredReversedAndWrapping) {
+    struct {
+        size_t len;
+    } cases[] = {{5}, {32}, {40}};
+    for (auto c : cases) {
+        Vorp_prng_t st{};
+        std::memset(st.seed, 0xee, sizeof st.seed);
+        Bytes data(c.len);
+        for (size_t i = 0; i < c.len; ++i) data[i] = static_cast<uint8_t>(i + 1);
+        Vorp_seedPrng(&st, data.data(), static_cast<qv_uint32_t>(c.len));
+        Bytes want(32, 0xee);
+        for (size_t i = 0; i < c.len; ++i) want[(c.len - 1 - i) % 32] = data[i];
+        EXPECT_EQ(Bytes(st.seed, st.seed + 32), want) << c.len;
+        EXPECT_EQ(st.ri, 1u);
+    }
+}
+
+TEST(Prng, WithoutStirringTheOutputIsAFunctionOfTheSeed) {
+    Bytes seed_data = qvtest::from_hex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
+    Vorp_prng_t st{};
+    Vorp_seedPrng(&st, seed_data.data(), 32);
+    PrngModel model{};
+    for (int i = 0; i < 32; ++i) model.seed[i] = seed_data[31 - i];
+    model.ri = 1;
+    // Calls of uneven sizes continue one stream.
+    for (size_t n : {1u, 7u, 8u, 0u, 13u, 100u, 3u, 1000u}) {
+        Bytes out(n);
+        Vorp_prng(&st, out.data(), static_cast<qv_uint32_t>(n));
+        for (size_t k = 0; k < n; ++k) ASSERT_EQ(out[k], model.next()) << "byte " << k << " of a call of " << n;
+    }
+    EXPECT_EQ(Bytes(st.seed + 16, st.seed + 32), Bytes(model.seed + 16, model.seed + 32));
+}
+
+TEST(Prng, StirsInBufferedTrueRandomBytesAtTheSetRate) {
+    ScriptedSources sources(no_jitter);
+    g_seconds = 100;
+    Vorp_prng_t st{};
+    st.trngMix = 3;
+    st.trngTime = 5;
+    Bytes seed_data(32, 0x5a);
+    Vorp_seedPrng(&st, seed_data.data(), 32);
+    EXPECT_EQ(st.rt, 100u);
+    // Four buffered true-random bytes, used last first.
+    const uint8_t buffered[8] = {0x11, 0x22, 0x33, 0x44, 0, 0, 0, 0};
+    std::memcpy(st.trngState.accu, buffered, 8);
+    st.trngState.bytes = 4;
+
+    PrngModel model{};
+    std::memcpy(model.seed, st.seed, 32);
+    model.ri = 1;
+    uint32_t stir = 4;
+    Bytes out(40);
+    Vorp_prng(&st, out.data(), 40);  // processor time has not moved: no new round
+    for (size_t k = 0; k < out.size(); ++k) {
+        uint32_t i = model.ri + 1;
+        if (i % 3 == 0 && stir > 0) model.seed[i % 8] ^= buffered[--stir];
+        ASSERT_EQ(out[k], model.next()) << k;
+    }
+    EXPECT_EQ(g_os_calls, 0u);
+
+    g_seconds = 104;  // still too early
+    Vorp_prng(&st, out.data(), 12);
+    EXPECT_EQ(g_os_calls, 0u);
+    g_seconds = 105;  // one round, then its 8 bytes serve the next 8 stirs
+    Vorp_prng(&st, out.data(), 24);
+    EXPECT_EQ(g_os_calls, 1u);
+    EXPECT_EQ(st.rt, 105u);
+    EXPECT_EQ(st.trngState.bytes, 0u);
+    Vorp_prng(&st, out.data(), 30);
+    EXPECT_EQ(g_os_calls, 1u);
+    g_seconds = 0;
+}
+
+TEST(Prng, UnseededStateSeedsItselfFromTheTrueRandomGenerator) {
+    Vorp_prng_t a{}, b{};
+    Bytes ka(32), kb(32);
+    Vorp_prng(&a, ka.data(), 32);
+    Vorp_prng(&b, kb.data(), 32);
+    EXPECT_EQ(a.ri, 33u);
+    EXPECT_NE(ka, kb);
+    EXPECT_NE(a.trngState.nsam, 0u);
+
+    Vorp_prng_t c{};
+    Vorp_prng(&c, nullptr, 0);  // seeds even when asked for nothing
+    EXPECT_EQ(c.ri, 1u);
+}
+
+TEST(Prng, BadArgumentsSetErrno) {
+    Vorp_prng_t st{};
+    Vorp_errno = 0;
+    Vorp_prng(nullptr, nullptr, 0);
+    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
+    Vorp_errno = 0;
+    Vorp_prng(&st, nullptr, 1);
+    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
+    EXPECT_EQ(st.ri, 0u);
+    Vorp_errno = 0;
+    Vorp_seedPrng(nullptr, "x", 1);
+    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
+}
+
+}  // namespace
