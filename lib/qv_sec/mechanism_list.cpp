@@ -12,7 +12,7 @@
 #include "byte_io.h"
 #include "errors.h"
 #include "library_init.h"
-#include "state_lock.h"
+#include "mpm.h"
 #include "trace.h"
 
 namespace {
@@ -145,7 +145,7 @@ void clear_list(sec_buffer_t b) {
 // The client's offer: the configured mechanisms that are imposed, in file
 // order; or the preferred one first and then every configured one.
 qv_int32_t build_offer(const char *preferred, const char *imposed, MechCodes &offer) {
-    StateLock hold;
+    SecMutexGuard hold(&SEC_STATE.lock);
     qv_int32_t rc = static_cast<qv_int32_t>(sec__read_reserve_select(nullptr));
     if (rc != 0) return rc;
     const sec_config_rec_desc *recs = SEC_STATE.config.cfg_recs;
@@ -204,7 +204,7 @@ qv_int32_t add_imposed_mechs(sec_buffer_t mbuff) {
     if (rc != 0 || add.empty()) return rc;
     std::string mnemonics;
     {
-        StateLock hold;
+        SecMutexGuard hold(&SEC_STATE.lock);
         rc = static_cast<qv_int32_t>(sec__read_reserve_select(nullptr));
         if (rc != 0) return rc;
         MechCodes working;
@@ -225,7 +225,7 @@ qv_int32_t set_imposed_mechs(sec_buffer_t mbuff) {
     if (codes.empty()) return put_imposed_empty();
     std::string mnemonics;
     {
-        StateLock hold;
+        SecMutexGuard hold(&SEC_STATE.lock);
         rc = static_cast<qv_int32_t>(sec__read_reserve_select(nullptr));
         if (rc != 0) return rc;
         mnemonics = translate_codes(codes);
@@ -240,7 +240,7 @@ qv_int32_t reconcile(sec_buffer_t cl_mechs, sec_buffer_t sh_mechs) {
     if (offered.empty()) return sec_report(SEC_S_BAD_MECHANISM, MSG_2650_006);
     MechCodes shared;
     {
-        StateLock hold;
+        SecMutexGuard hold(&SEC_STATE.lock);
         rc = static_cast<qv_int32_t>(sec__read_reserve_select(nullptr));
         if (rc != 0) return rc;
         // The client's order decides; codes this server has not configured
@@ -405,7 +405,7 @@ qv_int32_t sec_create_mech_buffer(char *mstring, qv_int32_t *mcount, sec_buffer_
     } else {
         // Translated against the module table as it stands: the
         // configuration file is not read here.
-        StateLock hold;
+        SecMutexGuard hold(&SEC_STATE.lock);
         rc = sec__translate_mech_mnemonics(1, mstring, mbuff, mcount);
     }
     sec_trace_api_exit(kTraceCreateMechBuffer, rc, nullptr);

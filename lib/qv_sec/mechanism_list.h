@@ -31,6 +31,3 @@ qv_int32_t sec_give_mech_list(const MechCodes &codes, sec_buffer_t out, const ch
 // True when the process's imposed mechanisms are set and lack "none", so an
 // unauthenticated context is not allowed.
 bool sec_unauthenticated_refused();
-
-// From the module table; declared here until the table's declarations land.
-extern "C" qv_uint32_t sec__read_reserve_select(sec_mpm_entry_t **list);

@@ -10,7 +10,7 @@
 #include "mechanism_list.h"
 #include "messages.h"
 #include "sec_test_util.h"
-#include "state_lock.h"
+#include "mpm.h"
 #include "test_support.h"
 
 namespace {
@@ -20,9 +20,17 @@ using Codes = std::vector<qv_uint32_t>;
 struct List {
     sec_buffer_desc b{0, nullptr};
     ~List() { free(b.value); }
+    // The codes of a list the library wrote: type 0x81, version 1.
     Codes codes() const {
+        ByteReader r = ByteReader::of(b);
+        uint8_t type = 0, version = 0;
+        EXPECT_TRUE(r.u8(type) && r.u8(version));
+        EXPECT_EQ(type, 0x81);
+        EXPECT_EQ(version, 1);
+        EXPECT_EQ(r.remaining() % 4, 0u);
         Codes out;
-        EXPECT_EQ(sec_read_mech_list(&b, out), 0);
+        qv_uint32_t c = 0;
+        while (r.u32be(c)) out.push_back(c);
         return out;
     }
 };
@@ -49,7 +57,7 @@ protected:
         unsetenv(kEnvImposedMechs);
     }
     void use_config(const std::string &text) {
-        StateLock hold;
+        SecMutexGuard hold(&SEC_STATE.lock);
         free(SEC_STATE.config.fname);
         SEC_STATE.config.fname = strdup(dir_.write("qvsec.cfg", text).c_str());
         sec__free_config_recs(SEC_STATE.config.cfg_recs);
@@ -74,7 +82,7 @@ TEST_F(MechanismLists, ClientOffer) {
         {"alpha", nullptr, 0, {0x10, 0x20, 0x30, 0x40}},
         // The preferred code goes first and comes again at its own place.
         {"pref", nullptr, 0, {0x30, 0x10, 0x20, 0x30, 0x40}},
-        {"beta", nullptr, 0, {0x20, 0x10, 0x30, 0x40}},
+        {"beta", nullptr, 0, {0x20, 0x10, 0x20, 0x30, 0x40}},
         {"unknown", nullptr, 0, {0x10, 0x20, 0x30, 0x40}},
         {"none", nullptr, 0, {}},
         // Imposed: configured order, imposed order ignored, preference ignored.
@@ -111,7 +119,7 @@ TEST_F(MechanismLists, OfferBytes) {
 
 TEST_F(MechanismLists, NoAuthenticationNeedsNoConfiguration) {
     {
-        StateLock hold;
+        SecMutexGuard hold(&SEC_STATE.lock);
         free(SEC_STATE.config.fname);
         SEC_STATE.config.fname = strdup("/nonexistent/qvsec.cfg");
         SEC_STATE.config.rtime = 0;
@@ -303,7 +311,7 @@ TEST_F(MechanismLists, CodesToMnemonics) {
     sec_buffer_desc b{static_cast<qv_int32_t>(bytes.size()), bytes.data()};
     char out[256];
     std::strcpy(out, "untouched");
-    StateLock hold;
+    SecMutexGuard hold(&SEC_STATE.lock);
     EXPECT_EQ(sec__translate_mech_codes(&b, 3, out), 0);
     EXPECT_STREQ(out, "alpha none");
     // A count beyond the buffer reads only what is there.
