@@ -262,6 +262,40 @@ qv_int32_t sec__wrap_seal_buff(sec_buffer_t in, qv_uint32_t mech, int version, s
  * Returns 0, 7 or 6. */
 qv_int32_t sec__unwrap_seal_buff(sec_buffer_t in, qv_uint32_t *mech, int *version, sec_buffer_t out);
 
+/* ---- Mechanism negotiation ----
+ * A mechanism is named on the wire by a 32-bit code and locally by a
+ * mnemonic of at most 16 characters; code 0, "none", means no
+ * authentication. QV_SEC_MECH names the client's preferred mechanism and
+ * QV_SEC_IMP_MECHS the mechanisms the process allows. */
+
+/* sec_get_auth_methods: the client's offer, a newly allocated mechanism list
+ * in *mbuff (release with sec_release_buffer) with its count in *mcount. With
+ * imposed mechanisms: the configured ones that are imposed, in file order.
+ * Otherwise the preferred one first, then every configured one. */
+qv_int32_t sec_get_auth_methods(sec_buffer_t mbuff, qv_int32_t *mcount);
+/* sec_create_mech_buffer: a mechanism list from a string of mnemonics
+ * separated by white space; an unknown mnemonic is an error (8). */
+qv_int32_t sec_create_mech_buffer(char *mstring, qv_int32_t *mcount, sec_buffer_t mbuff);
+/* Edit QV_SEC_IMP_MECHS in the process environment: add the list's
+ * mechanisms, replace the value by them, or empty it. Not safe against
+ * concurrent edits from several threads. */
+qv_int32_t sec_add_imposed_mechs(sec_buffer_t mbuff);
+qv_int32_t sec_set_imposed_mechs(sec_buffer_t mbuff);
+qv_int32_t sec_clear_imposed_mechs(void);
+/* sec_reconcile_auth_methods: server side; the client's offer in its order,
+ * less the codes this server has not configured, in a newly allocated
+ * *sh_mechs (possibly empty). An empty offer is refused (8). */
+qv_int32_t sec_reconcile_auth_methods(sec_buffer_t cl_mechs, sec_buffer_t sh_mechs);
+
+/* Internal: translation between mnemonic strings and lists (callers hold
+ * SEC_STATE.lock), and the environment strings for QV_SEC_IMP_MECHS. */
+qv_int32_t sec__translate_mech_mnemonics(sec_boolean_t force, char *mstring, sec_buffer_t mbuff,
+                                         qv_int32_t *mcount);
+qv_int32_t sec__translate_mech_codes(sec_buffer_t mbuff, qv_int32_t mcount, char *mstring);
+sec_boolean_t sec__contains_mech_none(char *mstring);
+qv_int32_t sec__create_varval(char *var, char *value, char **varstrp);
+qv_int32_t sec__create_empty_varval(char *var, char **varstrp);
+
 #define SEC_F_LOCAL_SOCKET   0x01000000u
 #define SEC_F_NETWORK_SOCKET 0x02000000u
 #define SEC_F_SOCKET_BOUND   0x10000000u

@@ -3,6 +3,8 @@
 // of attempts.
 #pragma once
 
+#include <cxxabi.h>
+#include <new>
 #include <type_traits>
 
 #include "messages.h"
@@ -27,4 +29,20 @@ qv_int32_t sec_report(qv_int32_t rc, int number, Args... args) {
     static_assert(((std::is_arithmetic_v<Args> || std::is_pointer_v<Args>) && ...),
                   "message arguments must be plain C values");
     return cu_set_error_1(rc, nullptr, kSecCatalogue, kSecMessageSet, number, sec_message_text(number), args...);
+}
+
+// Runs the body of an exported routine so that no exception leaves it: a
+// failed allocation becomes the no-memory code, anything else an internal
+// error. Thread cancellation unwinds through here untouched.
+template <typename Body>
+qv_int32_t sec_guard(Body &&body) {
+    try {
+        return body();
+    } catch (abi::__forced_unwind &) {
+        throw;
+    } catch (const std::bad_alloc &) {
+        return sec_report(SEC_S_NO_MEMORY, MSG_2650_004);
+    } catch (...) {
+        return sec_report(SEC_S_INTERNAL, MSG_2650_023);
+    }
 }

@@ -8,6 +8,7 @@
 
 #include "qv_sec.h"
 #include "qv_tr.h"
+#include "trace_ids.h"
 
 enum sec_trace_category : int {
     SEC_TRC_ERRORS = 0,
@@ -53,3 +54,12 @@ void sec_trace_api_entry(qv_uint32_t id_plain, qv_uint32_t id_data, const T &...
 // return code alone (no status record) or with the status record's fields.
 void sec_trace_api_exit(qv_uint32_t id_plain, qv_uint32_t id_rc, qv_uint32_t id_status, qv_int32_t rc,
                         sec_status_t st);
+
+template <typename... T>
+void sec_trace_api_entry(const sec_trace_ids &ids, const T &...args) {
+    sec_trace_api_entry(ids.entry, ids.entry_data, args...);
+}
+
+inline void sec_trace_api_exit(const sec_trace_ids &ids, qv_int32_t rc, sec_status_t st) {
+    sec_trace_api_exit(ids.exit, ids.exit_rc, ids.exit_status, rc, st);
+}
