@@ -13,3 +13,9 @@ if(QV_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
+
+# GCC's flow analysis gives false "may be used uninitialized" warnings in
+# standard headers once sanitizer instrumentation is added.
+if(QV_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_compile_options(-Wno-maybe-uninitialized)
+endif()

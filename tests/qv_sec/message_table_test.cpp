@@ -3,7 +3,8 @@
 #include <nl_types.h>
 
 #include <map>
-#include <regex>
+#include <cctype>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -22,17 +23,24 @@ struct SampleRecord {
     std::vector<std::string> strings;
 
     explicit SampleRecord(int n) {
-        static const std::regex conv(R"(%(\d+\$)?[-+ #0-9]*([a-z])(ll)?)");
         const std::string text = cu_mesgtbl_qvsec_msg[n];
         std::map<int, cu_arg_t> by_position;
         int next = 1;
         strings.reserve(8);
-        for (auto it = std::sregex_iterator(text.begin(), text.end(), conv); it != std::sregex_iterator(); ++it) {
-            const std::smatch &m = *it;
-            int pos = m[1].matched ? std::stoi(m[1].str()) : next;
+        for (size_t i = text.find('%'); i != std::string::npos; i = text.find('%', i + 1)) {
+            // %[N$][flags and width]conversion[ll]
+            size_t j = i + 1;
+            int pos = next;
+            size_t digits = j;
+            while (digits < text.size() && std::isdigit(static_cast<unsigned char>(text[digits]))) ++digits;
+            if (digits > j && digits < text.size() && text[digits] == '$') {
+                pos = std::stoi(text.substr(j, digits - j));
+                j = digits + 1;
+            }
+            while (j < text.size() && std::strchr("-+ #0123456789", text[j])) ++j;
             next = pos + 1;
+            char c = text[j];
             cu_arg_t a{};
-            char c = m[2].str()[0];
             if (c == 's') {
                 strings.push_back("str" + std::to_string(pos));
                 a.cu_arg_type = CU_ARG_STRING;
@@ -40,7 +48,7 @@ struct SampleRecord {
             } else if (c == 'd') {
                 a.cu_arg_type = CU_ARG_INT;
                 a.cu_arg_value.cu_arg_long = -pos;
-            } else if (m[3].matched) {
+            } else if (text.compare(j + 1, 2, "ll") == 0) {
                 a.cu_arg_type = CU_ARG_ULONG;
                 a.cu_arg_value.cu_arg_ulong = 0x0123456789abcdefULL;
             } else {
@@ -48,6 +56,7 @@ struct SampleRecord {
                 a.cu_arg_value.cu_arg_ulong = 0xa0u + static_cast<unsigned>(pos);
             }
             by_position[pos] = a;
+            i = j;
         }
         for (auto &[pos, a] : by_position) args.push_back(a);
         rec.cu_error_id = 1;
