@@ -1,0 +1,56 @@
+// The kernel's view of the other end of a local socket.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "local_mech.h"
+
+namespace qvlocal {
+
+Status peer_credentials(int fd, Credentials &creds, qv_uint32_t *minor) {
+    sockaddr_storage addr{};
+    socklen_t len = sizeof addr;
+    if (getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
+        *minor = static_cast<qv_uint32_t>(errno);
+        return kNoSocket;
+    }
+    // Only a UNIX-domain socket has credentials that the kernel vouches for.
+    if (addr.ss_family != AF_UNIX) {
+        *minor = EAFNOSUPPORT;
+        return kNoSocket;
+    }
+    ucred uc{};
+    socklen_t uc_len = sizeof uc;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &uc, &uc_len) != 0) {
+        *minor = static_cast<qv_uint32_t>(errno);
+        return kNoSocket;
+    }
+    // An unconnected socket reports no process.
+    if (uc_len != sizeof uc || uc.pid <= 0) {
+        *minor = ENOTCONN;
+        return kNoSocket;
+    }
+    creds.uid = static_cast<uint32_t>(uc.uid);
+    creds.gid = static_cast<uint32_t>(uc.gid);
+    creds.pid = static_cast<uint32_t>(uc.pid);
+    return kOk;
+}
+
+// The kernel records the effective ids and the process at connect (or
+// socketpair) time, so that is what a party claims.
+Credentials own_credentials() {
+    return Credentials{static_cast<uint32_t>(geteuid()), static_cast<uint32_t>(getegid()),
+                       static_cast<uint32_t>(getpid())};
+}
+
+qv_uint32_t mismatch_bits(const Credentials &claimed, const Credentials &kernel) {
+    qv_uint32_t bits = 0;
+    if (claimed.uid != kernel.uid) bits |= kMismatchUid;
+    if (claimed.gid != kernel.gid) bits |= kMismatchGid;
+    if (claimed.pid != kernel.pid) bits |= kMismatchPid;
+    return bits;
+}
+
+}  // namespace qvlocal
