@@ -1,0 +1,212 @@
+// Who the client is, as the "local" module tells the library: names with the
+// buffer-size protocol, the client id, user validation, identity contexts,
+// service and user login. And many establishments in one process, for the
+// leak checkers.
+#include <gtest/gtest.h>
+#include <pwd.h>
+
+#include "local_module.h"
+
+namespace qvtest {
+namespace {
+
+std::string this_host() {
+    char buf[256] = {};
+    gethostname(buf, sizeof buf - 1);
+    return buf;
+}
+
+std::string this_user() {
+    passwd *pw = getpwuid(geteuid());
+    return pw != nullptr ? pw->pw_name : "";
+}
+
+class LocalIdentity : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(this_user().empty()) << "the test's user needs a passwd entry";
+        ASSERT_EQ(0u, client.attach(sp.fd[0]));
+        ASSERT_EQ(0u, server.attach(sp.fd[1]));
+        ModBuffer hello(m), reply(m), none(m);
+        qv_uint32_t mn, rflags;
+        ASSERT_EQ(1u, m.mpm_start_sec_context(&mn, svc.handle(), nullptr, nullptr, 0, client.slot(), hello.get()));
+        ASSERT_EQ(0u, m.mpm_receive_sec_context(&mn, svc.handle(), hello.get(), server.slot(), reply.get(), &rflags));
+        ASSERT_EQ(0u, m.mpm_complete_sec_context(&mn, reply.get(), client.get(), none.get()));
+    }
+
+    using NameRoutine = qv_uint32_t (*)(qv_uint32_t *, void *, qv_int32_t *, char *);
+    // The library's protocol: a 256-byte buffer first, the size asked for next.
+    std::string ask(NameRoutine r, void *ctx, qv_uint32_t *status = nullptr) {
+        qv_uint32_t mn;
+        std::vector<char> buf(256);
+        qv_int32_t len = 256;
+        qv_uint32_t s = r(&mn, ctx, &len, buf.data());
+        if (status != nullptr) *status = s;
+        return s == 0 ? std::string(buf.data(), static_cast<size_t>(len)) : std::string();
+    }
+
+    LocalModule m;
+    SocketPair sp;
+    Service svc{m};
+    Context client{m}, server{m};
+};
+
+TEST_F(LocalIdentity, NamesAndIdOfTheClient) {
+    std::string host = this_host(), user = this_user();
+    EXPECT_EQ(user + "@" + host + '\0', ask(m.mpm_get_client_name, server.get()));
+    EXPECT_EQ(user + '\0', ask(m.mpm_get_mapped_name, server.get()));
+    std::string id = ask(m.mpm_get_client_id, server.get());
+    ASSERT_EQ(9 + host.size(), id.size());
+    std::vector<uint8_t> want = {1};
+    for (uint32_t v : {static_cast<uint32_t>(geteuid()), static_cast<uint32_t>(getegid())})
+        for (int s = 24; s >= 0; s -= 8) want.push_back(static_cast<uint8_t>(v >> s));
+    want.insert(want.end(), host.begin(), host.end());
+    EXPECT_EQ(to_hex(want), to_hex(reinterpret_cast<const uint8_t *>(id.data()), id.size()));
+
+    // Too small a buffer: status 6 and the size needed, then the answer.
+    qv_uint32_t mn;
+    char small[2];
+    qv_int32_t len = sizeof small;
+    ASSERT_EQ(6u, m.mpm_get_client_name(&mn, server.get(), &len, small));
+    EXPECT_EQ(static_cast<qv_int32_t>(user.size() + host.size() + 2), len);
+    std::vector<char> exact(static_cast<size_t>(len));
+    EXPECT_EQ(0u, m.mpm_get_client_name(&mn, server.get(), &len, exact.data()));
+    len = -1;
+    EXPECT_EQ(kBadArgument, m.mpm_get_client_id(&mn, server.get(), &len, small));
+
+    // The client side has no client to describe.
+    qv_uint32_t status;
+    ask(m.mpm_get_client_name, client.get(), &status);
+    EXPECT_EQ(kWrongState, status);
+}
+
+TEST_F(LocalIdentity, UserValidation) {
+    qv_uint32_t mn;
+    EXPECT_EQ(0u, m.mpm_user_valid(&mn, server.get(), const_cast<char *>(this_user().c_str())));
+    std::string numeric = "#" + std::to_string(geteuid());
+    EXPECT_EQ(0u, m.mpm_user_valid(&mn, server.get(), numeric.data()));
+    EXPECT_EQ(36u, m.mpm_user_valid(&mn, server.get(), const_cast<char *>("no-such-user-qv")));
+    EXPECT_EQ(1u, mn);
+    std::string other = "#" + std::to_string(geteuid() + 1);
+    EXPECT_EQ(36u, m.mpm_user_valid(&mn, server.get(), other.data()));
+    EXPECT_EQ(2u, mn);
+    EXPECT_EQ(kBadArgument, m.mpm_user_valid(&mn, server.get(), const_cast<char *>("")));
+}
+
+TEST_F(LocalIdentity, IdentityContexts) {
+    qv_uint32_t mn;
+    std::string name = this_user() + "@" + this_host();
+    Context from_ctx(m), from_name(m), numeric(m);
+    ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_CONTEXT, server.get(), from_ctx.slot()));
+    ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_NAME, name.data(), from_name.slot()));
+    std::string by_uid = "#" + std::to_string(geteuid()) + "@" + this_host();
+    ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_NAME, by_uid.data(), numeric.slot()));
+    for (void *ctx : {from_ctx.get(), from_name.get(), numeric.get()}) {
+        EXPECT_EQ(name + '\0', ask(m.mpm_get_client_name, ctx));
+        EXPECT_EQ(this_user() + '\0', ask(m.mpm_get_mapped_name, ctx));
+        EXPECT_EQ(0u, m.mpm_user_valid(&mn, ctx, const_cast<char *>(this_user().c_str())));
+        qv_uint32_t flags;
+        ASSERT_EQ(0u, m.mpm_get_ctx_flags(&mn, ctx, &flags));
+        EXPECT_EQ(0x40u, flags);
+    }
+    EXPECT_EQ(ask(m.mpm_get_client_id, server.get()), ask(m.mpm_get_client_id, from_name.get()));
+
+    // Identity contexts protect nothing.
+    std::vector<uint8_t> data = {1};
+    sec_buffer_desc in = in_buffer(data);
+    ModBuffer out(m);
+    EXPECT_EQ(kWrongState, m.mpm_prepare_data(&mn, from_ctx.get(), kIntegrity, &in, out.get()));
+    iovec v{data.data(), 1};
+    EXPECT_EQ(24u, m.mpm_sign_data_v(&mn, from_ctx.get(), 1, &v, out.get()));
+    EXPECT_EQ(24u, m.mpm_verify_data_v(&mn, from_ctx.get(), &in, 1, &v));
+
+    struct Bad {
+        qv_uint32_t mode;
+        std::string in;
+        qv_uint32_t status;
+    } bad[] = {
+        {MPM_IDCTX_FROM_NAME, this_user() + "@another-host.example", kUnknownName},
+        {MPM_IDCTX_FROM_NAME, this_user(), kUnknownName},
+        {MPM_IDCTX_FROM_NAME, "no-such-user-qv@" + this_host(), kUnknownName},
+        {MPM_IDCTX_FROM_NAME, "#12x@" + this_host(), kUnknownName},
+        {MPM_IDCTX_FROM_NAME, "", kBadArgument},
+        {3, name, kBadArgument},
+    };
+    for (Bad &b : bad) {
+        SCOPED_TRACE(b.in);
+        Context c(m);
+        EXPECT_EQ(b.status, m.mpm_create_id_context(&mn, b.mode, b.in.data(), c.slot()));
+        EXPECT_EQ(nullptr, c.get());
+    }
+    Context c(m);
+    EXPECT_EQ(kWrongState, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_CONTEXT, client.get(), c.slot()));
+}
+
+TEST_F(LocalIdentity, ServiceAndUserLogin) {
+    qv_uint32_t mn;
+    std::string id = ask(m.mpm_get_client_id, server.get());
+    std::vector<uint8_t> bytes(id.begin(), id.end());
+    sec_buffer_desc in = in_buffer(bytes);
+    EXPECT_EQ(0u, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc.handle()));
+    std::vector<uint8_t> other = bytes;
+    other[4] ^= 1;
+    in = in_buffer(other);
+    EXPECT_EQ(kNotPermitted, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc.handle()));
+    std::vector<uint8_t> cut(bytes.begin(), bytes.begin() + 8);
+    in = in_buffer(cut);
+    EXPECT_EQ(kBadToken, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc.handle()));
+
+    std::string long_name(256, 's');
+    EXPECT_EQ(kBadArgument, m.mpm_login_as_service(&mn, long_name.data(), svc.handle()));
+    EXPECT_EQ(kBadArgument, m.mpm_login_as_service(&mn, const_cast<char *>(""), svc.handle()));
+    EXPECT_EQ(0u, m.mpm_login_as_service(&mn, const_cast<char *>("svc"), svc.handle()));
+    qv_int32_t lifetime = 0;
+    EXPECT_EQ(0u, m.mpm_renew_identity(&mn, svc.handle(), &lifetime));
+    EXPECT_EQ(0x7fffffff, lifetime);
+    EXPECT_EQ(0u, m.mpm_service_cleanup(&mn, svc.handle(), 0));
+
+    char name[8];
+    qv_int32_t len = sizeof name;
+    EXPECT_EQ(6u, m.mpm_get_target_name(&mn, svc.handle(), const_cast<char *>("svc"), const_cast<char *>("node1"),
+                                        &len, name));
+    EXPECT_EQ(10, len);
+    char fits[10];
+    EXPECT_EQ(0u, m.mpm_get_target_name(&mn, svc.handle(), const_cast<char *>("svc"), const_cast<char *>("node1"),
+                                        &len, fits));
+    EXPECT_STREQ("svc@node1", fits);
+}
+
+// Thousands of establishments, each used and ended: the sanitizer build's
+// leak checker (or valgrind) fails the run if anything stays behind.
+TEST(LocalMany, EstablishUseAndEnd) {
+    LocalModule m;
+    Service svc(m, "svc");
+    for (int i = 0; i < 3000; ++i) {
+        SocketPair sp;
+        Context client(m), server(m);
+        ASSERT_EQ(0u, client.attach(sp.fd[0]));
+        ASSERT_EQ(0u, server.attach(sp.fd[1]));
+        ModBuffer hello(m), reply(m), none(m), sealed(m), plain(m);
+        qv_uint32_t mn, rflags;
+        ASSERT_EQ(1u, m.mpm_start_sec_context(&mn, svc.handle(), const_cast<char *>("svc"), nullptr, 0,
+                                              client.slot(), hello.get()));
+        ASSERT_EQ(0u, m.mpm_receive_sec_context(&mn, svc.handle(), hello.get(), server.slot(), reply.get(), &rflags));
+        ASSERT_EQ(0u, m.mpm_complete_sec_context(&mn, reply.get(), client.get(), none.get()));
+        std::vector<uint8_t> data(static_cast<size_t>(i % 64), 0x5a);
+        sec_buffer_desc in = in_buffer(data);
+        ASSERT_EQ(0u, m.mpm_prepare_data(&mn, client.get(), kConfidentiality, &in, sealed.get()));
+        ASSERT_EQ(0u, m.mpm_process_data(&mn, server.get(), sealed.get(), plain.get()));
+        Context id(m);
+        ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_CONTEXT, server.get(), id.slot()));
+        if (i % 3 == 0) {  // a refused hello frees the context it made
+            Context refused(m);
+            sec_buffer_desc cut{10, hello.get()->value};
+            ModBuffer r2(m);
+            ASSERT_EQ(0u, refused.attach(sp.fd[1]));
+            ASSERT_EQ(kBadToken, m.mpm_receive_sec_context(&mn, svc.handle(), &cut, refused.slot(), r2.get(), &rflags));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace qvtest
