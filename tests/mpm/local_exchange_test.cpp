@@ -439,6 +439,7 @@ TEST_F(LocalExchange, RoutinesOutOfTurn) {
     ModBuffer out(m);
     EXPECT_EQ(kWrongState, m.mpm_prepare_data(&minor, p.client.get(), kIntegrity, &in, out.get()));
     // A started client cannot start again or be given a socket.
+    p.hello.release();
     EXPECT_EQ(kWrongState, p.start("svc", 0, false));
     EXPECT_EQ(kWrongState, p.client.attach(p.sp.fd[0]));
     EXPECT_EQ(0, p.hello.length());  // a refused call gives no output
