@@ -3,7 +3,7 @@
 # missing (so a machine that has them needs no network).
 set -euo pipefail
 packages=(cmake ninja-build g++ gcc clang libclang-rt-14-dev pkg-config libc-bin
-          libgtest-dev libssl-dev valgrind)
+          libgtest-dev libssl-dev libsodium-dev valgrind)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
