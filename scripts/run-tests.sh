@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test on a fresh machine:
-#   1. a build with warnings as errors, all tests;
+#   1. a build with warnings as errors, all tests, and the libraries' test
+#      programs again under valgrind;
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer build, all tests;
 #   3. ThreadSanitizer build, the concurrency tests;
 #   4. the libFuzzer targets (clang), each for QV_FUZZ_SECONDS (default 20).
@@ -50,6 +51,21 @@ configure_build build
 run_ctest "tests" build
 
 if [ "${QV_QUICK:-0}" != 1 ]; then
+  echo "== valgrind (the test programs of the libraries, one run each)"
+  for exe in build/bin/qv_cu_*_test build/bin/qv_tr_*_test build/bin/qv_sec_*_test; do
+    [ -x "$exe" ] || continue
+    name=$(basename "$exe")
+    if valgrind -q --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=9 \
+         --suppressions=tests/qv_cu/valgrind.supp "$exe" >"build/$name.valgrind.log" 2>&1; then
+      passed=$((passed + 1))
+    else
+      failed=$((failed + 1))
+      summary+=("valgrind $name: FAILED (see build/$name.valgrind.log)")
+      tail -n 30 "build/$name.valgrind.log"
+    fi
+  done
+  summary+=("valgrind: every library test program run once")
+
   echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
   configure_build build-asan -DQV_SANITIZE=address,undefined -DQV_BENCH=OFF
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \

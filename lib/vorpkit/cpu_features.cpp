@@ -25,6 +25,7 @@ CpuFeatures detect() {
             unsigned lo, hi;
             __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
             f.avx2 = (b & bit_AVX2) && (lo & 0x6) == 0x6;
+            f.vaes = f.avx2 && f.aesni && (c & bit_VAES);
         }
     }
     return f;
@@ -40,13 +41,23 @@ std::atomic<bool> &forced() {
     return flag;
 }
 
+std::atomic<bool> g_no_vaes{false};
+
 }  // namespace
 
 const CpuFeatures &cpu() {
     static const CpuFeatures detected = detect();
-    return forced().load(std::memory_order_relaxed) ? kNone : detected;
+    static const CpuFeatures without_vaes = [] {
+        CpuFeatures f = detected;
+        f.vaes = false;
+        return f;
+    }();
+    if (forced().load(std::memory_order_relaxed)) return kNone;
+    return g_no_vaes.load(std::memory_order_relaxed) ? without_vaes : detected;
 }
 
 void force_portable(bool on) { forced().store(on, std::memory_order_relaxed); }
+
+void force_no_vaes(bool on) { g_no_vaes.store(on, std::memory_order_relaxed); }
 
 }  // namespace vorp

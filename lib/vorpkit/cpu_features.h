@@ -13,6 +13,7 @@ struct CpuFeatures {
     bool shani = false;   // SHA extensions
     bool avx2 = false;
     bool bmi2 = false;
+    bool vaes = false;    // AES on 256-bit vectors
 };
 
 // The processor's features, or none while the portable path is forced.
@@ -21,5 +22,9 @@ const CpuFeatures &cpu();
 // Forces (or stops forcing) the portable implementations, process-wide.
 // The environment variable VORP_FORCE_PORTABLE=1 forces them from the start.
 void force_portable(bool on);
+
+// Hides the 256-bit AES instructions (tests reach the 128-bit AES-NI loops
+// on every input length this way).
+void force_no_vaes(bool on);
 
 }  // namespace vorp

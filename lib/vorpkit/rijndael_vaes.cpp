@@ -2,8 +2,7 @@
 // instruction, sixteen blocks in flight, for the bulk of ECB and of CBC
 // deciphering. Whatever is left over goes to the 128-bit AES-NI code.
 // Only the kernels below are built for VAES and AVX2, and they run only when
-// CPUID reports both (vaes_available, built for the baseline, decides).
-#include <cpuid.h>
+// the processor has them (vaes_available, built for the baseline, decides).
 #include <immintrin.h>
 
 #include "cipher_internal.h"
@@ -105,15 +104,6 @@ VAES_TARGET size_t vaes_cbc_decrypt(const uint32_t *dk, int rounds, uint8_t *iv,
     return chunks * kChunk;
 }
 
-bool vaes_available() {
-    static const bool has = [] {
-        unsigned a, b, c, d;
-        return __get_cpuid_count(7, 0, &a, &b, &c, &d) && (c & bit_VAES);
-    }();
-    // The shared feature record knows whether the OS saves the 256-bit
-    // registers (its AVX2 flag), and is empty while the portable code is forced.
-    const CpuFeatures &f = vorp::cpu();
-    return has && f.avx2 && f.aesni;
-}
+bool vaes_available() { return vorp::cpu().vaes; }
 
 }  // namespace vorp::cipher
