@@ -52,7 +52,7 @@ run_ctest "tests" build
 
 if [ "${QV_QUICK:-0}" != 1 ]; then
   echo "== valgrind (the test programs of the libraries, one run each)"
-  for exe in build/bin/qv_cu_*_test build/bin/qv_tr_*_test build/bin/qv_sec_*_test; do
+  for exe in build/bin/qv_cu_*_test build/bin/qv_tr_*_test build/bin/qv_sec_*_test build/bin/mpm_*_test; do
     [ -x "$exe" ] || continue
     name=$(basename "$exe")
     if valgrind -q --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=9 \
