@@ -53,6 +53,12 @@ qv_int32_t with_started_module(sec_svc_token_t svc, sec_mpm_entry_t entry, sec_s
     return work(m);
 }
 
+// The token's state word, which service login changes under the token's mutex.
+qv_uint32_t service_state(sec_svc_token_t svc) {
+    SecMutexGuard guard(&svc->lock);
+    return svc->state;
+}
+
 qv_int32_t login_service_to(sec_svc_token_t svc, sec_mech_data_t m, sec_status_t st) {
     if (qv_uint32_t rc = sec__mpm_login_as_service(m->mpm, st, svc->svc_name, m->mtoken))
         return static_cast<qv_int32_t>(rc);
@@ -128,11 +134,7 @@ qv_int32_t renew_identity(sec_status_t st, time_t ltime, sec_token_t stoken, boo
         traced_exit = false;
         return 0;
     }
-    qv_uint32_t state;
-    {
-        SecMutexGuard guard(&svc->lock);
-        state = svc->state;
-    }
+    const qv_uint32_t state = service_state(svc);
     if ((state & (kSvcRenewable | kSvcLoginRequested)) == 0) return 0;  // never logged in: nothing to renew
     const bool logged_in = (state & kSvcLoginRequested) != 0;
     // The modules take the lifetime as a 32-bit count; a longer one is cut to
@@ -156,7 +158,7 @@ qv_int32_t login_as_user(sec_status_t st, sec_token_t stoken, sec_buffer_t id, v
     *st = sec_status_desc{};
     if (stoken == nullptr || id == nullptr) return sec_report(SEC_S_BAD_ARGUMENT, MSG_2650_002, kRoutine);
     auto *svc = static_cast<sec_svc_token_t>(stoken);
-    if (svc->magic != SEC_SVC_TOKEN_MAGIC || (svc->state & kSvcStarted) == 0)
+    if (svc->magic != SEC_SVC_TOKEN_MAGIC || (service_state(svc) & kSvcStarted) == 0)
         return sec_report(SEC_S_BAD_TOKEN, MSG_2650_003);
 
     // Type, version and mechanism code, then the mechanism's own bytes. An
