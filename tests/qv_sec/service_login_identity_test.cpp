@@ -65,6 +65,9 @@ TEST_F(ServiceLogin, LoginArgumentsAndTokenChecks) {
     sec_svc_token_t svc = start();
     char empty[] = "";
     qv_uint32_t wrong = 0x12345678;
+    sec_svc_token_desc unstarted{};
+    unstarted.magic = SEC_SVC_TOKEN_MAGIC;
+    pthread_mutex_init(&unstarted.lock, nullptr);
     struct Case {
         const char *what;
         bool st;
@@ -78,6 +81,7 @@ TEST_F(ServiceLogin, LoginArgumentsAndTokenChecks) {
         {"empty name", true, empty, svc, 4, MSG_2650_002},
         {"no token", true, kService, nullptr, 4, MSG_2650_002},
         {"not a service token", true, kService, &wrong, 5, MSG_2650_003},
+        {"not started", true, kService, &unstarted, 5, MSG_2650_003},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -131,15 +135,6 @@ TEST_F(ServiceLogin, ModuleStartedBySecStartIsNotStartedAgain) {
     ASSERT_EQ(sec_login_as_service(&st, kService, svc), 0);
     EXPECT_EQ(m1_.calls(QVTEST_MPM_START), 1u);
     EXPECT_EQ(m2_.calls(QVTEST_MPM_START), 1u);
-}
-
-TEST_F(ServiceLogin, RefusedOnATokenThatIsNotStarted) {
-    sec_svc_token_t svc = start();
-    svc->state = 0;
-    sec_status_desc st{};
-    EXPECT_EQ(sec_login_as_service(&st, kService, svc), 5);
-    EXPECT_EQ(last_message(), MSG_2650_003);
-    svc->state = 0x1;
 }
 
 TEST_F(ServiceLogin, FirstFailureIsKeptAcrossModules) {
