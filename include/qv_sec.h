@@ -313,6 +313,50 @@ qv_int32_t sec_setup_socket(sec_token_t stoken, int sockfd, qv_uint32_t flags,
  * defining its own function of this name. */
 int sec_idm_get_groups(sec_buffer_t mapped_name, int *gcount, sec_buffer_t *groups);
 
+/* ---- Service identity and the client's identity ---- */
+
+/* sec_login_as_service: records svc_name in the service token and logs the
+ * service in to every configured mechanism, starting each for the token when
+ * needed. Succeeds when one mechanism succeeds; otherwise gives the first
+ * mechanism's failure. A service token logs in once (a second call is 5). */
+qv_int32_t sec_login_as_service(sec_status_t st, char *svc_name, sec_token_t stoken);
+
+/* sec_renew_identity: refreshes the service's identity in every configured
+ * mechanism for ltime (0: nothing to do), logging the service in first where
+ * it has not yet been. Succeeds when one mechanism succeeds. */
+qv_int32_t sec_renew_identity(sec_status_t st, time_t ltime, sec_token_t stoken);
+
+/* sec_login_as_user: logs in as the user of the typed identity buffer id
+ * (type 0x83, version 1 or 2) through the mechanism the buffer names;
+ * authenticator and flags go to that mechanism untouched. */
+qv_int32_t sec_login_as_user(sec_status_t st, sec_token_t stoken, sec_buffer_t id, void *authenticator,
+                             qv_uint32_t flags);
+
+/* sec_get_client_identity: from an authenticated security context or an
+ * identity context, any of: the client's network name (*name), its mapped
+ * local name (*mname, NULL when it has none) and its typed id buffer (type
+ * 0x83 version 2: mechanism code, then the mechanism's id bytes; security
+ * contexts only). NULL pointers ask for nothing. Names are released with
+ * sec_release_name, the buffer with sec_release_buffer. On failure every
+ * output is NULL or empty. */
+qv_int32_t sec_get_client_identity(sec_status_t st, sec_token_t ctoken, qv_char_t **name, qv_char_t **mname,
+                                   sec_buffer_t id);
+
+/* sec_release_name: frees a name the library returned (NULL allowed). */
+qv_int32_t sec_release_name(char *name);
+
+/* sec_release_buffer: frees a buffer's value and empties the record (NULL
+ * allowed). Always 0. */
+qv_int32_t sec_release_buffer(sec_buffer_t buff);
+
+/* Internal: the mapping step of identity contexts and CIDBs. Asks the
+ * mechanism (entry, its context handle mtoken) for the client's mapped name;
+ * with one, ps->mname is that name and ps->gcount / ps->groups its groups
+ * from sec_idm_get_groups, whose failure is returned as it is. Without one,
+ * ps->mname is NULL and no groups are asked for. On failure ps->mname,
+ * ps->gcount and ps->groups are left NULL / 0. */
+qv_int32_t sec__get_mapped_identity(sec_status_t st, sec_mpm_entry_t entry, void *mtoken, sec_privset_info_t ps);
+
 /* ---- Internal routines ----
  * Exported under their own names for the library's tools and tests, and for
  * diagnostics. They take the locks their descriptions name; programs

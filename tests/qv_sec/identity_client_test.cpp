@@ -1,0 +1,282 @@
+// sec_get_client_identity on context tokens built by hand (a test module's
+// context handle behind a completed server-side token, or an identity
+// context's privilege set), sec_release_name and sec_release_buffer.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "messages.h"
+#include "identity_fixture.h"
+#include "sec_test_util.h"
+
+namespace {
+
+constexpr qv_uint32_t kIdentity = SEC_CTX_S_COMPLETE | SEC_CTX_S_IDENTITY | SEC_CTX_S_AUTHENTICATED;
+
+// A heap pointer the routine must overwrite, never free.
+char *const kStale = reinterpret_cast<char *>(0x10);
+
+class ClientIdentity : public qvtest::HandBuiltContextFixture {
+protected:
+    unsigned long module_calls() const {
+        return mpm_.calls(QVTEST_MPM_GET_CLIENT_NAME) + mpm_.calls(QVTEST_MPM_GET_MAPPED_NAME) +
+               mpm_.calls(QVTEST_MPM_GET_CLIENT_ID);
+    }
+    // The three outputs of a call, released when the test ends.
+    struct Outputs {
+        char *name = kStale;
+        char *mname = kStale;
+        sec_buffer_desc id{99, kStale};
+        ~Outputs() {
+            if (name != kStale) sec_release_name(name);
+            if (mname != kStale) sec_release_name(mname);
+            if (id.value != kStale) sec_release_buffer(&id);
+        }
+        void expect_empty() const {
+            EXPECT_EQ(name, nullptr);
+            EXPECT_EQ(mname, nullptr);
+            EXPECT_EQ(id.length, 0);
+            EXPECT_EQ(id.value, nullptr);
+        }
+        std::vector<unsigned char> id_bytes() const {
+            auto *p = static_cast<const unsigned char *>(id.value);
+            return p ? std::vector<unsigned char>(p, p + id.length) : std::vector<unsigned char>{};
+        }
+    };
+};
+
+TEST_F(ClientIdentity, AllThreeFormsFromTheModule) {
+    std::strcpy(mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name, "ab");
+    sec_status_desc st;
+    std::memset(&st, 0x5a, sizeof st);
+    Outputs o;
+    ASSERT_EQ(sec_get_client_identity(&st, &token_, &o.name, &o.mname, &o.id), 0);
+    EXPECT_STREQ(o.name, "qvtest_client@example");
+    EXPECT_STREQ(o.mname, "qvtest_user");
+    EXPECT_EQ(o.id_bytes(), (std::vector<unsigned char>{0x83, 0x02, 0x00, 0x01, 0x00, 0x02, 'a', 'b'}));
+    EXPECT_EQ(st.maj_stat, 0u);
+    EXPECT_EQ(st.mech_code, 0u);
+    EXPECT_STREQ(st.desc, "");
+    for (int r : {QVTEST_MPM_GET_CLIENT_NAME, QVTEST_MPM_GET_MAPPED_NAME, QVTEST_MPM_GET_CLIENT_ID}) {
+        EXPECT_EQ(mpm_.calls(r), 1u);
+        EXPECT_EQ(mpm_.record(r).args[0], reinterpret_cast<uintptr_t>(token_.mdata.mtoken));
+    }
+    // The token is only read.
+    EXPECT_EQ(token_.state, kEstablished);
+    // Nothing asked: nothing done.
+    EXPECT_EQ(sec_get_client_identity(&st, &token_, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(module_calls(), 3u);
+}
+
+TEST_F(ClientIdentity, ArgumentAndTokenChecks) {
+    qv_uint32_t junk[16] = {0x12345678};
+    sec_ctx_token_desc incomplete = token_, unauthenticated = token_, service_magic = token_;
+    incomplete.state = SEC_CTX_S_SERVER | SEC_CTX_S_AUTHENTICATED | SEC_CTX_S_IN_PROGRESS;
+    unauthenticated.state = SEC_CTX_S_COMPLETE | SEC_CTX_S_SERVER;
+    service_magic.magic = SEC_SVC_TOKEN_MAGIC;
+    struct Case {
+        const char *what;
+        bool st;
+        void *token;
+        bool only_mname;
+        qv_int32_t rc;
+        int msg;
+        const char *text;
+    } cases[] = {
+        {"no status", false, &token_, false, 4, MSG_2650_060, "sec_get_client_identity"},
+        {"no token", true, nullptr, false, 4, MSG_2650_002, "sec_get_client_identity"},
+        {"not a context token", true, junk, false, 5, MSG_2650_003, nullptr},
+        {"service magic", true, &service_magic, false, 5, MSG_2650_003, nullptr},
+        {"not complete", true, &incomplete, false, 5, MSG_2650_003, nullptr},
+        {"unauthenticated", true, &unauthenticated, false, 12, MSG_2650_010, nullptr},
+        {"unauthenticated, mapped name only", true, &unauthenticated, true, 12, MSG_2650_010, nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        sec_status_desc st;
+        std::memset(&st, 0x5a, sizeof st);
+        Outputs o;
+        EXPECT_EQ(sec_get_client_identity(c.st ? &st : nullptr, c.token, c.only_mname ? nullptr : &o.name, &o.mname,
+                                          c.only_mname ? nullptr : &o.id),
+                  c.rc);
+        EXPECT_EQ(last_message(), c.msg);
+        if (c.text != nullptr) {
+            EXPECT_NE(last_error_text().find(c.text), std::string::npos);
+        }
+        if (c.msg == MSG_2650_060) {
+            EXPECT_NE(last_error_text().find("Positional parameter number: 1"), std::string::npos);
+            EXPECT_EQ(o.name, kStale);  // nothing touched without a status record
+        } else {
+            EXPECT_EQ(st.maj_stat, 0u);
+            EXPECT_EQ(o.mname, nullptr);
+            if (!c.only_mname) o.expect_empty();
+        }
+    }
+    EXPECT_EQ(module_calls(), 0u);
+}
+
+TEST_F(ClientIdentity, ModuleFailuresUndoEveryOutput) {
+    struct Case {
+        const char *what;
+        int routine;
+        qv_uint32_t maj;
+        const char *desc;
+    } cases[] = {
+        {"client name", QVTEST_MPM_GET_CLIENT_NAME, 9, "mpm_get_client_name"},
+        {"mapped name", QVTEST_MPM_GET_MAPPED_NAME, 9, "mpm_get_mapped_name"},
+        {"client id", QVTEST_MPM_GET_CLIENT_ID, 9, "mpm_get_client_id"},
+        // Status 6 with the length unchanged: the second call, with a buffer
+        // of that size, fails again and that failure is the answer.
+        {"client id needs more, twice", QVTEST_MPM_GET_CLIENT_ID, 6, "mpm_get_client_id"},
+        {"mapped name needs more, twice", QVTEST_MPM_GET_MAPPED_NAME, 6, "mpm_get_mapped_name"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        mpm_.reset();
+        mpm_.behaviour(c.routine).maj_stat = c.maj;
+        mpm_.behaviour(c.routine).min_stat = 0x33;
+        sec_status_desc st{};
+        Outputs o;
+        cu_set_no_error_1();
+        EXPECT_EQ(sec_get_client_identity(&st, &token_, &o.name, &o.mname, &o.id), 3);
+        o.expect_empty();
+        EXPECT_EQ(st.maj_stat, c.maj);
+        EXPECT_EQ(st.min_stat, 0x33u);
+        EXPECT_EQ(st.mech_code, kCode);
+        EXPECT_STREQ(st.desc, c.desc);
+        EXPECT_EQ(last_message(), -1);  // module failures carry no message of their own
+        EXPECT_EQ(mpm_.calls(c.routine), c.maj == 6 ? 2u : 1u);
+    }
+}
+
+TEST_F(ClientIdentity, ZeroLengthAnswers) {
+    struct Case {
+        const char *what;
+        int routine;
+        qv_int32_t rc;
+        int msg;
+    } cases[] = {
+        {"client name", QVTEST_MPM_GET_CLIENT_NAME, 22, MSG_2650_067},
+        {"client id", QVTEST_MPM_GET_CLIENT_ID, 22, MSG_2650_068},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        mpm_.reset();
+        mpm_.behaviour(c.routine).name_len = 0;
+        sec_status_desc st{};
+        Outputs o;
+        EXPECT_EQ(sec_get_client_identity(&st, &token_, &o.name, &o.mname, &o.id), c.rc);
+        EXPECT_EQ(last_message(), c.msg);
+        o.expect_empty();
+        if (c.msg == MSG_2650_067) {
+            EXPECT_NE(last_error_text().find("MPM code is 10002"), std::string::npos);
+        }
+    }
+    // A client without a mapping: no mapped name, and no error.
+    mpm_.reset();
+    mpm_.behaviour(QVTEST_MPM_GET_MAPPED_NAME).name_len = 0;
+    sec_status_desc st{};
+    Outputs o;
+    ASSERT_EQ(sec_get_client_identity(&st, &token_, &o.name, &o.mname, &o.id), 0);
+    EXPECT_STREQ(o.name, "qvtest_client@example");
+    EXPECT_EQ(o.mname, nullptr);
+    EXPECT_EQ(o.id.length, 6 + 16);
+}
+
+TEST_F(ClientIdentity, LongestFirstAnswerAndUnterminatedName) {
+    // 256 bytes fill the first buffer exactly.
+    std::string id(256, 'i');
+    std::memcpy(mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name, id.data(), 255);
+    mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name[255] = 'i';
+    mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name_len = 256;
+    // A name the module did not end with a NUL still comes back a string.
+    std::strcpy(mpm_.behaviour(QVTEST_MPM_GET_CLIENT_NAME).name, "carol@realm");
+    mpm_.behaviour(QVTEST_MPM_GET_CLIENT_NAME).name_len = 5;
+    sec_status_desc st{};
+    Outputs o;
+    ASSERT_EQ(sec_get_client_identity(&st, &token_, &o.name, nullptr, &o.id), 0);
+    EXPECT_STREQ(o.name, "carol");
+    ASSERT_EQ(o.id.length, 6 + 256);
+    EXPECT_EQ(std::string(static_cast<char *>(o.id.value) + 6, 256), id);
+}
+
+TEST_F(ClientIdentity, AuthenticatedContextWithoutModuleIsDamaged) {
+    sec_ctx_token_desc t = token_;
+    t.mdata.mpm = nullptr;
+    sec_status_desc st{};
+    Outputs o;
+    EXPECT_EQ(sec_get_client_identity(&st, &t, nullptr, &o.mname, nullptr), 23);
+    EXPECT_EQ(last_message(), MSG_2650_068);
+    EXPECT_EQ(o.mname, nullptr);
+    EXPECT_EQ(sec_get_client_identity(&st, &t, nullptr, nullptr, nullptr), 0);  // nothing asked
+}
+
+// Identity contexts answer from their privilege set and never ask the module.
+TEST_F(ClientIdentity, IdentityContexts) {
+    char name[] = "dave@realm", mname[] = "dave";
+    struct Case {
+        const char *what;
+        qv_uint32_t state;
+        char *mname_in;
+        bool ask_id;
+        qv_int32_t rc;
+        int msg;
+        const char *name_out, *mname_out;
+    } cases[] = {
+        {"mapped", kIdentity | SEC_CTX_S_MAPPED, mname, false, 0, -1, "dave@realm", "dave"},
+        {"mapped without a name", kIdentity | SEC_CTX_S_MAPPED, nullptr, false, 0, -1, "dave@realm", nullptr},
+        {"not mapped", kIdentity, mname, false, 0, -1, "dave@realm", nullptr},
+        {"typed id asked", kIdentity | SEC_CTX_S_MAPPED, mname, true, 5, MSG_2650_082, nullptr, nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        sec_ctx_token_desc t = token_;
+        t.state = c.state;
+        t.privset.name = name;
+        t.privset.mname = c.mname_in;
+        sec_status_desc st{};
+        Outputs o;
+        cu_set_no_error_1();
+        EXPECT_EQ(sec_get_client_identity(&st, &t, &o.name, &o.mname, c.ask_id ? &o.id : nullptr), c.rc);
+        EXPECT_EQ(last_message(), c.msg);
+        if (c.name_out) {
+            EXPECT_STREQ(o.name, c.name_out);
+            EXPECT_NE(o.name, name);  // a copy
+        } else {
+            EXPECT_EQ(o.name, nullptr);
+        }
+        if (c.mname_out) {
+            EXPECT_STREQ(o.mname, c.mname_out);
+        } else {
+            EXPECT_EQ(o.mname, nullptr);
+        }
+        if (c.ask_id) o.expect_empty();
+    }
+    EXPECT_EQ(module_calls(), 0u);
+
+    // An identity context that lost its network name is damaged.
+    sec_ctx_token_desc t = token_;
+    t.state = kIdentity;
+    sec_status_desc st{};
+    Outputs o;
+    EXPECT_EQ(sec_get_client_identity(&st, &t, &o.name, nullptr, nullptr), 23);
+    EXPECT_EQ(last_message(), MSG_2650_072);
+    EXPECT_EQ(o.name, nullptr);
+}
+
+TEST_F(ClientIdentity, ReleaseRoutines) {
+    EXPECT_EQ(sec_release_name(nullptr), 0);
+    EXPECT_EQ(sec_release_name(strdup("x")), 0);
+    EXPECT_EQ(sec_release_buffer(nullptr), 0);
+    sec_buffer_desc b{5, nullptr};
+    EXPECT_EQ(sec_release_buffer(&b), 0);
+    EXPECT_EQ(b.length, 0);
+    b = {3, malloc(3)};
+    EXPECT_EQ(sec_release_buffer(&b), 0);
+    EXPECT_EQ(b.length, 0);
+    EXPECT_EQ(b.value, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,49 @@
+// Service login from several threads on one service token: exactly one
+// logs in, the others are refused, and each module is started and logged in
+// to once.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "mpm_test_fixture.h"
+
+namespace {
+
+class ServiceLoginThreads : public qvtest::MpmFixture {};
+
+TEST_F(ServiceLoginThreads, OneLoginPerToken) {
+    qvtest::TestMpm m1, m2(qvtest::kTestMpm2);
+    configure(line(1, "one", 0x101, qvtest::kTestMpm) + line(2, "two", 0x102, qvtest::kTestMpm2));
+    long handles = m1.live_handles() + m2.live_handles();
+    sec_status_desc st{};
+    sec_token_t token = nullptr;
+    ASSERT_EQ(sec_start(&st, 0x20, &token), 0);
+
+    constexpr int kThreads = 6;
+    std::atomic<int> ok{0}, refused{0}, other{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            sec_status_desc mine{};
+            char name[] = "qvsvc";
+            qv_int32_t rc = sec_login_as_service(&mine, name, token);
+            (rc == 0 ? ok : rc == 5 ? refused : other)++;
+            // Renewal may run beside the login: it sees either state.
+            sec_renew_identity(&mine, 60, token);
+        });
+    }
+    for (auto &t : threads) t.join();
+    EXPECT_EQ(ok.load(), 1);
+    EXPECT_EQ(refused.load(), kThreads - 1);
+    EXPECT_EQ(other.load(), 0);
+    EXPECT_EQ(m1.calls(QVTEST_MPM_START), 1u);
+    EXPECT_EQ(m2.calls(QVTEST_MPM_START), 1u);
+    EXPECT_EQ(m1.calls(QVTEST_MPM_LOGIN_AS_SERVICE), 1u);
+    EXPECT_EQ(m2.calls(QVTEST_MPM_LOGIN_AS_SERVICE), 1u);
+    EXPECT_EQ(sec_end(&st, 0, token), 0);
+    EXPECT_EQ(m1.live_handles() + m2.live_handles(), handles);
+}
+
+}  // namespace
