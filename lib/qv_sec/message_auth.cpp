@@ -112,11 +112,15 @@ qv_int32_t sec_generate_key(sec_buffer_t key) {
 }
 
 qv_int32_t sec_prepare_message(sec_buffer_t key, qv_uint32_t flags, sec_buffer_t in, sec_buffer_t out) {
+    // Cleared before any check, so that every failure, the argument and key
+    // checks included, leaves the output empty.
+    if (out != nullptr) {
+        out->length = 0;
+        out->value = nullptr;
+    }
     if (!message_arguments_valid(key, flags, in, out))
         return sec_report(SEC_S_BAD_ARGUMENT, MSG_2650_002, "sec_prepare_message");
     if (!is_des_key(key)) return sec_report(SEC_S_NOT_DES_KEY, MSG_2650_045);
-    out->length = 0;
-    out->value = nullptr;
     if (in->length == 0 || (flags & SEC_F_MSG_DIGEST) == 0) return 0;
 
     TokenWork w;
