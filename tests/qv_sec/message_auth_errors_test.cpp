@@ -176,15 +176,4 @@ TEST(MessageAuthErrors, GenerateKeyNull) {
     EXPECT_EQ(last_error_text(), "2650-002 Caller provided invalid arguments to sec_generate_key.");
 }
 
-// The message routines stand apart from the library's start-up: failing and
-// succeeding calls alike leave the error record as the only trace.
-TEST(MessageAuthErrors, SuccessLeavesNoNewError) {
-    cu_set_no_error_1();
-    Call c;
-    sec_buffer_desc out{0, nullptr};
-    ASSERT_EQ(run_prepare(c, out), 0);
-    free(out.value);
-    EXPECT_EQ(last_message(), -1);
-}
-
 }  // namespace

@@ -42,17 +42,6 @@ TEST(MessageAuthKeygen, KeysAreOddParityStrongAndDistinct) {
     }
 }
 
-TEST(MessageAuthKeygen, GeneratedKeyAuthenticates) {
-    sec_buffer_desc key{0, nullptr};
-    ASSERT_EQ(sec_generate_key(&key), 0);
-    char text[] = "a message between two processes that share a key";
-    sec_buffer_desc in{static_cast<qv_int32_t>(sizeof text), text}, token{0, nullptr};
-    ASSERT_EQ(sec_prepare_message(&key, SEC_F_MSG_DIGEST, &in, &token), 0) << last_error_text();
-    EXPECT_EQ(sec_process_message(&key, SEC_F_MSG_DIGEST, &in, &token), 0) << last_error_text();
-    free(token.value);
-    free(key.value);
-}
-
 // Two children forked from the same parent start from identical memory; the
 // keys they make must still differ.
 TEST(MessageAuthKeygen, ForkedProcessesMakeDifferentKeys) {

@@ -111,15 +111,6 @@ TEST(MessageAuthToken, MatchesOpenSslOnRandomMessagesAndKeys) {
     }
 }
 
-TEST(MessageAuthToken, SameInputsGiveSameToken) {
-    std::mt19937 rng(7);
-    Bytes key = random_key(rng), msg = random_bytes(rng, 100);
-    Bytes first = prepare(key, msg);
-    EXPECT_EQ(prepare(key, msg), first);
-    Bytes other_key = random_key(rng);
-    EXPECT_NE(prepare(other_key, msg), first);
-}
-
 TEST(MessageAuthToken, WeakKeysWork) {
     // Only the generator avoids weak keys; prepare and process accept them.
     for (const char *hex : {"0101010101010101", "fefefefefefefefe", "01fe01fe01fe01fe", "1fe01fe00ef10ef1"}) {
@@ -193,35 +184,6 @@ TEST(MessageAuthToken, VerificationFailures) {
     Bytes forged = openssl_des_cbc(key, plain, true);
     EXPECT_EQ(process(key, msg, forged), SEC_S_MSG_VERIFY_FAILED);
     EXPECT_EQ(last_message(), MSG_2650_048);
-}
-
-TEST(MessageAuthToken, MalformedTokens) {
-    std::mt19937 rng(9);
-    Bytes key = random_key(rng), msg = random_bytes(rng, 10);
-    Bytes token = prepare(key, msg);
-    for (size_t len : {size_t{0}, size_t{8}, size_t{16}, size_t{23}, size_t{25}, size_t{32}}) {
-        SCOPED_TRACE(len);
-        Bytes t = token;
-        t.resize(len, 0);
-        EXPECT_EQ(process(key, msg, t), SEC_S_BAD_BUFFER);
-        EXPECT_EQ(last_error_text(), "2650-047 The signature buffer is not valid.");
-    }
-    sec_buffer_desc k = view(key), in = view(msg), no_bytes{24, nullptr}, negative{-24, token.data()};
-    EXPECT_EQ(sec_process_message(&k, SEC_F_MSG_DIGEST, &in, &no_bytes), SEC_S_BAD_BUFFER);
-    EXPECT_EQ(sec_process_message(&k, SEC_F_MSG_DIGEST, &in, &negative), SEC_S_BAD_BUFFER);
-}
-
-TEST(MessageAuthToken, TokenIsOnlyRead) {
-    std::mt19937 rng(13);
-    Bytes key = random_key(rng), msg = random_bytes(rng, 50);
-    Bytes token = prepare(key, msg), copy = token;
-    Bytes key_copy = key;
-    sec_buffer_desc k = view(key), in = view(msg), t = view(token);
-    EXPECT_EQ(sec_process_message(&k, SEC_F_MSG_DIGEST, &in, &t), 0);
-    EXPECT_EQ(token, copy);
-    EXPECT_EQ(key, key_copy);
-    EXPECT_EQ(t.length, 24);
-    EXPECT_EQ(t.value, token.data());
 }
 
 }  // namespace
