@@ -306,6 +306,53 @@ qv_int32_t sec__create_empty_varval(char *var, char **varstrp);
 qv_int32_t sec_setup_socket(sec_token_t stoken, int sockfd, qv_uint32_t flags,
                             void *arg, sec_token_t *ctokenp);
 
+/* ---- Message authentication ----
+ * Two processes that share a DES key authenticate messages without any
+ * module or context. The token of a message is its MD5 digest followed by
+ * the key, enciphered with single DES in CBC mode under the key and the
+ * fixed IV sec_c_des_iv. These routines neither initialise the library, nor
+ * trace, nor lock; the buffers they return are released with free(). */
+
+#define SEC_F_MSG_DIGEST    0x00100000u  /* compute or check the token */
+#define SEC_F_MSG_NO_DIGEST 0x00200000u  /* do nothing and succeed */
+
+#define SEC_DES_KEY_LEN   8   /* a key buffer: the raw key bytes, odd parity */
+#define SEC_MSG_TOKEN_LEN 24  /* an authentication token */
+
+/* The fixed initialisation vector of the token's CBC chain, c35a917ec35a917e. */
+extern const unsigned char sec_c_des_iv[SEC_DES_KEY_LEN];
+
+/* sec_generate_key: a new random DES key with odd parity that is neither weak
+ * nor semi-weak, in a newly malloc'ed key->value (free it with free) with
+ * key->length 8. Returns 0, 4 when key is NULL, or 6 (key->value NULL,
+ * key->length unchanged). */
+qv_int32_t sec_generate_key(sec_buffer_t key);
+
+/* sec_prepare_message: with SEC_F_MSG_DIGEST, the 24-byte token of the
+ * message in, in a newly malloc'ed out->value (free it with free); an empty
+ * message or SEC_F_MSG_NO_DIGEST gives success and out empty (length 0, value
+ * NULL). Exactly one of the two flags must be set. Returns 0; 4 for a NULL
+ * argument, bad flags or a malformed message buffer; 27 when key is not an
+ * 8-byte odd-parity key; 6; 29 when the cipher fails. On failure out is
+ * empty. */
+qv_int32_t sec_prepare_message(sec_buffer_t key, qv_uint32_t flags, sec_buffer_t in, sec_buffer_t out);
+
+/* sec_process_message: with SEC_F_MSG_DIGEST, checks the token inout (only
+ * read) against the message in and the key. An empty message or
+ * SEC_F_MSG_NO_DIGEST succeeds without reading inout. Returns 0; 4 (as
+ * sec_prepare_message, and naming it); 27; 7 when the token is not 24 bytes;
+ * 28 when the token was made with another key (2650-048) or for another
+ * message (2650-049); 29. */
+qv_int32_t sec_process_message(sec_buffer_t key, qv_uint32_t flags, sec_buffer_t in, sec_buffer_t inout);
+
+/* DES key helpers over the 8 bytes at key. fix sets bit 0 of each byte so
+ * that the byte has odd parity (bits 7..1 are kept); check returns 1 when all
+ * 8 bytes have odd parity, else 0; is_weak returns 1 when the bytes are one
+ * of the 16 weak and semi-weak keys in odd-parity form, else 0. */
+void sec__des_fix_key_parity(unsigned char *key);
+int sec__des_check_key_parity(const unsigned char *key);
+int sec__des_is_weak_key(const unsigned char *key);
+
 /* ---- Identity mapping hook ---- */
 
 /* The groups of the local user named by mapped_name. The library's default

@@ -16,6 +16,7 @@ struct Command {
 
 int run_config(const Args &args);
 int run_mechs(const Args &args);
+int run_mac(const Args &args);
 
 // The formatted text of the calling thread's error record (catalogue or
 // default text), without a trailing newline.

@@ -14,6 +14,7 @@ const Command kCommands[] = {
      run_config},
     {"mechs", "mechs [--load]",
      "list the configured mechanisms; with --load, load each module and list the routines it exports", run_mechs},
+    {"mac", "mac keygen|sign|verify ...", "make a shared DES key, sign a file with it or verify a file's token", run_mac},
 };
 
 void usage(FILE *out) {

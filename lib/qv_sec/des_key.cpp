@@ -1,0 +1,64 @@
+// DES keys of the message-authentication routines: odd parity in the low bit
+// of each byte, the weak and semi-weak keys that key generation avoids, and
+// the fixed initialisation vector of the token's CBC chain.
+#include "qv_sec.h"
+
+namespace {
+
+constexpr int kDesKeyLen = SEC_DES_KEY_LEN;
+
+// The 4 weak and 12 semi-weak keys (each semi-weak key beside its partner),
+// in odd-parity form so that a generated key, whose parity is fixed first,
+// compares against them byte for byte.
+constexpr unsigned char kWeakKeys[16][kDesKeyLen] = {
+    {0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01}, {0xfe, 0xfe, 0xfe, 0xfe, 0xfe, 0xfe, 0xfe, 0xfe},
+    {0x1f, 0x1f, 0x1f, 0x1f, 0x0e, 0x0e, 0x0e, 0x0e}, {0xe0, 0xe0, 0xe0, 0xe0, 0xf1, 0xf1, 0xf1, 0xf1},
+    {0x01, 0xfe, 0x01, 0xfe, 0x01, 0xfe, 0x01, 0xfe}, {0xfe, 0x01, 0xfe, 0x01, 0xfe, 0x01, 0xfe, 0x01},
+    {0x1f, 0xe0, 0x1f, 0xe0, 0x0e, 0xf1, 0x0e, 0xf1}, {0xe0, 0x1f, 0xe0, 0x1f, 0xf1, 0x0e, 0xf1, 0x0e},
+    {0x01, 0xe0, 0x01, 0xe0, 0x01, 0xf1, 0x01, 0xf1}, {0xe0, 0x01, 0xe0, 0x01, 0xf1, 0x01, 0xf1, 0x01},
+    {0x1f, 0xfe, 0x1f, 0xfe, 0x0e, 0xfe, 0x0e, 0xfe}, {0xfe, 0x1f, 0xfe, 0x1f, 0xfe, 0x0e, 0xfe, 0x0e},
+    {0x01, 0x1f, 0x01, 0x1f, 0x01, 0x0e, 0x01, 0x0e}, {0x1f, 0x01, 0x1f, 0x01, 0x0e, 0x01, 0x0e, 0x01},
+    {0xe0, 0xfe, 0xe0, 0xfe, 0xf1, 0xfe, 0xf1, 0xfe}, {0xfe, 0xe0, 0xfe, 0xe0, 0xfe, 0xf1, 0xfe, 0xf1},
+};
+
+// The parity of bits 7..1, folded by XOR: 1 when they hold an odd number of
+// ones. Bit 0 must be its complement for the byte to have odd parity.
+unsigned upper_parity(unsigned char b) {
+    unsigned v = b >> 1;
+    v ^= v >> 4;
+    v ^= v >> 2;
+    v ^= v >> 1;
+    return v & 1u;
+}
+
+}  // namespace
+
+extern "C" {
+
+const unsigned char sec_c_des_iv[SEC_DES_KEY_LEN] = {0xc3, 0x5a, 0x91, 0x7e, 0xc3, 0x5a, 0x91, 0x7e};
+
+void sec__des_fix_key_parity(unsigned char *key) {
+    for (int i = 0; i < kDesKeyLen; ++i)
+        key[i] = static_cast<unsigned char>((key[i] & 0xfeu) | (upper_parity(key[i]) ^ 1u));
+}
+
+int sec__des_check_key_parity(const unsigned char *key) {
+    for (int i = 0; i < kDesKeyLen; ++i)
+        if ((key[i] & 1u) == upper_parity(key[i])) return 0;
+    return 1;
+}
+
+// Every entry is compared in full, so the time taken says nothing about how
+// much of a fresh key matches a table entry.
+int sec__des_is_weak_key(const unsigned char *key) {
+    unsigned found = 0;
+    for (const auto &weak : kWeakKeys) {
+        unsigned diff = 0;
+        for (int i = 0; i < kDesKeyLen; ++i) diff |= static_cast<unsigned>(key[i] ^ weak[i]);
+        __asm__("" : "+r"(diff));
+        found |= (diff - 1u) >> 8 & 1u;  // 1 when diff is 0
+    }
+    return static_cast<int>(found);
+}
+
+}  // extern "C"
