@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "messages.h"
@@ -47,10 +48,15 @@ inline Bytes mech_list(const std::vector<qv_uint32_t> &codes, uint8_t version = 
     return b;
 }
 
-// A caller's view of bytes (not owned).
+// Bytes given to the library as an input buffer (a copy, so a temporary
+// will do).
 struct View {
-    explicit View(const Bytes &b) : d{static_cast<qv_int32_t>(b.size()), b.empty() ? nullptr : const_cast<uint8_t *>(b.data())} {}
+    explicit View(Bytes b)
+        : bytes(std::move(b)), d{static_cast<qv_int32_t>(bytes.size()), bytes.empty() ? nullptr : bytes.data()} {}
+    View(const View &) = delete;
+    View &operator=(const View &) = delete;
     sec_buffer_t get() { return &d; }
+    Bytes bytes;
     sec_buffer_desc d;
 };
 
