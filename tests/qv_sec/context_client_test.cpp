@@ -20,6 +20,7 @@ protected:
     // sec_start_sec_context with the list, into ctx_ and out_.
     int start(const Bytes &list, sec_token_t *ctokenp = nullptr) {
         View l(list);
+        out_.take();
         return sec_start_sec_context(&st_, client_svc_, l.get(), svc_, host_, 0x1234, ctokenp ? ctokenp : &ctx_,
                                      out_.get());
     }
@@ -344,7 +345,7 @@ TEST_F(Completing, CompleteContextCannotBeCompletedAgain) {
 }
 
 TEST_F(Completing, ServerContextIsNotAClientContext) {
-    View c(out_.bytes());
+    View c(out_.take());
     Out ans;
     sec_token_t server_ctx = nullptr;
     ASSERT_EQ(sec_receive_sec_context(&st_, server_svc_, c.get(), &server_ctx, ans.get()), 0);

@@ -137,6 +137,8 @@ TEST_F(ContextUse, PrepareDataPassesOnlyTheModeBits) {
     EXPECT_EQ(m_.calls(QVTEST_MPM_RELEASE_BUFFER), 3u);  // two establishment answers, one seal
     // A module failure leaves nothing behind.
     m_.behaviour(QVTEST_MPM_PREPARE_DATA).maj_stat = 0x70;
+    out.take();
+    out.d.length = 5;  // whatever the caller had is not looked at
     EXPECT_EQ(sec_prepare_data(&st_, ctx_, SEC_F_PROTECT_MODE1, in.get(), out.get()), SEC_S_MPM_FAILURE);
     EXPECT_TRUE(out.empty());
     EXPECT_STREQ(st_.desc, "mpm_prepare_data");
