@@ -262,6 +262,78 @@ qv_int32_t sec__wrap_seal_buff(sec_buffer_t in, qv_uint32_t mech, int version, s
  * Returns 0, 7 or 6. */
 qv_int32_t sec__unwrap_seal_buff(sec_buffer_t in, qv_uint32_t *mech, int *version, sec_buffer_t out);
 
+/* ---- Security contexts ----
+ * A client and a server build a context by exchanging CCDBs: the client
+ * starts with sec_start_sec_context and feeds each answer of the server to
+ * sec_complete_sec_context; the server hands each CCDB of the client to
+ * sec_receive_sec_context. Return code 1 means: send the output CCDB (when
+ * not empty) and wait for the peer's next one; 0 the context is complete; 2
+ * (client only) complete but unauthenticated. An exchange has at most 255
+ * rounds. A failure (above 2 on the client, above 1 on the server) destroys
+ * the context and sets the caller's handle to NULL. */
+
+#define SEC_C_NO_TOKEN NULL  /* *ctokenp of a context not yet made */
+
+/* Service token state bits. */
+#define SEC_SVC_S_STARTED          0x1u
+#define SEC_SVC_S_LOGIN_AS_SERVICE 0x4u  /* establish the service's own identity in each module */
+/* Unauthenticated clients are refused. sec_start sets it when the process's
+ * QV_SEC_IMP_MECHS is set, not empty and lacks "none": the imposed
+ * mechanisms then rule out unauthenticated contexts on the server side too. */
+#define SEC_SVC_S_REFUSE_UNAUTH    0x8u
+
+/* Mechanism-data state bits. */
+#define SEC_MECH_S_STARTED      0x1u  /* mpm_start succeeded for the service */
+#define SEC_MECH_S_SERVER_LOGIN 0x2u  /* logged in as the service by a server context */
+#define SEC_MECH_S_CLIENT_LOGIN 0x4u  /* logged in as the service by a client context */
+
+/* sec_start_sec_context: tries the mechanisms of the shared list smechs (from
+ * sec_reconcile_auth_methods) in order; the first module that accepts gives
+ * the first CCDB in *c_ccdb. *ctokenp is SEC_C_NO_TOKEN or a token from
+ * sec_setup_socket. An empty list, or a module that asks for it, gives an
+ * unauthenticated context (2) unless QV_SEC_IMP_MECHS is set, not empty and
+ * lacks "none" (8). flags go to the module unchanged. */
+qv_int32_t sec_start_sec_context(sec_status_t st, sec_token_t stoken, sec_buffer_t smechs, char *trg_svc,
+                                 char *trg_host, qv_uint32_t flags, sec_token_t *ctokenp, sec_buffer_t c_ccdb);
+/* sec_complete_sec_context: the client's next step with the server's answer
+ * s_ccdb; *c_ccdb is the next CCDB for the server, empty when none. */
+qv_int32_t sec_complete_sec_context(sec_status_t st, sec_buffer_t s_ccdb, sec_token_t *ctokenp,
+                                    sec_buffer_t c_ccdb);
+/* sec_receive_sec_context: the server's step with the client's CCDB c_ccdb;
+ * *ctokenp is SEC_C_NO_TOKEN (or a token from sec_setup_socket) for the
+ * first CCDB of a client. *s_ccdb is the answer, empty when none is to be
+ * sent. Never returns 2: an unauthenticated server context is complete
+ * without SEC_CTX_S_AUTHENTICATED. */
+qv_int32_t sec_receive_sec_context(sec_status_t st, sec_token_t stoken, sec_buffer_t c_ccdb,
+                                   sec_token_t *ctokenp, sec_buffer_t s_ccdb);
+
+/* sec_get_ctx_attribute codes and what arg points to. */
+#define SEC_C_CTX_LIFETIME 1u  /* qv_int32_t: seconds left; -1 unauthenticated */
+#define SEC_C_CTX_FLAGS    2u  /* qv_uint32_t: the module's flags | 0x200; 0 unauthenticated */
+#define SEC_C_CTX_NOTHING  3u  /* accepted; nothing is written */
+#define SEC_C_CTX_MPM_NAME 4u  /* char[SEC_C_CTX_MPM_NAME_SIZE]: the mnemonic, "none" unauthenticated */
+#define SEC_C_CTX_MPM_NAME_SIZE 17
+
+/* sec_prepare_data protection modes: exactly one must be given; their
+ * meaning belongs to the module. */
+#define SEC_F_PROTECT_MODE1 0x00100000u
+#define SEC_F_PROTECT_MODE2 0x00200000u
+
+/* Queries on a complete context. */
+qv_int32_t sec_get_ctx_attribute(sec_status_t st, sec_token_t token, qv_uint32_t attr, void *arg);
+/* A NULL lifetime is accepted and nothing is written. */
+qv_int32_t sec_get_ctx_lifetime(sec_status_t st, sec_token_t ctoken, qv_int32_t *lifetime);
+/* sec_prepare_data: seals in into a newly allocated seal buffer *out (type
+ * 0x86) with the context's module; authenticated contexts only. */
+qv_int32_t sec_prepare_data(sec_status_t st, sec_token_t ctoken, qv_uint32_t flags, sec_buffer_t in,
+                            sec_buffer_t out);
+/* sec_process_data: opens a seal buffer made by the peer's context. */
+qv_int32_t sec_process_data(sec_status_t st, sec_token_t ctoken, sec_buffer_t in, sec_buffer_t out);
+/* sec_end_context: ends the context (complete or not) and frees the token; a
+ * socket file the library bound for it is removed. buff, when not NULL, is
+ * released and emptied. A NULL token is not an error. */
+qv_int32_t sec_end_context(sec_status_t st, sec_token_t ctoken, sec_buffer_t buff);
+
 /* ---- Mechanism negotiation ----
  * A mechanism is named on the wire by a 32-bit code and locally by a
  * mnemonic of at most 16 characters; code 0, "none", means no

@@ -3,8 +3,10 @@
 #include <cstring>
 #include <new>
 
+#include "context_token.h"
 #include "errors.h"
 #include "library_init.h"
+#include "mechanism_list.h"
 #include "mpm.h"
 
 namespace {
@@ -70,7 +72,16 @@ qv_int32_t start(sec_status_t st, qv_uint32_t flags, sec_token_t *stokenp) {
     if (t == nullptr) return sec_report(SEC_S_NO_MEMORY, MSG_2650_004);
     t->magic = SEC_SVC_TOKEN_MAGIC;
     sec__simple_init(&t->lock);
-    t->state = 0x1u;
+    t->state = kSvcStarted;
+    // The process's imposed mechanisms allow an unauthenticated context only
+    // when they name "none". That holds for the clients a service accepts as
+    // much as for the contexts it starts itself: a server whose
+    // QV_SEC_IMP_MECHS is set and lacks "none" refuses unauthenticated
+    // clients. Taken once, here, like the rest of the token's settings.
+    {
+        SecErrorKeeper keep(nullptr);  // an over-long mnemonic is not sec_start's failure
+        if (sec_unauthenticated_refused()) t->state |= kSvcRefuseUnauth;
+    }
     t->sflags = flags;
     *stokenp = t;
 

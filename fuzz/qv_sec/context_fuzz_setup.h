@@ -1,0 +1,115 @@
+// What the context fuzzers share: the test modules configured as mechanisms
+// A and B through a temporary configuration file named in QV_SEC_CONFIG
+// before the library's first call, a client and a server service token, and
+// control of module A's behaviour. The modules are looked up beside the
+// fuzzer's build tree (built there when tests are on) or in the sibling
+// default build tree; QV_FUZZ_TEST_MPM_DIR names another directory. Without
+// them the configured paths fail to load and the fuzzers still cover every
+// step before the load.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "../../tests/support/test_mpm_control.h"
+#include "qv_sec.h"
+
+namespace ctxfuzz {
+
+inline constexpr qv_uint32_t kCodeA = 0x00010002u;
+inline constexpr qv_uint32_t kCodeB = 0x51u;
+
+struct Setup {
+    sec_token_t client_svc = nullptr;
+    sec_token_t server_svc = nullptr;
+    qvtest_mpm_control_t *control = nullptr;  // module A, NULL when it was not found
+    void (*reset)() = nullptr;
+    long (*live_handles)() = nullptr;
+    long (*live_buffers)() = nullptr;
+
+    // Module A back to its defaults.
+    void reset_module() const {
+        if (reset != nullptr) reset();
+    }
+    qvtest_mpm_behaviour_t *behaviour(int routine) const {
+        return control != nullptr ? &control->behaviour[routine] : nullptr;
+    }
+};
+
+inline std::string module_dir() {
+    if (const char *d = std::getenv("QV_FUZZ_TEST_MPM_DIR")) return d;
+    char exe[4096];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    std::string dir = n > 0 ? std::string(exe, static_cast<size_t>(n)) : std::string("./x");
+    dir.erase(dir.rfind('/'));
+    struct stat sb;
+    for (const char *rel : {"/../lib/qvsec", "/../../build/lib/qvsec"}) {
+        if (stat((dir + rel + "/libqvtest_mpm.so").c_str(), &sb) == 0) return dir + rel;
+    }
+    return dir + "/../lib/qvsec";
+}
+
+inline const Setup &setup() {
+    static Setup s = [] {
+        Setup r;
+        std::string dir = module_dir();
+        std::string a = dir + "/libqvtest_mpm.so", b = dir + "/libqvtest_mpm2.so";
+        char cfg[] = "/tmp/qvsec-fuzz-XXXXXX";
+        int fd = mkstemp(cfg);
+        if (fd < 0) abort();
+        std::string text = "1 qvtest " + std::to_string(kCodeA) + " " + a + " i\n2 qvtest2 " + std::to_string(kCodeB) +
+                           " " + b + " i\n";
+        if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) abort();
+        close(fd);
+        setenv("QV_SEC_CONFIG", cfg, 1);
+        static std::string cfg_path = cfg;
+        atexit([] { unlink(cfg_path.c_str()); });
+
+        if (void *h = dlopen(a.c_str(), RTLD_NOW)) {
+            r.control = reinterpret_cast<qvtest_mpm_control_t *(*)()>(dlsym(h, "qvtest_mpm_control"))();
+            r.reset = reinterpret_cast<void (*)()>(dlsym(h, "qvtest_mpm_reset"));
+            r.live_handles = reinterpret_cast<long (*)()>(dlsym(h, "qvtest_mpm_live_handles"));
+            r.live_buffers = reinterpret_cast<long (*)()>(dlsym(h, "qvtest_mpm_live_buffers"));
+        } else {
+            std::fprintf(stderr, "test module not found in %s: module calls will fail to load\n", dir.c_str());
+        }
+        sec_status_desc st{};
+        if (sec_start(&st, 0, &r.client_svc) != 0 || sec_start(&st, 0, &r.server_svc) != 0) abort();
+        return r;
+    }();
+    return s;
+}
+
+// Stops the fuzzer when module A holds more handles or buffers than before
+// the input: a leak on some path.
+struct LeakCheck {
+    explicit LeakCheck(const Setup &s) : s_(s) {
+        if (s_.live_handles != nullptr) {
+            handles_ = s_.live_handles();
+            buffers_ = s_.live_buffers();
+        }
+    }
+    void check(long handed_out = 0) const {
+        if (s_.live_handles == nullptr) return;
+        if (s_.live_handles() != handles_ || s_.live_buffers() != buffers_ + handed_out) __builtin_trap();
+    }
+    const Setup &s_;
+    long handles_ = 0, buffers_ = 0;
+};
+
+// A caller's output buffer must be either empty or a CCDB.
+inline void check_ccdb_output(const sec_buffer_desc &b) {
+    if (b.length == 0) {
+        if (b.value != nullptr) __builtin_trap();
+        return;
+    }
+    if (b.length < 6 || b.value == nullptr || static_cast<const uint8_t *>(b.value)[0] != SEC_BUF_CCDB) __builtin_trap();
+}
+
+}  // namespace ctxfuzz

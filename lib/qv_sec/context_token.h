@@ -1,0 +1,130 @@
+// The context token behind a security or identity context handle: allocation,
+// the validity tests the context routines share, and destruction. Also the
+// small RAII helpers of the context routines: keeping the caller's error
+// across clean-up calls, and owning module output and library buffers until
+// they are handed over.
+#pragma once
+
+#include <cstdlib>
+#include <utility>
+
+#include "qv_cu.h"
+#include "qv_sec.h"
+#include "qv_sec_mpm.h"
+
+// Service token state bits.
+inline constexpr qv_uint32_t kSvcStarted = SEC_SVC_S_STARTED;
+inline constexpr qv_uint32_t kSvcLoginAsService = SEC_SVC_S_LOGIN_AS_SERVICE;
+inline constexpr qv_uint32_t kSvcRefuseUnauth = SEC_SVC_S_REFUSE_UNAUTH;
+
+// Mechanism-data state bits.
+inline constexpr qv_uint32_t kMechStarted = SEC_MECH_S_STARTED;
+inline constexpr qv_uint32_t kMechServerLogin = SEC_MECH_S_SERVER_LOGIN;
+inline constexpr qv_uint32_t kMechClientLogin = SEC_MECH_S_CLIENT_LOGIN;
+
+inline constexpr int kContextVersion = 2;  // the CCDB and seal-buffer version this library writes
+inline constexpr unsigned char kMaxSeqNo = 255;
+
+inline bool sec_ctx_has_magic(const void *token) {
+    return token != nullptr && static_cast<const sec_ctx_token_desc *>(token)->magic == SEC_CTX_TOKEN_MAGIC;
+}
+
+// Complete (established, authenticated or not) and a context token.
+inline bool sec_ctx_usable(const void *token) {
+    return sec_ctx_has_magic(token) && (static_cast<const sec_ctx_token_desc *>(token)->state & SEC_CTX_S_COMPLETE);
+}
+
+// A service token from sec_start that has not been ended.
+inline bool sec_svc_usable(const void *token) {
+    auto *svc = static_cast<const sec_svc_token_desc *>(token);
+    return svc != nullptr && svc->magic == SEC_SVC_TOKEN_MAGIC && (svc->state & kSvcStarted);
+}
+
+// A zero-filled context token with the magic written and svc_token set; NULL
+// when there is no memory.
+sec_ctx_token_t sec_ctx_allocate(sec_token_t svc);
+
+// Ends the context's module context, if it has one, and forgets the module
+// handle. The caller's error record and status record are kept as they were.
+void sec_ctx_end_module_context(sec_ctx_token_t c, sec_status_t st);
+
+// Frees everything the record owns (the socket path, removing the socket
+// file when the library bound it; the privilege set), then zero-fills and
+// frees the record. The module context is not touched.
+void sec_ctx_free(sec_ctx_token_t c);
+
+// Destroys a context after a failure: ends its module context keeping the
+// caller's error and status, frees the token and sets *ctokenp to NULL.
+void sec_ctx_discard(sec_token_t *ctokenp, sec_status_t st);
+
+// Makes sure the module is started for the service (with the service's
+// flags) and, when the service asked for its own identity, logged in as the
+// service, under the service token's mutex; *rec is the service's
+// mechanism data for the module. The login runs when the record lacks
+// kMechClientLogin and sets login_bit on success: a client context sets
+// kMechClientLogin, so it logs in once; a server context sets
+// kMechServerLogin, so every new server context logs in again.
+qv_int32_t sec_ctx_prepare_module(sec_svc_token_t svc, sec_mpm_entry_t entry, sec_status_t st,
+                                  qv_uint32_t login_bit, sec_mech_data_t *rec);
+
+// Saves the thread's error record and the caller's status record, and puts
+// both back when it goes out of scope: clean-up calls made after a failure
+// then leave the first failure as the caller's.
+class SecErrorKeeper {
+public:
+    explicit SecErrorKeeper(sec_status_t st) : st_(st) {
+        cu_get_error_1(&saved_);
+        if (st_ != nullptr) status_ = *st_;
+    }
+    ~SecErrorKeeper() {
+        if (saved_ != nullptr) cu_pset_error_1(saved_);
+        cu_rel_error_1(saved_);
+        if (st_ != nullptr) *st_ = status_;
+    }
+    SecErrorKeeper(const SecErrorKeeper &) = delete;
+    SecErrorKeeper &operator=(const SecErrorKeeper &) = delete;
+
+private:
+    sec_status_t st_;
+    sec_status_desc status_{};
+    cu_error_t *saved_ = nullptr;
+};
+
+// A buffer produced by a module routine, given back to the module when it
+// goes out of scope.
+class MpmOutput {
+public:
+    explicit MpmOutput(sec_mpm_entry_t entry) : entry_(entry) {}
+    ~MpmOutput() { release(); }
+    MpmOutput(const MpmOutput &) = delete;
+    MpmOutput &operator=(const MpmOutput &) = delete;
+
+    sec_buffer_t get() { return &buf_; }
+    bool empty() const { return buf_.length <= 0 || buf_.value == nullptr; }
+    void release() {
+        if (buf_.value != nullptr) sec__mpm_release_buffer(entry_, &buf_);
+        buf_ = sec_buffer_desc{0, nullptr};
+    }
+
+private:
+    sec_mpm_entry_t entry_;
+    sec_buffer_desc buf_{0, nullptr};
+};
+
+// A malloc'ed buffer of the library (an unwrapped body, a CCDB not yet handed
+// over), freed when it goes out of scope unless given away.
+class OwnedBuffer {
+public:
+    OwnedBuffer() = default;
+    ~OwnedBuffer() { free(buf_.value); }
+    OwnedBuffer(const OwnedBuffer &) = delete;
+    OwnedBuffer &operator=(const OwnedBuffer &) = delete;
+
+    sec_buffer_t get() { return &buf_; }
+    bool empty() const { return buf_.length <= 0 || buf_.value == nullptr; }
+    // Moves the bytes into the caller's buffer.
+    void give_to(sec_buffer_t out) { *out = std::exchange(buf_, sec_buffer_desc{0, nullptr}); }
+
+private:
+    sec_buffer_desc buf_{0, nullptr};
+};
