@@ -1,13 +1,35 @@
 #!/usr/bin/env bash
-# Builds and installs qvsec into ./install, then checks the installed sample
-# configuration with the qvsec tool.
+# The product's main job, on a fresh machine: builds and installs qvsec into
+# ./install, configures the "local" mechanism, starts the example service and
+# runs the example client against it: the client authenticates through the
+# kernel's view of their socket and exchanges a sealed request and reply.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_TESTS=OFF -DQV_BENCH=OFF >/dev/null
 cmake --build build -j"$(nproc)"
-cmake --install build --prefix "$PWD/install" >/dev/null
-echo "installed into $PWD/install"
+prefix="$PWD/install"
+cmake --install build --prefix "$prefix" >/dev/null
+echo "installed into $prefix"
+
+work=$(mktemp -d)
+service_pid=""
+cleanup() {
+  [ -n "$service_pid" ] && kill "$service_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# One mechanism: "local", code 0x1, the module installed under lib/qvsec.
+printf '1 local 0x00000001 %s i\n' "$prefix/lib/qvsec/mpm_local.so" > "$work/qvsec.cfg"
+export QV_SEC_CONFIG="$work/qvsec.cfg"
 echo
-echo "\$ install/bin/qvsec config check install/share/qvsec/qvsec.cfg.sample"
-install/bin/qvsec config check install/share/qvsec/qvsec.cfg.sample
+echo "\$ qvsec config check \$QV_SEC_CONFIG"
+"$prefix/bin/qvsec" config check
+echo
+"$prefix/bin/qvsec-example-service" --socket "$work/example.sock" --count 1 &
+service_pid=$!
+for _ in $(seq 100); do [ -S "$work/example.sock" ] && break; sleep 0.05; done
+"$prefix/bin/qvsec-example-client" --socket "$work/example.sock" "hello from $(id -un)"
+wait "$service_pid"
+service_pid=""

@@ -1,0 +1,157 @@
+/*
+ * qvsec-example-client: connects to the example service, establishes a
+ * security context with it, sends a sealed request and prints the unsealed
+ * reply.
+ *
+ *   qvsec-example-client [--socket PATH] [MESSAGE]
+ *
+ * The structure to copy: sec_start; sec_get_auth_methods and the service's
+ * reconciled list; sec_setup_socket on the connected socket (so the "local"
+ * mechanism can check the service too); sec_start_sec_context, then
+ * sec_complete_sec_context with each answer until neither side needs more;
+ * sec_prepare_data / sec_process_data; sec_end_context and sec_end.
+ */
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "framing.h"
+
+static int refused(int type, const sec_buffer_desc *frame) {
+    if (type != FRAME_REFUSED) return 0;
+    fprintf(stderr, "client: the service refused: %.*s\n", (int)frame->length, (const char *)frame->value);
+    return 1;
+}
+
+/* Runs the context exchange; returns the established context or NULL. */
+static sec_token_t establish(sec_token_t stoken, int fd) {
+    sec_status_desc st;
+    sec_token_t ctx = NULL;
+    sec_buffer_desc offer = {0, NULL}, shared, c_ccdb = {0, NULL};
+    qv_int32_t count = 0, rc;
+    int type;
+
+    /* 1. Offer our mechanisms; the service answers with those we share. */
+    rc = sec_get_auth_methods(&offer, &count);
+    if (rc != 0) {
+        print_failure("sec_get_auth_methods", rc, NULL);
+        return NULL;
+    }
+    send_frame(fd, FRAME_OFFER, offer.value, offer.length);
+    sec_release_buffer(&offer);
+    if (recv_frame(fd, &type, &shared) != 0 || type != FRAME_SHARED) {
+        if (!refused(type, &shared)) fprintf(stderr, "client: no answer to the offer\n");
+        sec_release_buffer(&shared);
+        return NULL;
+    }
+
+    /* 2. Our socket too, so the mechanism can check who the service is. */
+    rc = sec_setup_socket(stoken, fd, SEC_F_LOCAL_SOCKET | SEC_F_SOCKET_BOUND, NULL, &ctx);
+    if (rc != 0) {
+        print_failure("sec_setup_socket", rc, NULL);
+        sec_release_buffer(&shared);
+        return NULL;
+    }
+
+    /* 3. Start, then complete with each answer while either side needs more. */
+    rc = sec_start_sec_context(&st, stoken, &shared, "example", "localhost", 0, &ctx, &c_ccdb);
+    sec_release_buffer(&shared);
+    while (rc == SEC_S_CONTINUE || c_ccdb.length > 0) {
+        sec_buffer_desc s_ccdb;
+        if (c_ccdb.length > 0) send_frame(fd, FRAME_CCDB, c_ccdb.value, c_ccdb.length);
+        sec_release_buffer(&c_ccdb);
+        if (rc != SEC_S_CONTINUE) break;
+        if (recv_frame(fd, &type, &s_ccdb) != 0 || type != FRAME_CCDB) {
+            if (!refused(type, &s_ccdb)) fprintf(stderr, "client: the service closed the exchange\n");
+            sec_release_buffer(&s_ccdb);
+            sec_end_context(&st, ctx, NULL);
+            return NULL;
+        }
+        rc = sec_complete_sec_context(&st, &s_ccdb, &ctx, &c_ccdb);
+        sec_release_buffer(&s_ccdb);
+    }
+    if (rc == SEC_S_OK) return ctx;
+    if (rc == SEC_S_UNAUTHENTICATED) {
+        printf("client: the context is unauthenticated\n");
+        return ctx;
+    }
+    print_failure("establishing the context", rc, &st);
+    return NULL;
+}
+
+int main(int argc, char **argv) {
+    const char *path = "/tmp/qvsec-example.sock";
+    const char *message = "what time is it?";
+    sec_status_desc st;
+    sec_token_t stoken = NULL, ctx;
+    sec_buffer_desc plain, sealed = {0, NULL}, answer, reply = {0, NULL};
+    struct sockaddr_un addr;
+    char mech[32] = "";
+    int fd, i, type, status = 1;
+    qv_int32_t rc;
+
+    for (i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--socket") == 0 && i + 1 < argc) {
+            path = argv[++i];
+        } else if (argv[i][0] == '-') {
+            fprintf(stderr, "usage: qvsec-example-client [--socket PATH] [MESSAGE]\n");
+            return 2;
+        } else {
+            message = argv[i];
+        }
+    }
+    signal(SIGPIPE, SIG_IGN);
+
+    rc = sec_start(&st, 0, &stoken);
+    if (rc != 0) {
+        print_failure("sec_start", rc, &st);
+        return 1;
+    }
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path, sizeof addr.sun_path - 1);
+    fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0 || connect(fd, (struct sockaddr *)&addr, sizeof addr) != 0) {
+        perror("client: connect");
+        sec_end(&st, 0, stoken);
+        return 1;
+    }
+
+    ctx = establish(stoken, fd);
+    if (ctx != NULL) {
+        sec_get_ctx_attribute(&st, ctx, SEC_CTX_ATTR_MECHANISM, mech);
+        printf("client: context established with mechanism \"%s\"\n", mech);
+
+        plain.length = (qv_int32_t)strlen(message);
+        plain.value = (void *)message;
+        rc = sec_prepare_data(&st, ctx, SEC_F_PROTECT_PRIVACY, &plain, &sealed);
+        if (rc != 0) {
+            print_failure("sec_prepare_data", rc, &st);
+        } else {
+            printf("client: sending a sealed request of %d bytes: %s\n", (int)sealed.length, message);
+            send_frame(fd, FRAME_DATA, sealed.value, sealed.length);
+            if (recv_frame(fd, &type, &answer) == 0 && type == FRAME_DATA) {
+                rc = sec_process_data(&st, ctx, &answer, &reply);
+                if (rc == 0) {
+                    printf("client: reply: %.*s\n", (int)reply.length, (const char *)reply.value);
+                    status = 0;
+                } else {
+                    print_failure("sec_process_data", rc, &st);
+                }
+            } else {
+                fprintf(stderr, "client: no reply\n");
+            }
+            sec_release_buffer(&answer);
+        }
+        sec_release_buffer(&sealed);
+        sec_release_buffer(&reply);
+        sec_end_context(&st, ctx, NULL);
+    }
+    close(fd);
+    sec_end(&st, 0, stoken);
+    return status;
+}
