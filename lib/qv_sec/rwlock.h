@@ -4,7 +4,8 @@
 // How the lock works. `count` is the number of readers holding the lock, -1
 // while a writer holds it, 0 when it is free; `writers` is the number of
 // threads waiting to become the writer. Both are read without the mutex, so
-// every access to them is atomic (sequentially consistent unless noted).
+// every access to them is atomic (sequentially consistent unless noted), and
+// whoever reads them elsewhere must read them atomically too.
 //
 // - A reader that finds no writer holding (count >= 0) and none waiting
 //   (writers == 0) counts itself in with a compare-and-swap on `count` and
@@ -51,7 +52,7 @@ inline std::atomic_ref<int> sec_rwlock_writers(sec_rwlock_t l) { return std::ato
 // lock; false when it does.
 inline bool sec_rwlock_try_read(sec_rwlock_t l) {
     auto count = sec_rwlock_count(l);
-    int c = count.load(std::memory_order_relaxed);
+    int c = count.load(std::memory_order_relaxed);  // a first guess: the compare-and-swap checks it
     while (c >= 0 && sec_rwlock_writers(l).load() == 0) {
         if (count.compare_exchange_weak(c, c + 1)) return true;
     }
