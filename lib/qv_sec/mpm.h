@@ -77,8 +77,13 @@ void sec_mpm_forget_routines(sec_mpm_entry_t entry);
 
 // Looks routine `id` up in the entry's module, loading the module when
 // needed. On 0 *fn is the routine's address and the caller holds the entry's
-// read lock, to be released with sec__mpm_end_routine.
+// read lock, to be released with sec_mpm_end_call.
 qv_uint32_t sec_mpm_find_routine(sec_mpm_entry_t entry, sec_mpm_routine_id id, void **fn);
+
+// Ends a call found by sec_mpm_find_routine: stamps the entry's ltime and
+// releases the read lock (what sec__mpm_end_routine does, without going
+// through the exported name).
+void sec_mpm_end_call(sec_mpm_entry_t entry);
 
 // Holds a pthread mutex for a scope; released by the destructor also when a
 // cancellation unwinds the scope.

@@ -10,6 +10,7 @@
 
 #include "errors.h"
 #include "mpm.h"
+#include "rwlock.h"
 
 namespace {
 
@@ -40,7 +41,7 @@ public:
     EntryLock &operator=(const EntryLock &) = delete;
 
     void read() {
-        sec__lock_read(&e_->lock);
+        sec_rwlock_read(&e_->lock);
         mode_ = kRead;
     }
     // A cancelled promote or demote holds nothing, so the mode is cleared
@@ -56,7 +57,7 @@ public:
         mode_ = kRead;
     }
     void release() {
-        if (mode_ == kRead) sec__unlock_read(&e_->lock);
+        if (mode_ == kRead) sec_rwlock_unlock_read(&e_->lock);
         if (mode_ == kWrite) sec__unlock_write(&e_->lock);
         mode_ = kNone;
     }
@@ -133,6 +134,15 @@ qv_uint32_t sec_mpm_find_routine(sec_mpm_entry_t entry, sec_mpm_routine_id id, v
     return find_routine(entry, id, kMpmRoutineNames[id], fn);
 }
 
+void sec_mpm_end_call(sec_mpm_entry_t entry) {
+    // Concurrent calls all stamp the time; writing only when the second
+    // changed keeps the entry's cache line quiet between them.
+    time_t now = time(nullptr);
+    if (__atomic_load_n(&entry->ltime, __ATOMIC_RELAXED) != now) __atomic_store_n(&entry->ltime, now, __ATOMIC_RELAXED);
+    sec_rwlock_unlock_read(&entry->lock);
+    if (sec_trace_on(SEC_TRC_INFO)) sec_mpm_trace_lock(TRC_MPM_READ_UNLOCKED, entry);
+}
+
 extern "C" {
 
 qv_uint32_t sec__mpm_start_routine(sec_mpm_entry_t entry, char *func_name, sec_mpm_routine_t *func) {
@@ -149,13 +159,6 @@ qv_uint32_t sec__mpm_start_routine(sec_mpm_entry_t entry, char *func_name, sec_m
     return rc;
 }
 
-void sec__mpm_end_routine(sec_mpm_entry_t entry) {
-    // Concurrent calls all stamp the time; writing only when the second
-    // changed keeps the entry's cache line quiet between them.
-    time_t now = time(nullptr);
-    if (__atomic_load_n(&entry->ltime, __ATOMIC_RELAXED) != now) __atomic_store_n(&entry->ltime, now, __ATOMIC_RELAXED);
-    sec__unlock_read(&entry->lock);
-    if (sec_trace_on(SEC_TRC_INFO)) sec_mpm_trace_lock(TRC_MPM_READ_UNLOCKED, entry);
-}
+void sec__mpm_end_routine(sec_mpm_entry_t entry) { sec_mpm_end_call(entry); }
 
 }  // extern "C"

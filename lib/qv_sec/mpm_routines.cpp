@@ -40,7 +40,7 @@ qv_uint32_t failure_code(Outcome o, qv_uint32_t maj) {
 class RoutineCall {
 public:
     explicit RoutineCall(sec_mpm_entry_t e) : e_(e) {}
-    ~RoutineCall() { sec__mpm_end_routine(e_); }
+    ~RoutineCall() { sec_mpm_end_call(e_); }
     RoutineCall(const RoutineCall &) = delete;
     RoutineCall &operator=(const RoutineCall &) = delete;
 

@@ -7,8 +7,11 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <pthread.h>
+#include <random>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "qv_sec.h"
@@ -30,8 +33,13 @@ public:
     }
     bool done() const { return done_.load(); }
     void cancel() { pthread_cancel(tid_); }
+    // Joins within wait_until's limit; a thread still running then fails
+    // the test (a cancelled thread is joined too: it never sets done_).
     void join() {
-        pthread_join(tid_, nullptr);
+        if (!qvtest::wait_until([&] { return pthread_tryjoin_np(tid_, nullptr) == 0; })) {
+            ADD_FAILURE() << "thread did not finish";
+            pthread_detach(tid_);
+        }
         joined_ = true;
     }
 
@@ -52,9 +60,10 @@ class RwLock : public ::testing::Test {
 protected:
     void SetUp() override { sec__lock_init(&lock_); }
     void TearDown() override { sec__lock_destroy(&lock_); }
+    // Readers change `count` without the mutex, so it is read atomically.
     std::pair<int, int> counters() {
         pthread_mutex_lock(&lock_.mutex);
-        std::pair<int, int> c{lock_.count, lock_.writers};
+        std::pair<int, int> c{std::atomic_ref<int>(lock_.count).load(), std::atomic_ref<int>(lock_.writers).load()};
         pthread_mutex_unlock(&lock_.mutex);
         return c;
     }
@@ -260,6 +269,202 @@ TEST_F(RwLock, ManyThreadsKeepTheInvariant) {
     for (auto &t : threads) t.join();
     EXPECT_FALSE(broken.load());
     EXPECT_EQ(counters(), std::make_pair(0, 0));
+}
+
+// What the threads of a stress test share. `data` is a plain variable that
+// only writers change and readers read: any overlap of a writer with another
+// holder is a data race that ThreadSanitizer reports, beside the counters.
+struct Sections {
+    std::atomic<int> readers{0}, writers{0};
+    std::atomic<long> writes{0};  // write sections begun
+    long data = 0;
+    std::atomic<bool> broken{false};
+
+    void read() {
+        ++readers;
+        if (writers.load() != 0) broken = true;
+        volatile long seen = data;
+        (void)seen;
+        --readers;
+    }
+    void write() {
+        if (++writers != 1 || readers.load() != 0) broken = true;
+        ++writes;
+        data += 1;
+        --writers;
+    }
+};
+
+int waiting_writers(sec_rwlock_t l) { return std::atomic_ref<int>(l->writers).load(); }
+
+void unlock_read_cleanup(void *l) { sec__unlock_read(static_cast<sec_rwlock_t>(l)); }
+void unlock_write_cleanup(void *l) { sec__unlock_write(static_cast<sec_rwlock_t>(l)); }
+
+// Holds the read or write lock for a moment at a cancellation point, with the
+// handler that releases it, as a call into a module does.
+void hold_read(sec_rwlock_t l) {
+    pthread_cleanup_push(unlock_read_cleanup, l);
+    usleep(200);
+    pthread_cleanup_pop(1);
+}
+void hold_write(sec_rwlock_t l) {
+    pthread_cleanup_push(unlock_write_cleanup, l);
+    usleep(200);
+    pthread_cleanup_pop(1);
+}
+
+constexpr auto kStressTime = 200ms;
+
+// Readers (mostly on the path that bypasses the mutex), writers, promote and
+// demote, and try-write from several threads at once. Besides exclusion it
+// checks writer preference: a reader that saw a writer waiting before it
+// asked for the lock gets it only after some writer has been through.
+TEST_F(RwLock, MixedStressKeepsExclusionAndWriterPreference) {
+    Sections s;
+    std::atomic<bool> overtaken{false};
+    std::atomic<long> reads{0}, promotes{0}, tries{0};
+    auto body = [&](unsigned seed) {
+        std::minstd_rand rng(seed);
+        auto end = std::chrono::steady_clock::now() + kStressTime;
+        while (std::chrono::steady_clock::now() < end) {
+            unsigned op = rng() % 20;
+            if (op < 13) {
+                long before = s.writes.load();
+                bool writer_waiting = waiting_writers(&lock_) > 0;
+                sec__lock_read(&lock_);
+                if (writer_waiting && s.writes.load() == before) overtaken = true;
+                s.read();
+                if (op == 0) std::this_thread::yield();  // let writers queue up behind
+                sec__unlock_read(&lock_);
+                ++reads;
+            } else if (op < 16) {
+                sec__lock_write(&lock_);
+                s.write();
+                sec__unlock_write(&lock_);
+            } else if (op < 18) {
+                sec__lock_read(&lock_);
+                s.read();
+                sec__lock_promote(&lock_);
+                s.write();
+                sec__lock_demote(&lock_);
+                s.read();
+                sec__unlock_read(&lock_);
+                ++promotes;
+            } else if (sec__trylock_write(&lock_) == 0) {
+                s.write();
+                sec__unlock_write(&lock_);
+                ++tries;
+            }
+        }
+    };
+    std::vector<std::unique_ptr<Worker>> crew;
+    for (unsigned i = 0; i < 4; ++i) crew.push_back(std::make_unique<Worker>([&body, i] { body(i + 1); }));
+    for (auto &w : crew) w->join();
+    EXPECT_FALSE(s.broken.load()) << "a writer overlapped another holder";
+    EXPECT_FALSE(overtaken.load()) << "a reader got in ahead of a writer it saw waiting";
+    EXPECT_EQ(counters(), std::make_pair(0, 0));
+    EXPECT_GT(reads.load(), 0);
+    EXPECT_GT(s.writes.load(), 0);
+    EXPECT_GT(promotes.load(), 0);
+}
+
+// A steady stream of readers on the path that bypasses the mutex does not
+// keep a writer out: once it waits, new readers queue behind it.
+TEST_F(RwLock, WriterGetsInAgainstSteadyReaders) {
+    std::atomic<bool> stop{false};
+    auto reader = [&] {
+        while (!stop) {
+            sec__lock_read(&lock_);
+            std::this_thread::yield();
+            sec__unlock_read(&lock_);
+        }
+    };
+    Worker r1(reader), r2(reader), r3(reader);
+    for (int i = 0; i < 20; ++i) {
+        Worker writer([&] {
+            sec__lock_write(&lock_);
+            sec__unlock_write(&lock_);
+        });
+        if (!qvtest::wait_until([&] { return writer.done(); }, 5s)) {
+            ADD_FAILURE() << "writer starved by readers";
+            stop = true;  // so that it gets in and can be joined
+            break;
+        }
+    }
+    stop = true;
+    r1.join();
+    r2.join();
+    r3.join();
+    EXPECT_EQ(counters(), std::make_pair(0, 0));
+}
+
+// Threads cancelled while they wait (as readers, writers, promoters or
+// demoters) or while they hold the lock, amid readers and writers that go on
+// working: the counters are repaired and nobody is left waiting.
+TEST_F(RwLock, CancellationAmidStressLeavesLockConsistent) {
+    Sections s;
+    std::atomic<bool> stop{false};
+    auto churn = [&](unsigned seed) {
+        std::minstd_rand rng(seed);
+        while (!stop) {
+            if (rng() % 8 == 0) {
+                sec__lock_write(&lock_);
+                s.write();
+                sec__unlock_write(&lock_);
+            } else {
+                sec__lock_read(&lock_);
+                s.read();
+                sec__unlock_read(&lock_);
+            }
+        }
+    };
+    Worker c1([&] { churn(1); }), c2([&] { churn(2); });
+
+    // Each victim ends holding nothing, whether it finishes or is cancelled.
+    std::vector<std::function<void()>> victims = {
+        [&] {
+            sec__lock_read(&lock_);
+            hold_read(&lock_);
+        },
+        [&] {
+            sec__lock_write(&lock_);
+            hold_write(&lock_);
+        },
+        [&] {
+            sec__lock_read(&lock_);
+            sec__lock_promote(&lock_);
+            hold_write(&lock_);
+        },
+        [&] {
+            sec__lock_write(&lock_);
+            sec__lock_demote(&lock_);
+            hold_read(&lock_);
+        },
+    };
+    std::minstd_rand rng(7);
+    auto end = std::chrono::steady_clock::now() + kStressTime;
+    int rounds = 0;
+    while (std::chrono::steady_clock::now() < end) {
+        // Holding a read lock makes writers (and readers behind them) wait.
+        bool hold = rng() % 2 == 0;
+        if (hold) sec__lock_read(&lock_);
+        Worker a(victims[rng() % victims.size()]), b(victims[rng() % victims.size()]);
+        usleep(rng() % 500);
+        a.cancel();
+        if (rng() % 2) b.cancel();
+        if (hold) sec__unlock_read(&lock_);
+        a.join();
+        b.join();
+        ++rounds;
+    }
+    stop = true;
+    c1.join();
+    c2.join();
+    EXPECT_FALSE(s.broken.load());
+    EXPECT_EQ(counters(), std::make_pair(0, 0));
+    EXPECT_EQ(sec__trylock_write(&lock_), 0);
+    sec__unlock_write(&lock_);
+    EXPECT_GT(rounds, 0);
 }
 
 }  // namespace
