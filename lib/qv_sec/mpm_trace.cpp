@@ -24,8 +24,8 @@ void sec_mpm_trace_lock(qv_uint32_t id, sec_mpm_entry_t entry) {
     int counters[2];
     {
         SecMutexGuard guard(&entry->lock.mutex);
-        counters[0] = entry->lock.count;
-        counters[1] = entry->lock.writers;
+        counters[0] = __atomic_load_n(&entry->lock.count, __ATOMIC_SEQ_CST);
+        counters[1] = __atomic_load_n(&entry->lock.writers, __ATOMIC_SEQ_CST);
     }
     sec_mpm_trace_record(id, entry, 2, &counters[0], sizeof counters[0], &counters[1], sizeof counters[1]);
 }
