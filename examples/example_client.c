@@ -90,7 +90,7 @@ int main(int argc, char **argv) {
     sec_token_t stoken = NULL, ctx;
     sec_buffer_desc plain, sealed = {0, NULL}, answer, reply = {0, NULL};
     struct sockaddr_un addr;
-    char mech[32] = "";
+    char mech[SEC_C_CTX_MPM_NAME_SIZE] = "";
     int fd, i, type, status = 1;
     qv_int32_t rc;
 
@@ -123,12 +123,12 @@ int main(int argc, char **argv) {
 
     ctx = establish(stoken, fd);
     if (ctx != NULL) {
-        sec_get_ctx_attribute(&st, ctx, SEC_CTX_ATTR_MECHANISM, mech);
+        sec_get_ctx_attribute(&st, ctx, SEC_C_CTX_MPM_NAME, mech);
         printf("client: context established with mechanism \"%s\"\n", mech);
 
         plain.length = (qv_int32_t)strlen(message);
         plain.value = (void *)message;
-        rc = sec_prepare_data(&st, ctx, SEC_F_PROTECT_PRIVACY, &plain, &sealed);
+        rc = sec_prepare_data(&st, ctx, SEC_F_PROTECT_MODE2, &plain, &sealed);
         if (rc != 0) {
             print_failure("sec_prepare_data", rc, &st);
         } else {

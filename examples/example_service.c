@@ -67,9 +67,12 @@ static sec_token_t accept_context(sec_token_t stoken, int fd) {
         if (s_ccdb.length > 0) send_frame(fd, FRAME_CCDB, s_ccdb.value, s_ccdb.length);
         sec_release_buffer(&s_ccdb);
         if (rc == SEC_S_CONTINUE) continue;
-        if (rc == SEC_S_OK) return ctx;
-        if (rc == SEC_S_UNAUTHENTICATED) {
-            /* This service wants to know who its clients are. */
+        if (rc == SEC_S_OK) {
+            /* A client may ask for an unauthenticated context; this service
+             * wants to know who its clients are. */
+            char mech[SEC_C_CTX_MPM_NAME_SIZE] = "";
+            sec_get_ctx_attribute(&st, ctx, SEC_C_CTX_MPM_NAME, mech);
+            if (strcmp(mech, "none") != 0) return ctx;
             fprintf(stderr, "service: refusing an unauthenticated client\n");
             refuse(fd, "authentication required");
             sec_end_context(&st, ctx, NULL);
@@ -110,7 +113,7 @@ static void serve(sec_token_t stoken, int fd) {
                      (const char *)plain.value);
             reply_plain.length = (qv_int32_t)strlen(text);
             reply_plain.value = text;
-            rc = sec_prepare_data(&st, ctx, SEC_F_PROTECT_PRIVACY, &reply_plain, &reply);
+            rc = sec_prepare_data(&st, ctx, SEC_F_PROTECT_MODE2, &reply_plain, &reply);
             if (rc == 0) {
                 send_frame(fd, FRAME_DATA, reply.value, reply.length);
             } else {
