@@ -100,8 +100,8 @@ TEST_F(Signing, ChangedDataOrSignatureFailsWithTheModulesCode) {
         {"the signature cut short", [](Bytes &s, std::vector<Bytes> &) { s.pop_back(); }, SEC_S_BAD_SIGNATURE},
         {"nothing behind the header", [](Bytes &s, std::vector<Bytes> &) { s.resize(6); }, SEC_S_BAD_SIGNATURE},
         // The module signs the bytes in order, not where they sit.
-        {"bytes moved between elements",
-         [](Bytes &, std::vector<Bytes> &p) { p[1] = std::exchange(p[0], Bytes{}); }, 0},
+        {"bytes moved between elements", [](Bytes &, std::vector<Bytes> &p) { p[1] = std::exchange(p[0], Bytes{}); },
+         0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -286,8 +286,9 @@ TEST_F(SigningChecks, SignArguments) {
          "Positional parameter number: 3\n\tParameter value: 0xfffffffd\n"},
         {"no vector", [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, 1, nullptr, sig); }, 4, MSG_2650_060,
          "Positional parameter number: 4\n\tParameter value: 0x0\n"},
-        {"element with a length and no base", [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, 3, bad, sig); },
-         7, MSG_2650_081, "position 2 in the vector"},
+        {"element with a length and no base",
+         [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, 3, bad, sig); }, 7, MSG_2650_081,
+         "position 2 in the vector"},
         {"bad element before a missing signature",
          [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, 3, bad, nullptr); }, 7, MSG_2650_081, "position 2"},
         {"no signature", [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, 1, v, nullptr); }, 4, MSG_2650_060,
@@ -310,18 +311,20 @@ TEST_F(SigningChecks, VerifyArguments) {
          "sec_verify_data_v.\n\tPositional parameter number: 1\n\tParameter value: 0x0\n"},
         {"no context", [=, this](sec_token_t) { return sec_verify_data_v(&st_, nullptr, sig, 1, v); }, 4, MSG_2650_060,
          "sec_verify_data_v.\n\tPositional parameter number: 2\n"},
-        {"no signature", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, nullptr, 1, v); }, 4, MSG_2650_060,
-         "Positional parameter number: 3\n\tParameter value: 0x0\n"},
+        {"no signature", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, nullptr, 1, v); }, 4,
+         MSG_2650_060, "Positional parameter number: 3\n\tParameter value: 0x0\n"},
         {"negative count", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, -1, v); }, 4, MSG_2650_060,
          "Positional parameter number: 4\n\tParameter value: 0xffffffff\n"},
         {"no vector", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, 2, nullptr); }, 4, MSG_2650_060,
          "Positional parameter number: 5\n"},
-        {"element with a length and no base", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, 3, bad); },
-         7, MSG_2650_081, "position 2 in the vector"},
+        {"element with a length and no base",
+         [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, 3, bad); }, 7, MSG_2650_081,
+         "position 2 in the vector"},
         {"empty signature", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, &empty, 1, v); }, 7,
          MSG_2650_083, "signature buffer error"},
-        {"signature without value", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, &no_value, 0, nullptr); },
-         7, MSG_2650_083, "sec_verify_data_v routine is invalid"},
+        {"signature without value",
+         [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, &no_value, 0, nullptr); }, 7, MSG_2650_083,
+         "sec_verify_data_v routine is invalid"},
     });
 }
 
