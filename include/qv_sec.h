@@ -476,6 +476,30 @@ qv_int32_t sec_release_buffer(sec_buffer_t buff);
  * ps->gcount and ps->groups are left NULL / 0. */
 qv_int32_t sec__get_mapped_identity(sec_status_t st, sec_mpm_entry_t entry, void *mtoken, sec_privset_info_t ps);
 
+/* ---- Signing data vectors ----
+ * An authenticated security context signs a vector of buffers through its
+ * mechanism; the peer verifies the signature with its own context. The
+ * signature is a seal buffer (type 0x86, the context's version, the
+ * mechanism code, then the mechanism's signature bytes). An element with
+ * iov_len 0 may have a NULL iov_base. */
+
+/* sec_sign_data_v: the signature of the count elements of vector in
+ * *signature (release with sec_release_buffer); count 0 gives success and an
+ * empty signature. Returns 0; 4; 5 (not a security context); 7 (an element
+ * with a length and a NULL base); 12 (unauthenticated); 6; 23; or the
+ * mechanism's failure (3, or 24 passed on). On failure *signature is empty
+ * once the arguments have been accepted. */
+qv_int32_t sec_sign_data_v(sec_status_t st, sec_token_t context, qv_int32_t count, struct iovec *vector,
+                           sec_buffer_t signature);
+
+/* sec_verify_data_v: checks the peer's signature (only read) over the count
+ * elements of vector. Returns 0; 4; 5; 7 (a bad element, an empty signature
+ * or one that is not a seal buffer); 8 (made by another mechanism); 12; 6;
+ * 23; or the mechanism's failure (3, or 24 and 34 passed on: 34 means the
+ * signature does not match). */
+qv_int32_t sec_verify_data_v(sec_status_t st, sec_token_t context, sec_buffer_t signature, qv_int32_t count,
+                             struct iovec *vector);
+
 /* ---- Internal routines ----
  * Exported under their own names for the library's tools and tests, and for
  * diagnostics. They take the locks their descriptions name; programs

@@ -39,3 +39,5 @@ inline constexpr sec_trace_ids kTraceLoginAsUser = trace_ids_block(110);
 inline constexpr sec_trace_ids kTraceGetClientIdentity = trace_ids_block(115);
 inline constexpr sec_trace_ids kTraceReleaseName = trace_ids_block(120);
 inline constexpr sec_trace_ids kTraceReleaseBuffer = trace_ids_block(125);
+inline constexpr sec_trace_ids kTraceSignDataV = trace_ids_block(130);
+inline constexpr sec_trace_ids kTraceVerifyDataV = trace_ids_block(135);
