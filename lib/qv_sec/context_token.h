@@ -128,3 +128,21 @@ public:
 private:
     sec_buffer_desc buf_{0, nullptr};
 };
+
+// Wraps a module's output (sealed data or a signature) in a seal buffer of
+// the context's mechanism and version into *out, and releases the output
+// through the module. On a failed wrap the caller sees the wrap's error, not
+// anything the release reports, and *out stays empty.
+inline qv_int32_t sec_wrap_module_output(MpmOutput &output, const sec_ctx_token_desc &c, sec_status_t st,
+                                         sec_buffer_t out) {
+    OwnedBuffer wrapped;
+    qv_int32_t rc = sec__wrap_seal_buff(output.get(), c.mdata.mpm->code, c.version, wrapped.get());
+    if (rc != 0) {
+        SecErrorKeeper keep(st);
+        output.release();
+        return rc;
+    }
+    output.release();
+    wrapped.give_to(out);
+    return 0;
+}

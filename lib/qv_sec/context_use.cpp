@@ -109,16 +109,7 @@ qv_int32_t prepare_data(sec_status_t st, sec_token_t ctoken, qv_uint32_t flags, 
     MpmOutput sealed(entry);
     if (qv_uint32_t rc = sec__mpm_prepare_data(entry, st, c->mdata.mtoken, mode, in, sealed.get()))
         return static_cast<qv_int32_t>(rc);
-    OwnedBuffer wrapped;
-    qv_int32_t rc = sec__wrap_seal_buff(sealed.get(), entry->code, c->version, wrapped.get());
-    if (rc != 0) {
-        SecErrorKeeper keep(st);
-        sealed.release();
-        return rc;
-    }
-    sealed.release();
-    wrapped.give_to(out);
-    return 0;
+    return sec_wrap_module_output(sealed, *c, st, out);
 }
 
 qv_int32_t process_data(sec_status_t st, sec_token_t ctoken, sec_buffer_t in, sec_buffer_t out) {

@@ -54,17 +54,7 @@ qv_int32_t sign_data(sec_status_t st, sec_token_t context, qv_int32_t count, str
     MpmOutput mout(entry);
     if (qv_uint32_t rc = sec__mpm_sign_data_v(entry, st, c->mdata.mtoken, count, vector, mout.get()))
         return static_cast<qv_int32_t>(rc);
-    OwnedBuffer wrapped;
-    qv_int32_t rc = sec__wrap_seal_buff(mout.get(), entry->code, c->version, wrapped.get());
-    if (rc != 0) {
-        // The caller sees the wrap's failure, not anything the release says.
-        SecErrorKeeper keep(st);
-        mout.release();
-        return rc;
-    }
-    mout.release();
-    wrapped.give_to(signature);
-    return 0;
+    return sec_wrap_module_output(mout, *c, st, signature);
 }
 
 qv_int32_t verify_data(sec_status_t st, sec_token_t context, sec_buffer_t signature, qv_int32_t count,
