@@ -6,10 +6,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_TESTS=OFF -DQV_BENCH=OFF >/dev/null
-cmake --build build -j"$(nproc)"
+# The demo builds in its own tree, so that it and the test script can run in
+# either order without one reusing the other's settings.
+cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_TESTS=OFF -DQV_BENCH=OFF >/dev/null
+cmake --build build-demo -j"$(nproc)"
 prefix="$PWD/install"
-cmake --install build --prefix "$prefix" >/dev/null
+cmake --install build-demo --prefix "$prefix" >/dev/null
 echo "installed into $prefix"
 
 work=$(mktemp -d)

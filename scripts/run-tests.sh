@@ -39,10 +39,12 @@ run_ctest() {
   summary+=("$name: $((total - nfail)) of $total passed")
 }
 
+# Every option that differs between the trees is given each time, so that a
+# tree configured earlier by hand (or by another script) is set back.
 configure_build() {
   local dir=$1
   shift
-  cmake -S "$root" -B "$dir" -G Ninja -DQV_WERROR=ON "$@" >/dev/null
+  cmake -S "$root" -B "$dir" -G Ninja -DQV_WERROR=ON -DQV_TESTS=ON -DQV_BENCH=ON -DQV_FUZZ=OFF -DQV_SANITIZE= "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
 }
 
@@ -52,9 +54,11 @@ run_ctest "tests" build
 
 if [ "${QV_QUICK:-0}" != 1 ]; then
   echo "== valgrind (the test programs of the libraries, one run each)"
+  ran=0
   for exe in build/bin/qv_cu_*_test build/bin/qv_tr_*_test build/bin/qv_sec_*_test build/bin/mpm_*_test; do
     [ -x "$exe" ] || continue
     name=$(basename "$exe")
+    ran=$((ran + 1))
     if valgrind -q --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=9 \
          --suppressions=tests/qv_cu/valgrind.supp "$exe" >"build/$name.valgrind.log" 2>&1; then
       passed=$((passed + 1))
@@ -64,7 +68,12 @@ if [ "${QV_QUICK:-0}" != 1 ]; then
       tail -n 30 "build/$name.valgrind.log"
     fi
   done
-  summary+=("valgrind: every library test program run once")
+  if [ "$ran" -eq 0 ]; then
+    failed=$((failed + 1))
+    summary+=("valgrind: FAILED, no test program found")
+  else
+    summary+=("valgrind: $ran test programs run once each")
+  fi
 
   echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
   configure_build build-asan -DQV_SANITIZE=address,undefined -DQV_BENCH=OFF
@@ -77,6 +86,10 @@ if [ "${QV_QUICK:-0}" != 1 ]; then
 
   echo "== fuzz targets (${fuzz_seconds}s each)"
   CC=clang CXX=clang++ configure_build build-fuzz -DQV_FUZZ=ON -DQV_TESTS=OFF -DQV_BENCH=OFF
+  if ! grep -q . build-fuzz/fuzzers.txt; then
+    failed=$((failed + 1))
+    summary+=("fuzz: FAILED, no fuzz target built")
+  fi
   while read -r fuzzer; do
     [ -n "$fuzzer" ] || continue
     exe=$(find build-fuzz -type f -name "$fuzzer" -perm -u+x | head -n1)

@@ -2,60 +2,25 @@
 // library's messages for every refusal, and the exit statuses.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <string>
 #include <vector>
 
 #include "qv_sec.h"
+#include "child_process.h"
 #include "test_support.h"
 
 namespace {
 
-struct Result {
-    int status = -1;  // exit status; -1 when the tool did not exit normally
-    std::string out, err;
-};
+using Result = qvtest::ToolRun;
 
 class MacTool : public ::testing::Test {
 protected:
     qvtest::TempDir dir;
     std::string path(const std::string &name) const { return dir.path() + "/" + name; }
 
-    Result qvsec(std::vector<std::string> args) const {
-        std::string out = path(".stdout"), err = path(".stderr");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        args.insert(args.begin(), QVSEC_PATH);
-        std::vector<char *> argv;
-        for (std::string &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        Result r;
-        pid_t pid;
-        int rc = posix_spawn(&pid, QVSEC_PATH, &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (rc != 0) {
-            ADD_FAILURE() << "cannot start " << QVSEC_PATH;
-            return r;
-        }
-        int status = 0;
-        if (!qvtest::wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, std::chrono::seconds(60))) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            ADD_FAILURE() << "qvsec did not finish";
-            return r;
-        }
-        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        r.out = qvtest::read_file(out);
-        r.err = qvtest::read_file(err);
-        return r;
-    }
+    Result qvsec(const std::vector<std::string> &args) const { return qvtest::run_tool(QVSEC_PATH, args); }
 
     // A new key file and a message file "msg".
     std::string keygen(const std::string &name = "key") const {

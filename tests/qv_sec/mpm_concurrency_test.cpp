@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "cancellable_thread.h"
 #include "mpm_test_fixture.h"
 
 namespace {
@@ -21,41 +22,7 @@ using qvtest::TestMpm;
 using qvtest::wait_until;
 constexpr unsigned kCode = 0x20002;
 
-// A thread that can be cancelled and whose end is awaited with a timeout.
-class Caller {
-public:
-    explicit Caller(std::function<void()> body) : body_(std::move(body)) {
-        pthread_create(&tid_, nullptr, &Caller::run, this);
-    }
-    ~Caller() {
-        if (!joined_) join();
-    }
-    bool done() const { return done_.load(); }
-    void cancel() { pthread_cancel(tid_); }
-    // Joins within 10 seconds; a thread still running then fails the test.
-    void join() {
-        timespec limit;
-        clock_gettime(CLOCK_REALTIME, &limit);
-        limit.tv_sec += 10;
-        if (pthread_timedjoin_np(tid_, nullptr, &limit) != 0) {
-            ADD_FAILURE() << "thread did not finish";
-            pthread_detach(tid_);
-        }
-        joined_ = true;
-    }
-
-private:
-    static void *run(void *self) {
-        auto *c = static_cast<Caller *>(self);
-        c->body_();
-        c->done_ = true;
-        return nullptr;
-    }
-    std::function<void()> body_;
-    pthread_t tid_{};
-    std::atomic<bool> done_{false};
-    bool joined_ = false;
-};
+using Caller = qvtest::CancellableThread;
 
 class MpmConcurrency : public qvtest::MpmFixture {
 protected:

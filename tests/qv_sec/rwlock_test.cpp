@@ -15,46 +15,14 @@
 #include <vector>
 
 #include "qv_sec.h"
+#include "cancellable_thread.h"
 #include "test_support.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-// A thread running one lock operation, whose progress the test can observe.
-class Worker {
-public:
-    template <typename F>
-    explicit Worker(F f) : body_(f) {
-        pthread_create(&tid_, nullptr, &Worker::run, this);
-    }
-    ~Worker() {
-        if (!joined_) join();
-    }
-    bool done() const { return done_.load(); }
-    void cancel() { pthread_cancel(tid_); }
-    // Joins within wait_until's limit; a thread still running then fails
-    // the test (a cancelled thread is joined too: it never sets done_).
-    void join() {
-        if (!qvtest::wait_until([&] { return pthread_tryjoin_np(tid_, nullptr) == 0; })) {
-            ADD_FAILURE() << "thread did not finish";
-            pthread_detach(tid_);
-        }
-        joined_ = true;
-    }
-
-private:
-    static void *run(void *self) {
-        auto *w = static_cast<Worker *>(self);
-        w->body_();
-        w->done_ = true;
-        return nullptr;
-    }
-    std::function<void()> body_;
-    pthread_t tid_{};
-    std::atomic<bool> done_{false};
-    bool joined_ = false;
-};
+using Worker = qvtest::CancellableThread;
 
 class RwLock : public ::testing::Test {
 protected:

@@ -1,0 +1,37 @@
+// Child processes with a bounded wait: a test never hangs on a child, and a
+// child that does not finish in time is killed and reported.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace qvtest {
+
+// Forks; the child runs body and exits with its result (an escaping
+// exception exits 125). Returns the child's exit status, or -1 (after
+// reporting a test failure) when it was killed by a signal or did not finish
+// within limit, in which case it is killed.
+int run_in_child(const std::function<int()> &body, std::chrono::milliseconds limit = std::chrono::seconds(30));
+
+// Waits for pid as run_in_child does.
+int wait_bounded(int pid, std::chrono::milliseconds limit = std::chrono::seconds(30));
+
+// A program's run: exit status (-1 when it did not exit), standard output
+// and standard error.
+struct ToolRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// Runs program with args (argv[0] is the program), standard input from
+// /dev/null (or from stdin_text), the environment of the test plus env
+// (an empty value removes the variable).
+ToolRun run_tool(const std::string &program, const std::vector<std::string> &args,
+                 const std::map<std::string, std::string> &env = {}, const std::string &stdin_text = "",
+                 std::chrono::milliseconds limit = std::chrono::seconds(60));
+
+}  // namespace qvtest
