@@ -1,5 +1,6 @@
 // Outside bytes the "local" module reads: the client's hello (service side),
-// the service's reply (client side), sealed messages and signatures. The
+// the service's reply (client side), sealed messages, signatures and the
+// services file. The
 // first byte picks the reader; the rest is the input. The token readers are
 // called directly and through the module's routines, on contexts whose
 // sockets are real, so every check after parsing runs too.
@@ -8,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "local_mech.h"
@@ -56,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::vector<uint8_t> in(data + 1, data + size);
     sec_buffer_desc buf = as_buffer(in);
     qv_uint32_t minor = 0;
-    switch (data[0] % 5) {
+    switch (data[0] % 6) {
     case 0: {
         qvlocal::ClientHello h;
         (void)qvlocal::read_client_hello(in, h, &minor);
@@ -86,13 +88,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     case 2:
     case 3: {
         sec_buffer_desc out{0, nullptr};
-        mpm_process_data(&minor, data[0] % 5 == 2 ? p.server : p.client, &buf, &out);
+        mpm_process_data(&minor, data[0] % 6 == 2 ? p.server : p.client, &buf, &out);
         mpm_release_buffer(&minor, &out);
         break;
     }
     case 4: {
         iovec v{const_cast<uint8_t *>(data), size};
         mpm_verify_data_v(&minor, p.server, &buf, 1, &v);
+        break;
+    }
+    case 5: {
+        std::vector<std::string> users;
+        bool listed;
+        (void)qvlocal::parse_services({reinterpret_cast<const char *>(in.data()), in.size()}, "svc", users, &listed);
         break;
     }
     }

@@ -3,11 +3,16 @@
 //
 //   client                                   server
 //   mpm_start_sec_context  -- hello  -->     mpm_receive_sec_context
-//                                            (checks the hello's claims
-//                                             against SO_PEERCRED, answers)
+//                                            (the client is who the kernel
+//                                             says connected; answers)
 //   mpm_complete_sec_context <-- reply --
-//   (checks the reply's claims when it holds
-//    a local socket, and the key confirmation)
+//   (with a socket: the service is who the kernel says listened; with flag
+//    0x2, that user must be allowed to serve the target; the key
+//    confirmation)
+//
+// Each token carries its sender's own uid, gid and pid. Neither side relies
+// on them: a process holding a socket end made by another could write that
+// process's values, so the kernel's answer is the only identity used.
 #include <sodium.h>
 
 #include <cerrno>
@@ -41,17 +46,18 @@ Status context_for_exchange(void **slot, NewContext &nc) {
     return kOk;
 }
 
-PeerIdentity identity_of(const Credentials &creds) {
-    return PeerIdentity{creds, user_name_of(creds.uid), host_name()};
-}
-
-Status check_peer(const Context &ctx, const Credentials &claimed, qv_uint32_t *minor) {
-    Credentials kernel;
-    if (Status s = peer_credentials(ctx.fd, kernel, minor); s != kOk) return s;
-    if (qv_uint32_t bits = mismatch_bits(claimed, kernel); bits != 0) {
-        *minor = bits;
-        return kCredentialsMismatch;
+// Who the kernel says is at the other end of the context's socket, provided
+// the descriptor still names the socket the context was given.
+Status kernel_peer(const Context &ctx, PeerIdentity &peer, qv_uint32_t *minor) {
+    SocketId now;
+    if (Status s = socket_id(ctx.fd, now, minor); s != kOk) return s;
+    if (!(now == ctx.socket)) {
+        *minor = kMinorSocketChanged;
+        return kNoSocket;
     }
+    Credentials creds;
+    if (Status s = peer_credentials(ctx.fd, creds, minor); s != kOk) return s;
+    peer = PeerIdentity{creds, user_name_of(creds.uid), host_name()};
     return kOk;
 }
 
@@ -62,17 +68,21 @@ using namespace qvlocal;
 
 extern "C" qv_uint32_t mpm_set_ctx_attribute(qv_uint32_t *min_stat, void *svc_tkn, qv_uint32_t attr, void *data,
                                              void **ctx_tkn) {
-    return guarded(min_stat, [&](qv_uint32_t *) -> qv_uint32_t {
+    return guarded(min_stat, [&](qv_uint32_t *minor) -> qv_uint32_t {
         if (attr != MPM_ATTR_SOCKET_INFO || data == nullptr || ctx_tkn == nullptr) return kBadArgument;
         if (svc_tkn != nullptr && as_service(svc_tkn) == nullptr) return kBadHandle;
         const auto *info = static_cast<const sec_socket_info_desc *>(data);
         if (info->fd < 0) return kBadArgument;
+        SocketId id;
+        if (Status s = socket_id(info->fd, id, minor); s != kOk) return s;
         NewContext nc;
         if (Status s = context_for_exchange(ctx_tkn, nc); s != kOk) return s;
         std::lock_guard<std::mutex> g(nc.ctx->lock);
         // The descriptor is copied: the socket stays the caller's, and it is
-        // never closed here.
+        // never closed here. Its identity is kept to notice a descriptor
+        // number that has come to name another socket.
         nc.ctx->fd = info->fd;
+        nc.ctx->socket = id;
         nc.ctx->has_socket = true;
         nc.ctx->socket_is_local = (info->type & kSocketLocal) != 0;
         if (nc.owned) *ctx_tkn = nc.owned.release();
@@ -91,6 +101,10 @@ extern "C" qv_uint32_t mpm_start_sec_context(qv_uint32_t *min_stat, void *sec_to
         if (as_service(sec_token) == nullptr) return kBadHandle;
         std::string target = trg_svc != nullptr ? trg_svc : "";
         if (target.size() > kMaxServiceName) return kBadArgument;
+        const bool require_mutual = (flags & kRequireMutual) != 0;
+        // Mutual authentication checks the service against the name the
+        // client wants; without a name there is nothing to check against.
+        if (require_mutual && target.empty()) return kBadArgument;
         NewContext nc;
         if (Status s = context_for_exchange(ctx_token, nc); s != kOk) return s;
         Context &ctx = *nc.ctx;
@@ -101,17 +115,20 @@ extern "C" qv_uint32_t mpm_start_sec_context(qv_uint32_t *min_stat, void *sec_to
             *minor = EAFNOSUPPORT;
             return kNoSocket;
         }
-        if ((flags & kRequireMutual) != 0 && !ctx.has_socket) return kMutualRequired;
+        if (require_mutual && !ctx.has_socket) return kMutualRequired;
 
         ClientHello hello;
-        hello.flags = ctx.has_socket ? kTokenChecksPeer : 0;
+        hello.flags = require_mutual ? kTokenChecksPeer : 0;
         random_bytes(hello.nonce);
+        ctx.owner = getpid();
         ctx.own.generate();
         hello.public_key = ctx.own.public_key;
         hello.creds = own_credentials();
         hello.target = std::move(target);
         ctx.hello = write_client_hello(hello);
         if (!give_bytes(ctx.hello, cbuff)) return kNoMemory;
+        ctx.require_mutual = require_mutual;
+        ctx.target = hello.target;
         ctx.role = Role::kClient;
         ctx.phase = Phase::kAwaitingReply;
         if (nc.owned) *ctx_token = nc.owned.release();
@@ -129,14 +146,24 @@ extern "C" qv_uint32_t mpm_complete_sec_context(qv_uint32_t *min_stat, sec_buffe
         if (ctx == nullptr) return kBadHandle;
         std::lock_guard<std::mutex> g(ctx->lock);
         if (ctx->role != Role::kClient || ctx->phase != Phase::kAwaitingReply) return kWrongState;
+        if (ctx->owner != getpid()) return kOtherProcess;
 
         std::span<const uint8_t> in = bytes_of(*sbuff);
         ServerReply reply;
         if (Status s = read_server_reply(in, reply, minor); s != kOk) return s;
-        bool mutual = false;
+        // The service is the user the kernel reports for the socket: the one
+        // that called listen (or made the pair). Users, not processes: a
+        // pre-forked or socket-activated service answers from another process
+        // of the same user.
+        PeerIdentity service;
         if (ctx->has_socket) {
-            if (Status s = check_peer(*ctx, reply.creds, minor); s != kOk) return s;
-            mutual = true;
+            if (Status s = kernel_peer(*ctx, service, minor); s != kOk) return s;
+            if (ctx->require_mutual) {
+                if (Status s = service_user_allowed(kServicesFile, ctx->target, service.creds.uid,
+                                                    own_credentials().uid, minor);
+                    s != kOk)
+                    return s;
+            }
         }
         SessionKeys keys;
         if (Status s = derive_session_keys(ctx->own, reply.public_key, ctx->hello, in.first(in.size() - kConfirmSize),
@@ -150,9 +177,10 @@ extern "C" qv_uint32_t mpm_complete_sec_context(qv_uint32_t *min_stat, sec_buffe
         ctx->keys = keys;
         ctx->own.wipe();
         ctx->hello.clear();
-        ctx->peer = identity_of(reply.creds);
+        ctx->peer_known = ctx->has_socket;
+        ctx->peer = std::move(service);
         ctx->peer_service = reply.service;
-        ctx->flags = kProtectionFlags | (mutual ? kCtxMutual : 0);
+        ctx->flags = kProtectionFlags | (ctx->require_mutual ? kCtxMutual : 0);
         ctx->phase = Phase::kComplete;
         return kOk;
     });
@@ -191,7 +219,10 @@ extern "C" qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_
         std::span<const uint8_t> in = bytes_of(*cbuff);
         ClientHello hello;
         if (Status s = read_client_hello(in, hello, minor); s != kOk) return fail(s);
-        if (Status s = check_peer(ctx, hello.creds, minor); s != kOk) return fail(s);
+        // The client is whoever the kernel says connected, whatever the hello
+        // claims.
+        PeerIdentity client;
+        if (Status s = kernel_peer(ctx, client, minor); s != kOk) return fail(s);
         ServerReply reply;
         {
             std::lock_guard<std::mutex> g(svc->lock);
@@ -211,9 +242,11 @@ extern "C" qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_
         out.insert(out.end(), ctx.keys.confirm.begin(), ctx.keys.confirm.end());
         if (!give_bytes(out, sbuff)) return fail(kNoMemory);
 
+        ctx.owner = getpid();
         ctx.role = Role::kServer;
         ctx.phase = Phase::kComplete;
-        ctx.peer = identity_of(hello.creds);
+        ctx.peer_known = true;
+        ctx.peer = std::move(client);
         ctx.flags = kProtectionFlags | ((hello.flags & kTokenChecksPeer) != 0 ? kCtxMutual : 0);
         if (rflags != nullptr) *rflags = ctx.flags;
         *ctx_tkn = owned.release();

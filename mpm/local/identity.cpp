@@ -1,6 +1,8 @@
-// Who the client is: its network name ("<user>@<host>"), its local user, its
-// binary id, user validation and identity contexts. All of it comes from the
-// credentials the kernel vouched for, never from what the client wrote.
+// Who the peer is: its network name ("<user>@<host>"), its local user, its
+// binary id, user validation and identity contexts. On the service side the
+// peer is the client; on the client side, when the client gave its socket,
+// the service. All of it comes from the credentials the kernel vouched for,
+// never from what the peer wrote.
 #include <cstring>
 #include <memory>
 
@@ -14,13 +16,14 @@ constexpr uint8_t kClientIdVersion = 1;
 constexpr size_t kMaxNameInput = 4096;
 constexpr qv_uint32_t kUnknownUser = 1, kOtherUser = 2, kForeignHost = 3;
 
-// The client behind a server-side or identity context.
+// The peer behind an established or identity context, when the kernel
+// vouched for it.
 Status client_of(void *token, PeerIdentity &out) {
     Context *ctx = as_context(token);
     if (ctx == nullptr) return kBadHandle;
     std::lock_guard<std::mutex> g(ctx->lock);
-    bool knows_client = ctx->role == Role::kIdentity || (ctx->role == Role::kServer && ctx->phase == Phase::kComplete);
-    if (!knows_client) return kWrongState;
+    bool knows_peer = ctx->role == Role::kIdentity || (ctx->phase == Phase::kComplete && ctx->peer_known);
+    if (!knows_peer) return kWrongState;
     out = ctx->peer;
     return kOk;
 }

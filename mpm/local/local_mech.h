@@ -5,16 +5,20 @@
 // token format and status.
 #pragma once
 
+#include <sys/types.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <cxxabi.h>
 
 #include <array>
+#include <cerrno>
 #include <new>
 #include <cstdint>
 #include <mutex>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "qv_sec_mpm.h"
@@ -31,7 +35,7 @@ enum Status : qv_uint32_t {
     kBufferTooSmall = MPM_S_BUFFER_TOO_SMALL,
     kBadToken = 7,           // a context-establishment token that does not parse
     kNoSocket = 8,           // no local socket, or the kernel gave no peer credentials
-    kCredentialsMismatch = 9,  // the peer claims other credentials than the kernel's
+    // 9 is no longer used: the claims in the tokens are not compared any more.
     kKeyExchange = 10,       // bad public key or failed key confirmation
     kWrongState = 11,        // routine called at the wrong point of the context's life
     kNoMemory = 12,
@@ -46,6 +50,8 @@ enum Status : qv_uint32_t {
     kMutualRequired = 21,    // mutual authentication asked for without a local socket
     kInternal = 22,          // unexpected failure (exception) inside the module
     kNoSignature = MPM_S_NO_SIGNATURE,
+    kServiceNotAllowed = 25, // the service's user may not serve the target name
+    kOtherProcess = 26,      // the context was made in another process (fork)
     kBadSignature = MPM_S_BAD_SIGNATURE,
     kUserNotValid = MPM_S_USER_NOT_VALID,
 };
@@ -63,8 +69,11 @@ enum Reason : qv_uint32_t {
     kReasonReplayed = 8,      // signature: sequence number already used
     kReasonOutOfOrder = 9,    // signature: ahead of the next expected one
 };
-// Minor statuses of kCredentialsMismatch: bits naming the fields that differ.
-inline constexpr qv_uint32_t kMismatchUid = 0x1, kMismatchGid = 0x2, kMismatchPid = 0x4;
+// Minor statuses of kServiceNotAllowed.
+inline constexpr qv_uint32_t kMinorUserNotAllowed = 1, kMinorServicesFileUnusable = 2;
+// Minor status of kNoSocket when the descriptor no longer names the socket
+// the context was given.
+inline constexpr qv_uint32_t kMinorSocketChanged = ESTALE;
 
 // ---- Constants ----
 inline constexpr char kMnemonic[] = "local";
@@ -80,7 +89,7 @@ inline constexpr size_t kClientHelloFixed = 81;  // without the service name
 inline constexpr size_t kServerReplyFixed = 113;  // without the service name
 
 // Token flags (16-bit field of both tokens).
-inline constexpr uint16_t kTokenChecksPeer = 0x0001;  // sender checks the peer's credentials
+inline constexpr uint16_t kTokenChecksPeer = 0x0001;  // sender checks who the peer is
 
 // Protection modes of mpm_prepare_data (the library passes exactly one).
 inline constexpr qv_uint32_t kProtectIntegrity = 0x00100000;
@@ -90,6 +99,9 @@ inline constexpr uint8_t kModeConfidentiality = 2;
 inline constexpr size_t kSealHeader = 10;  // version, mode, sequence number
 inline constexpr size_t kSealTag = 16;
 inline constexpr size_t kSignatureSize = 41;  // version, sequence number, tag
+// Version 2 signatures cover each element's length; version 1 covered only
+// the concatenation, so a vector split otherwise verified.
+inline constexpr uint8_t kSignatureVersion = 2;
 
 // Flags of mpm_start_sec_context (the caller's sec_start_sec_context flags).
 inline constexpr qv_uint32_t kRequireMutual = 0x00000002;
@@ -165,11 +177,36 @@ Status derive_session_keys(const KeyPair &own, std::span<const uint8_t> peer_pub
 void random_bytes(std::span<uint8_t> out);
 
 // ---- Peer credentials ----
-// What the kernel reports for the other end of the local socket fd.
-// kNoSocket with errno (or EAFNOSUPPORT) in *minor when there is none.
+// Which socket a descriptor named when a context was given it: a service
+// that closes and re-accepts may get the same number for another connection.
+struct SocketId {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    bool operator==(const SocketId &) const = default;
+};
+// kNoSocket with errno in *minor when fd names nothing.
+Status socket_id(int fd, SocketId &id, qv_uint32_t *minor);
+// What the kernel reports for the other end of the local socket fd: the
+// process that connected (or called listen, or made the pair) and its
+// effective ids at that time. kNoSocket with errno (or EAFNOSUPPORT) in
+// *minor when there is none.
 Status peer_credentials(int fd, Credentials &creds, qv_uint32_t *minor);
 Credentials own_credentials();
-qv_uint32_t mismatch_bits(const Credentials &claimed, const Credentials &kernel);
+
+// ---- Who may serve a target name ----
+// The file of "service user" lines that names the users allowed to serve a
+// service, beside root, the client's own user and, for a service the file
+// does not name, the user of the service's name.
+inline constexpr char kServicesFile[] = QV_LOCAL_SERVICES_FILE;
+// Parses the file's text; false for a malformed line. Appends to users the
+// user fields of the lines for service; *listed tells whether any line names it.
+bool parse_services(std::string_view text, std::string_view service, std::vector<std::string> &users,
+                    bool *listed);
+// kOk when a service run by service_uid may answer a client (client_uid)
+// that targets target ("service" or "service@host"); kServiceNotAllowed with
+// kMinorUserNotAllowed or kMinorServicesFileUnusable in *minor otherwise.
+Status service_user_allowed(const char *file, std::string_view target, uint32_t service_uid, uint32_t client_uid,
+                            qv_uint32_t *minor);
 
 // ---- Handles ----
 inline constexpr uint32_t kServiceMagic = 0x4c53564dU;  // "LSVM"
@@ -186,7 +223,7 @@ struct Service {
 enum class Role { kUnset, kClient, kServer, kIdentity };
 enum class Phase { kNew, kAwaitingReply, kComplete };
 
-// The peer's identity as a server (or an identity context) knows it.
+// A peer as the kernel vouched for it (or as an identity context names it).
 struct PeerIdentity {
     Credentials creds;
     std::string user;  // local user name; empty when the uid has no entry
@@ -198,13 +235,22 @@ struct Context {
     std::mutex lock;  // guards everything below once the context is shared
     Role role = Role::kUnset;
     Phase phase = Phase::kNew;
+    // A context works only in the process that made its keys: after fork,
+    // parent and child would seal with the same keys and sequence numbers.
+    pid_t owner = 0;
     int fd = -1;  // the local socket, -1 without one
+    SocketId socket;  // what fd named when it was given
     bool has_socket = false;
     bool socket_is_local = false;
     qv_uint32_t flags = 0;  // context flags, once complete
     // Client side, between its hello and the server's reply.
     KeyPair own;
     std::vector<uint8_t> hello;
+    bool require_mutual = false;  // flag 0x2: the service must be allowed to serve target
+    std::string target;
+    // The peer as the kernel vouched for it: the client on the service side,
+    // the service on the client side (when the client held its socket).
+    bool peer_known = false;
     PeerIdentity peer;
     std::string peer_service;  // client side: the name the service logged in with
     SessionKeys keys;

@@ -1,5 +1,6 @@
 // The kernel's view of the other end of a local socket.
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -38,19 +39,21 @@ Status peer_credentials(int fd, Credentials &creds, qv_uint32_t *minor) {
     return kOk;
 }
 
-// The kernel records the effective ids and the process at connect (or
-// socketpair) time, so that is what a party claims.
+// What a party states about itself in its token. The receiver does not rely
+// on it: a process that holds another's socket end could write anything.
 Credentials own_credentials() {
     return Credentials{static_cast<uint32_t>(geteuid()), static_cast<uint32_t>(getegid()),
                        static_cast<uint32_t>(getpid())};
 }
 
-qv_uint32_t mismatch_bits(const Credentials &claimed, const Credentials &kernel) {
-    qv_uint32_t bits = 0;
-    if (claimed.uid != kernel.uid) bits |= kMismatchUid;
-    if (claimed.gid != kernel.gid) bits |= kMismatchGid;
-    if (claimed.pid != kernel.pid) bits |= kMismatchPid;
-    return bits;
+Status socket_id(int fd, SocketId &id, qv_uint32_t *minor) {
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        *minor = static_cast<qv_uint32_t>(errno);
+        return kNoSocket;
+    }
+    id = SocketId{st.st_dev, st.st_ino};
+    return kOk;
 }
 
 }  // namespace qvlocal

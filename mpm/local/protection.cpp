@@ -41,10 +41,14 @@ void make_nonce(uint8_t nonce[crypto_aead_chacha20poly1305_IETF_NPUBBYTES], uint
     put_u64(nonce + 4, seq);
 }
 
-// Whether an (already locked) context is an established security context.
+// Whether an (already locked) context is an established security context of
+// this process. A forked child holds a copy of its parent's keys and
+// sequence numbers: both would seal under the same nonces, and each would
+// accept the peer's next message once.
 Status usable(const Context &ctx, Status not_a_security_context) {
     if (ctx.role == Role::kIdentity) return not_a_security_context;
     if (ctx.phase != Phase::kComplete) return kWrongState;
+    if (ctx.owner != getpid()) return kOtherProcess;
     return kOk;
 }
 
@@ -76,10 +80,17 @@ void signature_tag(const uint8_t *key, uint64_t seq, qv_int32_t count, const iov
     uint8_t be[8];
     put_u64(be, seq);
     crypto_generichash_update(&st, be, sizeof be);
-    // The vector is one message in pieces: the signature covers the
-    // concatenation, however it is split.
-    for (qv_int32_t i = 0; i < count; ++i)
-        crypto_generichash_update(&st, static_cast<const uint8_t *>(vector[i].iov_base), vector[i].iov_len);
+    // The number of elements and each element's length are covered, so the
+    // same bytes split otherwise ("user=ali" "ce;role=admin" against
+    // "user=alice;role=admin" "") do not verify.
+    put_u64(be, static_cast<uint64_t>(count));
+    crypto_generichash_update(&st, be, sizeof be);
+    for (qv_int32_t i = 0; i < count; ++i) {
+        put_u64(be, vector[i].iov_len);
+        crypto_generichash_update(&st, be, sizeof be);
+        if (vector[i].iov_len > 0)
+            crypto_generichash_update(&st, static_cast<const uint8_t *>(vector[i].iov_base), vector[i].iov_len);
+    }
     crypto_generichash_final(&st, tag, crypto_generichash_BYTES);
     sodium_memzero(&st, sizeof st);
 }
@@ -211,7 +222,7 @@ extern "C" qv_uint32_t mpm_sign_data_v(qv_uint32_t *min_stat, void *token, qv_in
         if (Status s = usable(*ctx, kNoSignature); s != kOk) return s;
         if (ctx->sign_tx == UINT64_MAX) return kExhausted;
         uint8_t sig[kSignatureSize];
-        sig[0] = kProtocolVersion;
+        sig[0] = kSignatureVersion;
         put_u64(sig + 1, ctx->sign_tx);
         signature_tag(tx_sign_key(*ctx), ctx->sign_tx, count, vector, sig + 9);
         if (!give_bytes(sig, signature)) return kNoMemory;
@@ -235,7 +246,7 @@ extern "C" qv_uint32_t mpm_verify_data_v(qv_uint32_t *min_stat, void *token, sec
         std::span<const uint8_t> sig = bytes_of(*signature);
         if (sig.size() < kSignatureSize) return bad(kReasonTruncated);
         if (sig.size() > kSignatureSize) return bad(kReasonTrailing);
-        if (sig[0] != kProtocolVersion) return bad(kReasonVersion);
+        if (sig[0] != kSignatureVersion) return bad(kReasonVersion);
         const uint64_t seq = get_u64(sig.data() + 1);
         uint8_t expected[crypto_generichash_BYTES];
         signature_tag(rx_sign_key(*ctx), seq, count, vector, expected);

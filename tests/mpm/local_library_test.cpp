@@ -110,8 +110,9 @@ TEST(LocalThroughLibrary, TwoProcesses) {
     Buffer mechs, ccdb, none;
     qv_int32_t count = 0;
     ASSERT_EQ(0, sec_create_mech_buffer(const_cast<char *>("local"), &count, &mechs.b));
+    // Mutual authentication: the service must be a user allowed to serve "svc".
     ASSERT_EQ(1, sec_start_sec_context(&st, stoken, &mechs.b, const_cast<char *>("svc"),
-                                       const_cast<char *>("localhost"), 0, &ctoken, &ccdb.b))
+                                       const_cast<char *>("localhost"), 0x2, &ctoken, &ccdb.b))
         << st.desc << " " << st.maj_stat << "/" << st.min_stat;
     ASSERT_TRUE(send_frame(fd, ccdb.bytes()));
     std::vector<uint8_t> reply;
@@ -120,6 +121,13 @@ TEST(LocalThroughLibrary, TwoProcesses) {
     ASSERT_EQ(0, sec_complete_sec_context(&st, &in, &ctoken, &none.b))
         << st.desc << " " << st.maj_stat << "/" << st.min_stat;
     EXPECT_EQ(0, none.b.length);
+    // The client learns who the service is through the same routine.
+    char *service = nullptr;
+    ASSERT_EQ(0, sec_get_client_identity(&st, ctoken, &service, nullptr, nullptr));
+    passwd *pw = getpwuid(geteuid());
+    ASSERT_NE(nullptr, pw);
+    EXPECT_EQ(std::string(pw->pw_name) + "@", std::string(service).substr(0, strlen(pw->pw_name) + 1));
+    sec_release_name(service);
 
     std::vector<uint8_t> hi = {'h', 'i'};
     sec_buffer_desc hin = in_buffer(hi);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "child_process.h"
 #include "local_module.h"
 
 namespace qvtest {
@@ -138,6 +139,34 @@ TEST_F(LocalProtection, BadArguments) {
     EXPECT_EQ(kBadHandle, m.mpm_prepare_data(&mn, svc.handle(), kIntegrity, &in, out.get()));
 }
 
+// After fork the child holds a copy of the keys and sequence numbers: it
+// must not seal, sign, open or verify with them (it would reuse the parent's
+// nonces, and both would accept the peer's next message). The parent goes on.
+TEST_F(LocalProtection, ContextsRefuseWorkInAForkedChild) {
+    std::vector<uint8_t> from_server = seal(server.get(), {'s'}, kConfidentiality);
+    int child = run_in_child([&] {
+        std::vector<uint8_t> data = {1, 2, 3};
+        sec_buffer_desc in = in_buffer(data), sealed = in_buffer(from_server);
+        ModBuffer out(m);
+        qv_uint32_t mn;
+        iovec v{data.data(), data.size()};
+        qv_uint32_t got[] = {
+            m.mpm_prepare_data(&mn, client.get(), kConfidentiality, &in, out.get()),
+            m.mpm_prepare_data(&mn, client.get(), kIntegrity, &in, out.get()),
+            m.mpm_process_data(&mn, client.get(), &sealed, out.get()),
+            m.mpm_sign_data_v(&mn, client.get(), 1, &v, out.get()),
+            m.mpm_verify_data_v(&mn, server.get(), &in, 1, &v),
+        };
+        for (qv_uint32_t s : got)
+            if (s != 26) return static_cast<int>(s);
+        return out.length() == 0 ? 0 : 100;
+    });
+    EXPECT_EQ(0, child);
+    std::vector<uint8_t> plain;
+    EXPECT_EQ(0u, open(client.get(), from_server, &plain));
+    EXPECT_EQ(0u, open(server.get(), seal(client.get(), {'c'}, kIntegrity)));
+}
+
 struct Signed {
     std::vector<uint8_t> sig;
     qv_uint32_t status;
@@ -162,19 +191,32 @@ TEST_F(LocalProtection, Signatures) {
     Signed s0 = sign(client.get(), whole);
     ASSERT_EQ(0u, s0.status);
     ASSERT_EQ(41u, s0.sig.size());
-    // The same bytes split otherwise verify: the signature covers the data.
+    // A changed vector, or the same bytes split otherwise, fails with 34 and
+    // does not move the verifier on.
     std::string joined = a + b;
-    std::vector<iovec> other = {{joined.data(), 3}, {nullptr, 0}, {joined.data() + 3, joined.size() - 3}};
-    // A changed vector fails with 34, and does not move the verifier on.
     std::string changed = joined;
     changed[5] ^= 1;
-    EXPECT_EQ(34u, verify(server.get(), s0.sig, {{changed.data(), changed.size()}}));
-    EXPECT_EQ(7u, minor);
-    EXPECT_EQ(34u, verify(server.get(), s0.sig, {{joined.data(), joined.size() - 1}}));
-    EXPECT_EQ(0u, verify(server.get(), s0.sig, other));
+    const std::vector<std::vector<iovec>> forgeries = {
+        {{changed.data(), a.size()}, {changed.data() + a.size(), b.size()}},
+        {{joined.data(), joined.size()}},
+        {{joined.data(), joined.size()}, {nullptr, 0}},
+        {{joined.data(), 3}, {joined.data() + 3, joined.size() - 3}},
+        {{a.data(), a.size()}, {nullptr, 0}, {b.data(), b.size()}},
+    };
+    for (const std::vector<iovec> &v : forgeries) {
+        EXPECT_EQ(34u, verify(server.get(), s0.sig, v));
+        EXPECT_EQ(7u, minor);
+    }
+    EXPECT_EQ(0u, verify(server.get(), s0.sig, whole));
     // Replayed and reordered signatures.
     EXPECT_EQ(34u, verify(server.get(), s0.sig, whole));
     EXPECT_EQ(8u, minor);
+    // A signature over one split does not verify for another.
+    std::string ali = "user=ali", ce = "ce;role=admin", alice = "user=alice;role=admin";
+    Signed split = sign(client.get(), {{ali.data(), ali.size()}, {ce.data(), ce.size()}});
+    EXPECT_EQ(34u, verify(server.get(), split.sig, {{alice.data(), alice.size()}, {nullptr, 0}}));
+    EXPECT_EQ(7u, minor);
+    EXPECT_EQ(0u, verify(server.get(), split.sig, {{ali.data(), ali.size()}, {ce.data(), ce.size()}}));
     Signed s1 = sign(client.get(), whole), s2 = sign(client.get(), {});
     EXPECT_EQ(34u, verify(server.get(), s2.sig, {}));
     EXPECT_EQ(9u, minor);
@@ -195,7 +237,7 @@ TEST_F(LocalProtection, Signatures) {
     EXPECT_EQ(34u, verify(server.get(), longer, whole));
     EXPECT_EQ(4u, minor);
     std::vector<uint8_t> version = sig;
-    version[0] = 2;
+    version[0] = 1;  // signatures of the concatenation only
     EXPECT_EQ(34u, verify(server.get(), version, whole));
     EXPECT_EQ(3u, minor);
     EXPECT_EQ(0u, verify(server.get(), sig, whole));
