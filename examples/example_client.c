@@ -3,7 +3,13 @@
  * security context with it, sends a sealed request and prints the unsealed
  * reply.
  *
- *   qvsec-example-client [--socket PATH] [MESSAGE]
+ *   qvsec-example-client [--socket PATH] [--service NAME] [--service-user USER] [MESSAGE]
+ *
+ * The client requires mutual authentication: the service must run as a user
+ * allowed to serve NAME ("example" unless given): root, the client's own
+ * user, or one the administrator listed for NAME (see the local mechanism's
+ * README). With --service-user it must moreover run as USER. The default
+ * socket is the service's default: see example_socket_path.
  *
  * The structure to copy: sec_start; sec_get_auth_methods and the service's
  * reconciled list; sec_setup_socket on the connected socket (so the "local"
@@ -21,6 +27,10 @@
 
 #include "framing.h"
 
+/* sec_start_sec_context flag of the local mechanism: the service's user must
+ * be allowed to serve the target name. */
+#define EXAMPLE_REQUIRE_MUTUAL 0x00000002u
+
 static int refused(int type, const sec_buffer_desc *frame) {
     if (type != FRAME_REFUSED) return 0;
     fprintf(stderr, "client: the service refused: %.*s\n", (int)frame->length, (const char *)frame->value);
@@ -28,7 +38,7 @@ static int refused(int type, const sec_buffer_desc *frame) {
 }
 
 /* Runs the context exchange; returns the established context or NULL. */
-static sec_token_t establish(sec_token_t stoken, int fd) {
+static sec_token_t establish(sec_token_t stoken, int fd, char *service) {
     sec_status_desc st;
     sec_token_t ctx = NULL;
     sec_buffer_desc offer = {0, NULL}, shared, c_ccdb = {0, NULL};
@@ -58,7 +68,7 @@ static sec_token_t establish(sec_token_t stoken, int fd) {
     }
 
     /* 3. Start, then complete with each answer while either side needs more. */
-    rc = sec_start_sec_context(&st, stoken, &shared, "example", "localhost", 0, &ctx, &c_ccdb);
+    rc = sec_start_sec_context(&st, stoken, &shared, service, "localhost", EXAMPLE_REQUIRE_MUTUAL, &ctx, &c_ccdb);
     sec_release_buffer(&shared);
     while (rc == SEC_S_CONTINUE || c_ccdb.length > 0) {
         sec_buffer_desc s_ccdb;
@@ -76,15 +86,38 @@ static sec_token_t establish(sec_token_t stoken, int fd) {
     }
     if (rc == SEC_S_OK) return ctx;
     if (rc == SEC_S_UNAUTHENTICATED) {
-        printf("client: the context is unauthenticated\n");
-        return ctx;
+        /* Nobody vouched for the service: do not send it anything secret. */
+        fprintf(stderr, "client: the context is unauthenticated\n");
+        sec_end_context(&st, ctx, NULL);
+        return NULL;
     }
     print_failure("establishing the context", rc, &st);
     return NULL;
 }
 
+/* Who the service is, as the mechanism learned it; with expected_user, the
+ * service must run as that user. 0 when it may be talked to. */
+static int check_service(sec_token_t ctx, const char *expected_user) {
+    sec_status_desc st;
+    char *name = NULL, *user = NULL;
+    int ok;
+    qv_int32_t rc = sec_get_client_identity(&st, ctx, &name, &user, NULL);
+    if (rc != 0) {
+        print_failure("who is the service", rc, &st);
+        return expected_user != NULL ? -1 : 0;
+    }
+    printf("client: the service runs as %s\n", name);
+    ok = expected_user == NULL || (user != NULL && strcmp(user, expected_user) == 0);
+    if (!ok) fprintf(stderr, "client: the service is not run by %s\n", expected_user);
+    sec_release_name(name);
+    sec_release_name(user);
+    return ok ? 0 : -1;
+}
+
 int main(int argc, char **argv) {
-    const char *path = "/tmp/qvsec-example.sock";
+    char default_path[108];
+    const char *path = NULL, *expected_user = NULL;
+    char *service = "example";
     const char *message = "what time is it?";
     sec_status_desc st;
     sec_token_t stoken = NULL, ctx;
@@ -97,14 +130,23 @@ int main(int argc, char **argv) {
     for (i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--socket") == 0 && i + 1 < argc) {
             path = argv[++i];
+        } else if (strcmp(argv[i], "--service") == 0 && i + 1 < argc) {
+            service = argv[++i];
+        } else if (strcmp(argv[i], "--service-user") == 0 && i + 1 < argc) {
+            expected_user = argv[++i];
         } else if (argv[i][0] == '-') {
-            fprintf(stderr, "usage: qvsec-example-client [--socket PATH] [MESSAGE]\n");
+            fprintf(stderr,
+                    "usage: qvsec-example-client [--socket PATH] [--service NAME] [--service-user USER] [MESSAGE]\n");
             return 2;
         } else {
             message = argv[i];
         }
     }
     signal(SIGPIPE, SIG_IGN);
+    if (path == NULL) {
+        if (example_socket_path(default_path, sizeof default_path, 0) != 0) return 1;
+        path = default_path;
+    }
 
     rc = sec_start(&st, 0, &stoken);
     if (rc != 0) {
@@ -113,15 +155,24 @@ int main(int argc, char **argv) {
     }
     memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path, sizeof addr.sun_path - 1);
-    fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (strlen(path) >= sizeof addr.sun_path) {
+        fprintf(stderr, "client: socket path too long\n");
+        sec_end(&st, 0, stoken);
+        return 1;
+    }
+    memcpy(addr.sun_path, path, strlen(path) + 1);
+    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0 || connect(fd, (struct sockaddr *)&addr, sizeof addr) != 0) {
         perror("client: connect");
         sec_end(&st, 0, stoken);
         return 1;
     }
 
-    ctx = establish(stoken, fd);
+    ctx = establish(stoken, fd, service);
+    if (ctx != NULL && check_service(ctx, expected_user) != 0) {
+        sec_end_context(&st, ctx, NULL);
+        ctx = NULL;
+    }
     if (ctx != NULL) {
         sec_get_ctx_attribute(&st, ctx, SEC_C_CTX_MPM_NAME, mech);
         printf("client: context established with mechanism \"%s\"\n", mech);

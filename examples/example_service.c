@@ -5,13 +5,20 @@
  *
  *   qvsec-example-service [--socket PATH] [--count N]
  *
+ * By default it listens in a directory that only its user can write
+ * ($XDG_RUNTIME_DIR, /run/qvsec for root, /tmp/qvsec-<uid>): a socket in a
+ * directory anyone can write, such as /tmp, could be replaced by another
+ * user's, and clients would talk to that one.
+ *
  * The structure to copy: one sec_start for the process; per client,
  * sec_reconcile_auth_methods, sec_setup_socket on the accepted socket (the
  * "local" mechanism checks the client against the kernel's view of that
- * socket), sec_receive_sec_context until it stops asking for more,
- * sec_get_client_identity, sec_process_data / sec_prepare_data, and
- * sec_end_context.
+ * socket), sec_receive_sec_context until it stops asking for more, a look
+ * at the context's attributes (0 from sec_receive_sec_context does not mean
+ * the client is authenticated), sec_get_client_identity, sec_process_data /
+ * sec_prepare_data, and sec_end_context.
  */
+#define _GNU_SOURCE /* accept4 */
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -68,8 +75,11 @@ static sec_token_t accept_context(sec_token_t stoken, int fd) {
         sec_release_buffer(&s_ccdb);
         if (rc == SEC_S_CONTINUE) continue;
         if (rc == SEC_S_OK) {
-            /* A client may ask for an unauthenticated context; this service
-             * wants to know who its clients are. */
+            /* 0 means complete, not authenticated: a client that asks for an
+             * unauthenticated context gets 0 too (unless QV_SEC_IMP_MECHS
+             * rules those out). Its mechanism is then "none", and its flags
+             * lack SEC_CTX_S_AUTHENTICATED. This service wants to know who
+             * its clients are. */
             char mech[SEC_C_CTX_MPM_NAME_SIZE] = "";
             sec_get_ctx_attribute(&st, ctx, SEC_C_CTX_MPM_NAME, mech);
             if (strcmp(mech, "none") != 0) return ctx;
@@ -130,7 +140,8 @@ static void serve(sec_token_t stoken, int fd) {
 }
 
 int main(int argc, char **argv) {
-    const char *path = "/tmp/qvsec-example.sock";
+    char default_path[108];
+    const char *path = NULL;
     long count = -1;
     sec_status_desc st;
     sec_token_t stoken = NULL;
@@ -149,6 +160,10 @@ int main(int argc, char **argv) {
         }
     }
     signal(SIGPIPE, SIG_IGN);
+    if (path == NULL) {
+        if (example_socket_path(default_path, sizeof default_path, 1) != 0) return 1;
+        path = default_path;
+    }
 
     rc = sec_start(&st, 0, &stoken);
     if (rc != 0) {
@@ -163,7 +178,9 @@ int main(int argc, char **argv) {
         return 1;
     }
     strcpy(addr.sun_path, path);
-    listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    /* Close-on-exec: a program this service starts must not inherit a
+     * socket that clients authenticate it by. */
+    listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     unlink(path);
     if (listener < 0 || bind(listener, (struct sockaddr *)&addr, sizeof addr) != 0 || listen(listener, 8) != 0) {
         perror("service: socket");
@@ -173,7 +190,7 @@ int main(int argc, char **argv) {
     fflush(stdout);
 
     while (count != 0) {
-        int fd = accept(listener, NULL, NULL);
+        int fd = accept4(listener, NULL, NULL, SOCK_CLOEXEC);
         if (fd < 0) continue;
         serve(stoken, fd);
         close(fd);

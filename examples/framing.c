@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "qv_cu.h"
@@ -80,4 +81,50 @@ void print_failure(const char *what, qv_int32_t rc, const sec_status_desc *st) {
     }
     cu_rel_errmsg_1(msg);
     cu_rel_error_1(err);
+}
+
+int example_socket_path(char *path, size_t size, int create) {
+    const char *runtime = getenv("XDG_RUNTIME_DIR");
+    uid_t uid = geteuid();
+    char dir[256];
+    const char *name = "example.sock";
+    /* /run/qvsec is searchable by everyone, so that clients of other users
+     * reach a root service; /tmp/qvsec-<uid> is its user's alone. */
+    mode_t mode = 0755;
+    struct stat st;
+    int n;
+
+    if (runtime != NULL && runtime[0] != '\0') {
+        n = snprintf(dir, sizeof dir, "%s", runtime);
+        name = "qvsec-example.sock";
+        create = 0;
+    } else if (uid == 0) {
+        n = snprintf(dir, sizeof dir, "/run/qvsec");
+    } else {
+        n = snprintf(dir, sizeof dir, "/tmp/qvsec-%u", (unsigned)uid);
+        mode = 0700;
+    }
+    if (n < 0 || (size_t)n >= sizeof dir) {
+        fprintf(stderr, "socket directory name too long\n");
+        return -1;
+    }
+    if (create && mkdir(dir, mode) != 0 && errno != EEXIST) {
+        fprintf(stderr, "cannot make %s: %s\n", dir, strerror(errno));
+        return -1;
+    }
+    /* lstat: a symbolic link in the directory's place is refused too. */
+    if (lstat(dir, &st) != 0) {
+        fprintf(stderr, "%s: %s\n", dir, strerror(errno));
+        return -1;
+    }
+    if (!S_ISDIR(st.st_mode) || (st.st_uid != 0 && st.st_uid != uid) || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        fprintf(stderr, "refusing %s: not a directory that only root or this user can write\n", dir);
+        return -1;
+    }
+    n = snprintf(path, size, "%s/%s", dir, name);
+    if (n < 0 || (size_t)n >= size) {
+        fprintf(stderr, "socket path too long\n");
+        return -1;
+    }
+    return 0;
 }

@@ -33,4 +33,15 @@ int recv_frame(int fd, int *type, sec_buffer_desc *buffer);
  * mechanism module (rc 3), the module's status. */
 void print_failure(const char *what, qv_int32_t rc, const sec_status_desc *st);
 
+/* The default socket path of the example service, in a directory that only
+ * the service's user (or root) can write, so that no other user can put a
+ * socket of its own where clients look:
+ *   $XDG_RUNTIME_DIR/qvsec-example.sock   when the variable is set;
+ *   /run/qvsec/example.sock               for root otherwise;
+ *   /tmp/qvsec-<uid>/example.sock         for other users otherwise.
+ * With create set, a missing /run/qvsec or /tmp/qvsec-<uid> is made. Fails
+ * (-1, with a message on stderr) when the directory is not owned by root or
+ * this user, is writable by group or others, or the path does not fit. */
+int example_socket_path(char *path, size_t size, int create);
+
 #endif

@@ -302,8 +302,10 @@ qv_int32_t sec_complete_sec_context(sec_status_t st, sec_buffer_t s_ccdb, sec_to
 /* sec_receive_sec_context: the server's step with the client's CCDB c_ccdb;
  * *ctokenp is SEC_C_NO_TOKEN (or a token from sec_setup_socket) for the
  * first CCDB of a client. *s_ccdb is the answer, empty when none is to be
- * sent. Never returns 2: an unauthenticated server context is complete
- * without SEC_CTX_S_AUTHENTICATED. */
+ * sent. Never returns 2: 0 means complete, NOT authenticated. A client that
+ * asks for an unauthenticated context gets 0 too (unless the service refuses
+ * them): before trusting the client, look at the context's attributes
+ * (SEC_C_CTX_MPM_NAME is "none", SEC_C_CTX_FLAGS lacks 0x200). */
 qv_int32_t sec_receive_sec_context(sec_status_t st, sec_token_t stoken, sec_buffer_t c_ccdb,
                                    sec_token_t *ctokenp, sec_buffer_t s_ccdb);
 

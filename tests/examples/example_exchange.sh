@@ -1,32 +1,78 @@
 #!/usr/bin/env bash
 # usage: example_exchange.sh SERVICE CLIENT MODULE
-# The client authenticates to the service and gets its sealed reply; with a
-# mechanism the service does not share, the client is refused.
+# The client authenticates to the service on the default socket path and gets
+# its sealed reply; it refuses a service run by another user than it expects,
+# and an impostor run as another user on its socket path. The client is
+# refused with a mechanism the service does not share, and the service will
+# not listen in a directory others can write.
 set -euo pipefail
 service=$1 client=$2 module=$3
 work=$(mktemp -d)
 pid=""
 trap '[ -n "$pid" ] && kill "$pid" 2>/dev/null; rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
+wait_socket() { for _ in $(seq 200); do [ -S "$1" ] && return 0; sleep 0.05; done; fail "no socket $1"; }
 
 printf '1 local 0x00000001 %s i\n' "$module" > "$work/qvsec.cfg"
 export QV_SEC_CONFIG="$work/qvsec.cfg"
-"$service" --socket "$work/s.sock" --count 2 > "$work/service.out" 2>&1 &
-pid=$!
-for _ in $(seq 200); do [ -S "$work/s.sock" ] && break; sleep 0.05; done
-
-out=$("$client" --socket "$work/s.sock" "ping 42")
+# The default socket lives in the user's runtime directory.
+mkdir -m 700 "$work/run"
+export XDG_RUNTIME_DIR="$work/run"
 user=$(id -un)
+
+"$service" --count 3 > "$work/service.out" 2>&1 &
+pid=$!
+wait_socket "$work/run/qvsec-example.sock"
+
+out=$("$client" "ping 42")
 grep -q 'context established with mechanism "local"' <<<"$out" || fail "client: $out"
+grep -q "the service runs as $user@" <<<"$out" || fail "client: $out"
 grep -q "reply: hello $user@.*, you said \"ping 42\"" <<<"$out" || fail "client: $out"
+
+# A client that expects another user behind the service sends it nothing.
+if "$client" --service-user no-such-user-qv "secret" > "$work/other.out" 2>&1; then
+  fail "client accepted a service run by an unexpected user: $(cat "$work/other.out")"
+fi
+grep -q "not run by no-such-user-qv" "$work/other.out" || fail "client: $(cat "$work/other.out")"
 
 # A client that imposes only unknown mechanisms offers nothing the service
 # shares, and is refused.
-if QV_SEC_IMP_MECHS=nosuch "$client" --socket "$work/s.sock" "x" > "$work/refused.out" 2>&1; then
+if QV_SEC_IMP_MECHS=nosuch "$client" "x" > "$work/refused.out" 2>&1; then
   fail "client without a shared mechanism succeeded: $(cat "$work/refused.out")"
 fi
 wait "$pid" || true
 pid=""
 grep -q "client authenticated as $user@" "$work/service.out" || fail "service: $(cat "$work/service.out")"
 grep -q 'request: ping 42' "$work/service.out" || fail "service: $(cat "$work/service.out")"
+grep -q 'request: secret' "$work/service.out" && fail "the unexpected service got the request"
+
+# A directory others can write is no place for the service's socket.
+mkdir -m 1777 "$work/open"
+if XDG_RUNTIME_DIR="$work/open" "$service" --count 1 > "$work/open.out" 2>&1; then
+  fail "service listened in a world-writable directory"
+fi
+grep -q "refusing $work/open" "$work/open.out" || fail "service: $(cat "$work/open.out")"
+
+# An impostor run as nobody on the client's path gets no request.
+if [ "$(id -u)" = 0 ] && command -v setpriv > /dev/null; then
+  imp=$(mktemp -d -p "$work")
+  chmod 755 "$work" "$imp"
+  cp "$work/qvsec.cfg" "$imp/qvsec.cfg"
+  chmod 644 "$imp/qvsec.cfg"
+  mkdir -m 700 "$imp/run"
+  chown 65534:65534 "$imp/run"
+  QV_SEC_CONFIG="$imp/qvsec.cfg" setpriv --reuid=65534 --regid=65534 --clear-groups \
+    "$service" --socket "$imp/run/s.sock" --count 1 > "$work/impostor.out" 2>&1 &
+  pid=$!
+  wait_socket "$imp/run/s.sock"
+  if "$client" --socket "$imp/run/s.sock" "secret" > "$work/client-imp.out" 2>&1; then
+    fail "client accepted an impostor: $(cat "$work/client-imp.out")"
+  fi
+  grep -q "major 0x19, minor 0x1" "$work/client-imp.out" || fail "client: $(cat "$work/client-imp.out")"
+  wait "$pid" || true
+  pid=""
+  grep -q 'request: secret' "$work/impostor.out" && fail "the impostor got the request"
+else
+  echo "skipped the impostor: running a service as nobody needs root and setpriv"
+fi
 echo "example exchange: ok"
