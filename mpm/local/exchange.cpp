@@ -228,8 +228,9 @@ extern "C" qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_
             std::lock_guard<std::mutex> g(svc->lock);
             reply.service = svc->name;
         }
-        if (!reply.service.empty() && !hello.target.empty() && hello.target != reply.service)
-            return fail(kWrongTarget);
+        // A target "svc@host" names the service "svc": the host is this one.
+        const std::string_view wanted = std::string_view(hello.target).substr(0, hello.target.find('@'));
+        if (!reply.service.empty() && !wanted.empty() && wanted != reply.service) return fail(kWrongTarget);
 
         reply.flags = kTokenChecksPeer;
         random_bytes(reply.nonce);

@@ -264,8 +264,8 @@ TEST_F(LocalExchange, ServicesAcrossProcessesAndUsers) {
     } cases[] = {
         {"own user", false, false, kRequireMutual, "svc", 0, 0},
         {"own user, pre-forked", false, true, kRequireMutual, "svc", 0, 0},
-        {"impostor", true, false, kRequireMutual, "svc", 25, 1},
-        {"impostor, pre-forked", true, true, kRequireMutual, "svc@localhost", 25, 1},
+        {"impostor", true, false, kRequireMutual, "svc", kServiceNotAllowed, 1},
+        {"impostor, pre-forked", true, true, kRequireMutual, "svc@localhost", kServiceNotAllowed, 1},
         {"service named after its user", true, true, kRequireMutual, "nobody", 0, 0},
         {"impostor, client does not require", true, false, 0, "svc", 0, 0},
     };
@@ -500,7 +500,8 @@ TEST_F(LocalExchange, TargetMustBeTheLoggedInService) {
     struct Case {
         const char *login, *target;
         qv_uint32_t status;
-    } cases[] = {{"svcA", "svcB", kWrongTarget}, {"svcA", "svcA", 0}, {"svcA", "", 0}, {nullptr, "svcB", 0}};
+    } cases[] = {{"svcA", "svcB", kWrongTarget}, {"svcA", "svcA", 0},       {"svcA", "", 0},
+                 {nullptr, "svcB", 0},            {"svcA", "svcA@node1", 0}, {"svcA", "svcB@svcA", kWrongTarget}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.target);
         Pair p(m, c.login);
@@ -569,7 +570,8 @@ TEST_F(LocalExchange, RoutinesOutOfTurn) {
     ASSERT_EQ(0u, p.receive(hello));
     // A forked child completing its parent's exchange would derive the
     // parent's keys.
-    EXPECT_EQ(26, run_in_child([&] { return static_cast<int>(p.complete(p.reply.bytes())); }));
+    EXPECT_EQ(static_cast<int>(kOtherProcess),
+              run_in_child([&] { return static_cast<int>(p.complete(p.reply.bytes())); }));
     // An established service context takes no second hello.
     ModBuffer again(m);
     std::vector<uint8_t> copy = hello;

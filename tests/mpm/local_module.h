@@ -101,9 +101,9 @@ private:
 
 // Statuses and flags of the module (its README documents them).
 enum : qv_uint32_t {
-    kBadArgument = 4, kBadHandle = 5, kBadToken = 7, kNoSocket = 8, kMismatch = 9, kKeyExchange = 10,
+    kBadArgument = 4, kBadHandle = 5, kBadToken = 7, kNoSocket = 8, kKeyExchange = 10,
     kWrongState = 11, kWrongTarget = 13, kBadMessage = 14, kReplayed = 15, kOutOfOrder = 16,
-    kUnknownName = 19, kNotPermitted = 20, kMutualRequired = 21,
+    kUnknownName = 19, kNotPermitted = 20, kMutualRequired = 21, kServiceNotAllowed = 25, kOtherProcess = 26,
 };
 inline constexpr qv_uint32_t kIntegrity = 0x00100000, kConfidentiality = 0x00200000;
 inline constexpr qv_uint32_t kLocalSocket = 0x01000000, kNetworkSocket = 0x02000000;

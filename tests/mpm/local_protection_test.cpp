@@ -158,7 +158,7 @@ TEST_F(LocalProtection, ContextsRefuseWorkInAForkedChild) {
             m.mpm_verify_data_v(&mn, server.get(), &in, 1, &v),
         };
         for (qv_uint32_t s : got)
-            if (s != 26) return static_cast<int>(s);
+            if (s != kOtherProcess) return static_cast<int>(s);
         return out.length() == 0 ? 0 : 100;
     });
     EXPECT_EQ(0, child);
