@@ -120,7 +120,7 @@ extern "C" qv_uint32_t mpm_start_sec_context(qv_uint32_t *min_stat, void *sec_to
         ClientHello hello;
         hello.flags = require_mutual ? kTokenChecksPeer : 0;
         random_bytes(hello.nonce);
-        ctx.owner = getpid();
+        ctx.generation = process_generation();
         ctx.own.generate();
         hello.public_key = ctx.own.public_key;
         hello.creds = own_credentials();
@@ -146,7 +146,7 @@ extern "C" qv_uint32_t mpm_complete_sec_context(qv_uint32_t *min_stat, sec_buffe
         if (ctx == nullptr) return kBadHandle;
         std::lock_guard<std::mutex> g(ctx->lock);
         if (ctx->role != Role::kClient || ctx->phase != Phase::kAwaitingReply) return kWrongState;
-        if (ctx->owner != getpid()) return kOtherProcess;
+        if (ctx->generation != process_generation()) return kOtherProcess;
 
         std::span<const uint8_t> in = bytes_of(*sbuff);
         ServerReply reply;
@@ -243,7 +243,7 @@ extern "C" qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_
         out.insert(out.end(), ctx.keys.confirm.begin(), ctx.keys.confirm.end());
         if (!give_bytes(out, sbuff)) return fail(kNoMemory);
 
-        ctx.owner = getpid();
+        ctx.generation = process_generation();
         ctx.role = Role::kServer;
         ctx.phase = Phase::kComplete;
         ctx.peer_known = true;

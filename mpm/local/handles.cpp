@@ -1,9 +1,11 @@
 // Handle checks, caller buffers, and the host and user lookups that names are
 // made of.
+#include <pthread.h>
 #include <pwd.h>
 #include <sodium.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -24,6 +26,22 @@ Service *as_service(void *p) {
 Context *as_context(void *p) {
     auto *c = static_cast<Context *>(p);
     return c != nullptr && c->magic == kContextMagic ? c : nullptr;
+}
+
+namespace {
+
+std::atomic<uint64_t> g_generation{0};
+
+void forked_child() { g_generation.fetch_add(1, std::memory_order_relaxed); }
+
+}  // namespace
+
+// The handler is registered on first use, before any context exists. The C
+// library drops it again when the module is unloaded.
+uint64_t process_generation() {
+    static const int registered = pthread_atfork(nullptr, nullptr, forked_child);
+    (void)registered;
+    return g_generation.load(std::memory_order_relaxed);
 }
 
 bool crypto_ready() {

@@ -237,7 +237,7 @@ struct Context {
     Phase phase = Phase::kNew;
     // A context works only in the process that made its keys: after fork,
     // parent and child would seal with the same keys and sequence numbers.
-    pid_t owner = 0;
+    uint64_t generation = 0;  // process_generation() when the keys were made
     int fd = -1;  // the local socket, -1 without one
     SocketId socket;  // what fd named when it was given
     bool has_socket = false;
@@ -286,6 +286,11 @@ qv_uint32_t guarded(qv_uint32_t *min_stat, F &&body) {
 }
 
 bool crypto_ready();
+
+// Changes in the child of every fork (a fork handler counts them), so that
+// a context can tell it was copied into another process. Cheaper than
+// getpid, which is a system call on every seal.
+uint64_t process_generation();
 
 // Caller buffers (released through mpm_release_buffer, which calls free).
 bool give_bytes(std::span<const uint8_t> bytes, sec_buffer_t out);

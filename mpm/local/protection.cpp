@@ -48,7 +48,7 @@ void make_nonce(uint8_t nonce[crypto_aead_chacha20poly1305_IETF_NPUBBYTES], uint
 Status usable(const Context &ctx, Status not_a_security_context) {
     if (ctx.role == Role::kIdentity) return not_a_security_context;
     if (ctx.phase != Phase::kComplete) return kWrongState;
-    if (ctx.owner != getpid()) return kOtherProcess;
+    if (ctx.generation != process_generation()) return kOtherProcess;
     return kOk;
 }
 

@@ -29,6 +29,7 @@ extern "C" void mpm_init(void) {
     // thread needs them; a failure is reported by the routines that need it.
     (void)crypto_ready();
     (void)host_name();
+    (void)process_generation();
 }
 
 extern "C" qv_uint32_t mpm_start(qv_uint32_t *min_stat, qv_uint32_t flags, void **token) {
