@@ -13,6 +13,7 @@
 // An unprivileged user can therefore serve only its own clients, services
 // named after itself, and services the administrator listed it for.
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,10 +41,16 @@ std::string_view next_field(std::string_view &line) {
     return field;
 }
 
+// close is a cancellation point: the destructor may run while a
+// cancellation unwinds the thread, so it keeps cancellation off meanwhile.
 struct FdCloser {
     int fd;
     ~FdCloser() {
-        if (fd >= 0) close(fd);
+        if (fd < 0) return;
+        int old;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
+        close(fd);
+        pthread_setcancelstate(old, &old);
     }
 };
 
