@@ -51,7 +51,7 @@ Status context_for_exchange(void **slot, NewContext &nc) {
 Status kernel_peer(const Context &ctx, PeerIdentity &peer, qv_uint32_t *minor) {
     SocketId now;
     if (Status s = socket_id(ctx.fd, now, minor); s != kOk) return s;
-    if (!(now == ctx.socket)) {
+    if (now != ctx.socket) {
         *minor = kMinorSocketChanged;
         return kNoSocket;
     }

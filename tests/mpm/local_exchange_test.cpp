@@ -547,6 +547,9 @@ TEST_F(LocalExchange, SocketRequirements) {
         EXPECT_EQ(kBadArgument, m.mpm_set_ctx_attribute(&minor, nullptr, 1, nullptr, c.slot()));
         info.fd = -1;
         EXPECT_EQ(kBadArgument, m.mpm_set_ctx_attribute(&minor, nullptr, 1, &info, c.slot()));
+        info.fd = 1000;  // names nothing: there is no socket to remember
+        EXPECT_EQ(kNoSocket, m.mpm_set_ctx_attribute(&minor, nullptr, 1, &info, c.slot()));
+        EXPECT_EQ(static_cast<qv_uint32_t>(EBADF), minor);
         EXPECT_EQ(nullptr, c.get());
     }
 }
