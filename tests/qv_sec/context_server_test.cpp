@@ -31,34 +31,6 @@ protected:
     Out out_;
 };
 
-TEST_F(ServerContext, ArgumentChecksUseTheOlderMessage) {
-    View in(ccdb(kCodeA, 1, 1, text("c")));
-    Out out;
-    sec_token_t ctx = nullptr;
-    struct Case {
-        sec_status_t st;
-        sec_token_t svc;
-        sec_buffer_t in;
-        sec_token_t *ctokenp;
-        sec_buffer_t out;
-    } cases[] = {
-        {nullptr, server_svc_, in.get(), &ctx, out.get()}, {&st_, nullptr, in.get(), &ctx, out.get()},
-        {&st_, server_svc_, nullptr, &ctx, out.get()},     {&st_, server_svc_, in.get(), nullptr, out.get()},
-        {&st_, server_svc_, in.get(), &ctx, nullptr},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(sec_receive_sec_context(c.st, c.svc, c.in, c.ctokenp, c.out), 4);
-        EXPECT_EQ(last_message(), MSG_2650_002);
-        EXPECT_NE(last_error_text().find("sec_receive_sec_context"), std::string::npos);
-        EXPECT_EQ(ctx, nullptr);
-    }
-    sec_svc_token_desc fake{};
-    fake.magic = SEC_SVC_TOKEN_MAGIC;
-    EXPECT_EQ(sec_receive_sec_context(&st_, &fake, in.get(), &ctx, out.get()), SEC_S_BAD_TOKEN);
-    EXPECT_EQ(last_message(), MSG_2650_003);
-    EXPECT_EQ(m_.calls(QVTEST_MPM_RECEIVE_SEC_CONTEXT), 0u);
-}
-
 TEST_F(ServerContext, GivenTokenThatIsNotAcceptableIsLeftAlone) {
     sec_ctx_token_desc fresh{};
     std::memcpy(&fresh.magic, "tnoc", 4);  // a context token that never exchanged anything

@@ -70,53 +70,6 @@ TEST_F(ClientIdentity, AllThreeFormsFromTheModule) {
     EXPECT_EQ(module_calls(), 3u);
 }
 
-TEST_F(ClientIdentity, ArgumentAndTokenChecks) {
-    qv_uint32_t junk[16] = {0x12345678};
-    sec_ctx_token_desc incomplete = token_, unauthenticated = token_, service_magic = token_;
-    incomplete.state = SEC_CTX_S_SERVER | SEC_CTX_S_AUTHENTICATED | SEC_CTX_S_IN_PROGRESS;
-    unauthenticated.state = SEC_CTX_S_COMPLETE | SEC_CTX_S_SERVER;
-    service_magic.magic = SEC_SVC_TOKEN_MAGIC;
-    struct Case {
-        const char *what;
-        bool st;
-        void *token;
-        bool only_mname;
-        qv_int32_t rc;
-        int msg;
-        const char *text;
-    } cases[] = {
-        {"no status", false, &token_, false, 4, MSG_2650_060, "sec_get_client_identity"},
-        {"no token", true, nullptr, false, 4, MSG_2650_002, "sec_get_client_identity"},
-        {"not a context token", true, junk, false, 5, MSG_2650_003, nullptr},
-        {"service magic", true, &service_magic, false, 5, MSG_2650_003, nullptr},
-        {"not complete", true, &incomplete, false, 5, MSG_2650_003, nullptr},
-        {"unauthenticated", true, &unauthenticated, false, 12, MSG_2650_010, nullptr},
-        {"unauthenticated, mapped name only", true, &unauthenticated, true, 12, MSG_2650_010, nullptr},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        sec_status_desc st;
-        std::memset(&st, 0x5a, sizeof st);
-        Outputs o;
-        EXPECT_EQ(sec_get_client_identity(c.st ? &st : nullptr, c.token, c.only_mname ? nullptr : &o.name, &o.mname,
-                                          c.only_mname ? nullptr : &o.id),
-                  c.rc);
-        EXPECT_EQ(last_message(), c.msg);
-        if (c.text != nullptr) {
-            EXPECT_NE(last_error_text().find(c.text), std::string::npos);
-        }
-        if (c.msg == MSG_2650_060) {
-            EXPECT_NE(last_error_text().find("Positional parameter number: 1"), std::string::npos);
-            EXPECT_EQ(o.name, kStale);  // nothing touched without a status record
-        } else {
-            EXPECT_EQ(st.maj_stat, 0u);
-            EXPECT_EQ(o.mname, nullptr);
-            if (!c.only_mname) o.expect_empty();
-        }
-    }
-    EXPECT_EQ(module_calls(), 0u);
-}
-
 TEST_F(ClientIdentity, ModuleFailuresUndoEveryOutput) {
     struct Case {
         const char *what;

@@ -164,13 +164,13 @@ TEST(MessageAuthToken, VerificationFailures) {
     Bytes token = prepare(key, msg);
 
     EXPECT_EQ(process(other, msg, token), SEC_S_MSG_VERIFY_FAILED);
-    EXPECT_EQ(last_error_text(), "2650-048 The key provided does not match the key used to sign the input message.");
+    EXPECT_EQ(last_message(), MSG_2650_048);
 
     for (size_t i : {size_t{0}, size_t{31}, size_t{63}}) {
         Bytes changed = msg;
         changed[i] ^= 0x01;
         EXPECT_EQ(process(key, changed, token), SEC_S_MSG_VERIFY_FAILED);
-        EXPECT_EQ(last_error_text(), "2650-049 The digest provided does not match the input message.");
+        EXPECT_EQ(last_message(), MSG_2650_049);
     }
     Bytes longer = msg;
     longer.push_back(0);
