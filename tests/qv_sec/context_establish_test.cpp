@@ -189,34 +189,6 @@ protected:
     }
 };
 
-TEST_F(Completing, AnswersThatDoNotFit) {
-    struct Case {
-        const char *what;
-        Bytes answer;
-        int rc;
-        int msg;
-    } cases[] = {
-        {"sequence", ccdb(kCodeA, 2, 0, text("x")), SEC_S_BAD_BUFFER, MSG_2650_005},
-        {"mechanism", ccdb(kCodeB, 1, 0, text("x")), SEC_S_BAD_MECHANISM, MSG_2650_006},
-        {"version", Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, SEC_S_BAD_VERSION, MSG_2650_007},
-        {"type", Bytes{0x86, 2} + be32(kCodeA) + Bytes{1, 0}, SEC_S_BAD_BUFFER, MSG_2650_005},
-        {"short", Bytes{0x82, 2} + be32(kCodeA) + Bytes{1}, SEC_S_BAD_BUFFER, MSG_2650_005},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        if (ctx_ == nullptr) {
-            m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1;
-            ASSERT_EQ(start(mech_list({kCodeA})), 1);
-        }
-        EXPECT_EQ(complete(c.answer), c.rc);
-        EXPECT_EQ(last_message(), c.msg);
-        EXPECT_EQ(ctx_, nullptr);
-        EXPECT_TRUE(out_.empty());
-        // The module context of the destroyed token was ended.
-        EXPECT_EQ(m_.live_handles(), handles0_ + 2);  // the two services' handles only
-    }
-}
-
 TEST_F(Completing, OlderVersionAnswerIsReadWithoutSequence) {
     // A version-1 answer has no sequence number and is not checked for one.
     m_.behaviour(QVTEST_MPM_COMPLETE_SEC_CONTEXT).continue_rounds = 1;
@@ -226,39 +198,122 @@ TEST_F(Completing, OlderVersionAnswerIsReadWithoutSequence) {
     EXPECT_EQ(seq_of(ctx_), 2u);
 }
 
-TEST_F(Completing, ProtocolFaultsOfTheModule) {
-    struct Case {
-        const char *what;
-        int continue_rounds;
-        int output_len;
-        uint8_t server_flags;
-        int msg;
-    } cases[] = {
-        {"continue without output", 1, 0, 0, MSG_2650_024},
-        {"server waits, no output", 0, -1, 1, MSG_2650_025},
+// ---- CCDBs either side refuses, and module faults ----
+
+// Scripts of the test module for the refusal rows.
+void none(qvtest::TestMpm &) {}
+void fails(qvtest::TestMpm &m, int routine, qv_uint32_t maj) {
+    m.behaviour(routine).maj_stat = maj;
+    m.behaviour(routine).min_stat = 9;
+}
+void continues_silently(qvtest::TestMpm &m, int routine) {
+    m.behaviour(routine).continue_rounds = 1;
+    m.behaviour(routine).output_len = 0;
+}
+void done_silently(qvtest::TestMpm &m, int routine) { m.behaviour(routine).output_len = 0; }
+
+enum Side { kComplete, kFirstReceive, kLaterReceive };
+
+struct Refusal {
+    const char *what;
+    Side side;
+    void (*script)(qvtest::TestMpm &);
+    Bytes in;
+    int rc;
+    int msg;                     // 0: a module failure, which records none
+    const char *desc = nullptr;  // the failing module routine
+};
+
+std::vector<Refusal> refusals() {
+    const Bytes v1 = Bytes{0x82, 1} + be32(kCodeA);
+    return {
+        // The client's first CCDB was sequence 1 of kCodeA; the answer must fit.
+        {"answer: sequence", kComplete, none, ccdb(kCodeA, 2, 0, text("x")), SEC_S_BAD_BUFFER, MSG_2650_005},
+        {"answer: mechanism", kComplete, none, ccdb(kCodeB, 1, 0, text("x")), SEC_S_BAD_MECHANISM, MSG_2650_006},
+        {"answer: version", kComplete, none, Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, SEC_S_BAD_VERSION,
+         MSG_2650_007},
+        {"answer: type", kComplete, none, Bytes{0x86, 2} + be32(kCodeA) + Bytes{1, 0}, SEC_S_BAD_BUFFER, MSG_2650_005},
+        {"answer: short", kComplete, none, Bytes{0x82, 2} + be32(kCodeA) + Bytes{1}, SEC_S_BAD_BUFFER, MSG_2650_005},
+        {"client module continues without output", kComplete,
+         [](qvtest::TestMpm &m) { continues_silently(m, QVTEST_MPM_COMPLETE_SEC_CONTEXT); },
+         ccdb(kCodeA, 1, 0, text("s")), SEC_S_BAD_MPM, MSG_2650_024},
+        {"server waits, client module sends nothing", kComplete, none, ccdb(kCodeA, 1, 1, text("s")), SEC_S_BAD_MPM,
+         MSG_2650_025},
+        {"client module fails", kComplete,
+         [](qvtest::TestMpm &m) { fails(m, QVTEST_MPM_COMPLETE_SEC_CONTEXT, 0x21); },
+         ccdb(kCodeA, 1, 0, text("s")), SEC_S_MPM_FAILURE, 0, "mpm_complete_sec_context"},
+        // The server's first CCDB.
+        {"first: sequence 2", kFirstReceive, none, ccdb(kCodeA, 2, 1, text("c")), SEC_S_BAD_BUFFER, MSG_2650_005},
+        {"first: version 1", kFirstReceive, none, v1 + text("c"), SEC_S_BAD_BUFFER, MSG_2650_005},
+        {"first: version 0", kFirstReceive, none, Bytes{0x82, 0} + be32(kCodeA), SEC_S_BAD_MECHANISM, MSG_2650_006},
+        {"first: version 3", kFirstReceive, none, Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, SEC_S_BAD_VERSION,
+         MSG_2650_007},
+        {"first: seven bytes", kFirstReceive, none, Bytes{0x82, 2} + be32(kCodeA) + Bytes{1}, SEC_S_BAD_BUFFER,
+         MSG_2650_005},
+        {"first: unknown code", kFirstReceive, none, ccdb(0x999, 1, 1, text("c")), SEC_S_BAD_MECHANISM, MSG_2650_006},
+        {"first: not a CCDB", kFirstReceive, none, Bytes{0x81, 1, 0, 0, 0, 1}, SEC_S_BAD_BUFFER, MSG_2650_005},
+        {"first: empty", kFirstReceive, none, Bytes{}, SEC_S_BAD_BUFFER, MSG_2650_005},
+        {"server module continues without output", kFirstReceive,
+         [](qvtest::TestMpm &m) { continues_silently(m, QVTEST_MPM_RECEIVE_SEC_CONTEXT); },
+         ccdb(kCodeA, 1, 1, text("c")), SEC_S_BAD_MPM, MSG_2650_024},
+        {"client waits, server module sends nothing", kFirstReceive,
+         [](qvtest::TestMpm &m) { done_silently(m, QVTEST_MPM_RECEIVE_SEC_CONTEXT); },
+         ccdb(kCodeA, 1, 1, text("c")), SEC_S_BAD_MPM, MSG_2650_025},
+        {"server module fails", kFirstReceive,
+         [](qvtest::TestMpm &m) { fails(m, QVTEST_MPM_RECEIVE_SEC_CONTEXT, 0x50); },
+         ccdb(kCodeA, 1, 1, text("c")), SEC_S_MPM_FAILURE, 0, "mpm_receive_sec_context"},
+        // The server's second CCDB, after a first of sequence 1.
+        {"later: other mechanism", kLaterReceive, none, ccdb(kCodeB, 2, 1, text("c")), SEC_S_BAD_MECHANISM,
+         MSG_2650_006},
+        {"later: same sequence again", kLaterReceive, none, ccdb(kCodeA, 1, 1, text("c")), SEC_S_BAD_BUFFER,
+         MSG_2650_005},
+        {"later: skipped sequence", kLaterReceive, none, ccdb(kCodeA, 3, 1, text("c")), SEC_S_BAD_BUFFER,
+         MSG_2650_005},
+        {"later: older version", kLaterReceive, none, v1 + text("c"), SEC_S_BAD_BUFFER, MSG_2650_005},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        if (ctx_ == nullptr) {
-            m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1;
-            ASSERT_EQ(start(mech_list({kCodeA})), 1);
-        }
-        m_.behaviour(QVTEST_MPM_COMPLETE_SEC_CONTEXT).continue_rounds = c.continue_rounds;
-        m_.behaviour(QVTEST_MPM_COMPLETE_SEC_CONTEXT).output_len = c.output_len;
-        unsigned long ends = m_.calls(QVTEST_MPM_END_CONTEXT);
-        EXPECT_EQ(complete(ccdb(kCodeA, 1, c.server_flags, text("s"))), SEC_S_BAD_MPM);
-        EXPECT_EQ(last_message(), c.msg);
-        EXPECT_EQ(ctx_, nullptr);
-        EXPECT_EQ(m_.calls(QVTEST_MPM_END_CONTEXT), ends + 1);
-    }
 }
 
-TEST_F(Completing, ModuleFailureIsPassedOn) {
-    m_.behaviour(QVTEST_MPM_COMPLETE_SEC_CONTEXT).maj_stat = 0x21;
-    EXPECT_EQ(complete(ccdb(kCodeA, 1, 0, text("s"))), SEC_S_MPM_FAILURE);
-    EXPECT_STREQ(st_.desc, "mpm_complete_sec_context");
-    EXPECT_EQ(st_.maj_stat, 0x21u);
-    EXPECT_EQ(ctx_, nullptr);
+class Refused : public ClientContext {
+protected:
+    int receive(const Bytes &c_ccdb) {
+        View in(c_ccdb);
+        out_.take();
+        return sec_receive_sec_context(&st_, server_svc_, in.get(), &ctx_, out_.get());
+    }
+};
+
+// Each refusal destroys the context, ends its module context, and sends
+// nothing; a module failure is passed on in the status record.
+TEST_F(Refused, EveryRowEndsTheContext) {
+    for (const Refusal &r : refusals()) {
+        SCOPED_TRACE(r.what);
+        m_.reset();
+        if (r.side == kComplete) {
+            m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1;
+            ASSERT_EQ(start(mech_list({kCodeA})), 1);
+        } else if (r.side == kLaterReceive) {
+            m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).continue_rounds = 1;
+            ASSERT_EQ(receive(ccdb(kCodeA, 1, 1, text("c"))), 1);
+            EXPECT_EQ(out_.bytes(), ccdb(kCodeA, 1, 1, text("qvtest-server-token")));
+        }
+        r.script(m_);
+        cu_set_no_error_1();
+        EXPECT_EQ(r.side == kComplete ? complete(r.in) : receive(r.in), r.rc);
+        if (r.msg != 0) {
+            EXPECT_EQ(last_message(), r.msg);
+        }
+        if (r.desc != nullptr) {
+            EXPECT_STREQ(st_.desc, r.desc);
+            EXPECT_EQ(st_.min_stat, 9u);
+            EXPECT_EQ(st_.mech_code, kCodeA);
+        }
+        EXPECT_EQ(ctx_, nullptr);
+        EXPECT_TRUE(out_.empty());
+        EXPECT_EQ(m_.live_handles(), handles0_ + 2);  // the two services' handles only
+        if (r.side == kFirstReceive && r.msg != 0 && r.rc != SEC_S_BAD_MPM) {
+            EXPECT_EQ(m_.calls(QVTEST_MPM_RECEIVE_SEC_CONTEXT), 0u);
+        }
+    }
 }
 
 // ---- Socket-prepared tokens ----
@@ -328,8 +383,6 @@ protected:
         EXPECT_EQ(sec_end_context(&st, ctx_, nullptr), 0);
         ContextFixture::TearDown();
     }
-    // The live module handles beyond the two services' own.
-    long context_handles() { return m_.live_handles() - handles0_ - 2; }
 
     sec_status_desc st_{};
     sec_token_t ctx_ = nullptr;
@@ -390,94 +443,10 @@ TEST_F(ServerContext, LoginAsServiceIsRepeatedForEveryServerContext) {
     EXPECT_EQ(ctx_, nullptr);
 }
 
-TEST_F(ServerContext, FirstCcdbsThatAreRefused) {
-    struct Case {
-        const char *what;
-        Bytes c;
-        int rc;
-        int msg;
-    } cases[] = {
-        {"sequence 2 first", ccdb(kCodeA, 2, 1, text("c")), SEC_S_BAD_BUFFER, MSG_2650_005},
-        {"version 1", Bytes{0x82, 1} + be32(kCodeA) + text("c"), SEC_S_BAD_BUFFER, MSG_2650_005},
-        {"version 0", Bytes{0x82, 0} + be32(kCodeA), SEC_S_BAD_MECHANISM, MSG_2650_006},
-        {"version 3", Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, SEC_S_BAD_VERSION, MSG_2650_007},
-        {"seven bytes", Bytes{0x82, 2} + be32(kCodeA) + Bytes{1}, SEC_S_BAD_BUFFER, MSG_2650_005},
-        {"unknown code", ccdb(0x999, 1, 1, text("c")), SEC_S_BAD_MECHANISM, MSG_2650_006},
-        {"not a CCDB", Bytes{0x81, 1, 0, 0, 0, 1}, SEC_S_BAD_BUFFER, MSG_2650_005},
-        {"empty", Bytes{}, SEC_S_BAD_BUFFER, MSG_2650_005},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(receive(c.c), c.rc);
-        EXPECT_EQ(last_message(), c.msg);
-        EXPECT_EQ(ctx_, nullptr);
-        EXPECT_TRUE(out_.empty());
-    }
-    EXPECT_EQ(m_.calls(QVTEST_MPM_RECEIVE_SEC_CONTEXT), 0u);
-}
-
-TEST_F(ServerContext, LaterCcdbsThatAreRefused) {
-    struct Case {
-        const char *what;
-        Bytes c;
-        int rc;
-        int msg;
-    } cases[] = {
-        {"other mechanism", ccdb(kCodeB, 2, 1, text("c")), SEC_S_BAD_MECHANISM, MSG_2650_006},
-        {"same sequence again", ccdb(kCodeA, 1, 1, text("c")), SEC_S_BAD_BUFFER, MSG_2650_005},
-        {"skipped sequence", ccdb(kCodeA, 3, 1, text("c")), SEC_S_BAD_BUFFER, MSG_2650_005},
-        {"older version", Bytes{0x82, 1} + be32(kCodeA) + text("c"), SEC_S_BAD_BUFFER, MSG_2650_005},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).continue_rounds = 1;
-        ASSERT_EQ(receive(ccdb(kCodeA, 1, 1, text("c"))), 1);
-        EXPECT_EQ(out_.bytes(), ccdb(kCodeA, 1, 1, text("qvtest-server-token")));
-        EXPECT_EQ(state_of(ctx_), SEC_CTX_S_SERVER | SEC_CTX_S_IN_PROGRESS | SEC_CTX_S_AUTHENTICATED);
-        EXPECT_EQ(context_handles(), 1);
-        EXPECT_EQ(receive(c.c), c.rc);
-        EXPECT_EQ(last_message(), c.msg);
-        EXPECT_EQ(ctx_, nullptr);
-        EXPECT_TRUE(out_.empty());
-        EXPECT_EQ(context_handles(), 0);  // the module context was ended with the token
-    }
-}
-
-TEST_F(ServerContext, ProtocolFaultsOfTheModule) {
-    struct Case {
-        const char *what;
-        int continue_rounds;
-        uint8_t client_flags;
-        int msg;
-    } cases[] = {
-        {"continue without output", 1, 1, MSG_2650_024},
-        {"client waits, no output", 0, 1, MSG_2650_025},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).continue_rounds = c.continue_rounds;
-        m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).output_len = 0;
-        unsigned long ends = m_.calls(QVTEST_MPM_END_CONTEXT);
-        EXPECT_EQ(receive(ccdb(kCodeA, 1, c.client_flags, text("c"))), SEC_S_BAD_MPM);
-        EXPECT_EQ(last_message(), c.msg);
-        EXPECT_EQ(ctx_, nullptr);
-        EXPECT_EQ(m_.calls(QVTEST_MPM_END_CONTEXT), ends + 1);
-    }
-    // Complete without output while the client is done: fine, nothing sent.
+TEST_F(ServerContext, CompleteWithoutOutputWhileTheClientIsDone) {
+    m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).output_len = 0;
     EXPECT_EQ(receive(ccdb(kCodeA, 1, 0, text("c"))), 0);
     EXPECT_TRUE(out_.empty());
-    EXPECT_EQ(state_of(ctx_), SEC_CTX_S_SERVER | SEC_CTX_S_COMPLETE | SEC_CTX_S_AUTHENTICATED);
-}
-
-TEST_F(ServerContext, ModuleFailureIsPassedOnAndTheTokenGoes) {
-    m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).maj_stat = 0x50;
-    m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).min_stat = 9;
-    EXPECT_EQ(receive(ccdb(kCodeA, 1, 1, text("c"))), SEC_S_MPM_FAILURE);
-    EXPECT_EQ(st_.maj_stat, 0x50u);
-    EXPECT_EQ(st_.min_stat, 9u);
-    EXPECT_EQ(st_.mech_code, kCodeA);
-    EXPECT_STREQ(st_.desc, "mpm_receive_sec_context");
-    EXPECT_EQ(ctx_, nullptr);
 }
 
 TEST_F(ServerContext, UnauthenticatedContextTakesNoMoreCcdbs) {
