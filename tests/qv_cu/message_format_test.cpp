@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include "cu_internal.h"
+#include "current_error.h"
 
 namespace {
 
@@ -22,18 +23,6 @@ __attribute__((format(printf, 1, 2))) std::string reference(const char *format, 
     vsnprintf(buf, sizeof buf, format, ap);
     va_end(ap);
     return buf;
-}
-
-// The thread's current message, rendered from its default text.
-std::string current_message() {
-    cu_error_t *err = nullptr;
-    EXPECT_EQ(cu_get_error_1(&err), 0);
-    char *msg = nullptr;
-    EXPECT_EQ(cu_get_errmsg_1(err, &msg), 0);
-    std::string s = msg ? msg : "<null>";
-    cu_rel_errmsg_1(msg);
-    cu_rel_error_1(err);
-    return s;
 }
 
 struct Case {
@@ -73,7 +62,7 @@ TEST(MessageFormat, MatchesPrintf) {
     };
     for (const Case &c : cases) {
         c.set();
-        EXPECT_EQ(current_message(), c.expected) << c.text;
+        EXPECT_EQ(qvtest::current_error().text, c.expected) << c.text;
     }
 }
 
@@ -101,17 +90,17 @@ TEST(MessageFormat, HandWrittenResults) {
     };
     for (const Case &c : cases) {
         c.set();
-        EXPECT_EQ(current_message(), c.expected) << c.text;
+        EXPECT_EQ(qvtest::current_error().text, c.expected) << c.text;
     }
 }
 
 TEST(MessageFormat, NullAndEmptyDefaultText) {
     cu_set_error_1(3, nullptr, nullptr, 1, 5, nullptr);
-    EXPECT_EQ(current_message(), "");
+    EXPECT_EQ(qvtest::current_error().text, "");
     cu_set_error_1(3, nullptr, nullptr, 1, 5, "");
-    EXPECT_EQ(current_message(), "");
+    EXPECT_EQ(qvtest::current_error().text, "");
     cu_set_no_error_1();
-    EXPECT_EQ(current_message(), "");
+    EXPECT_EQ(qvtest::current_error().text, "");
 }
 
 TEST(MessageFormat, ArgumentTypesFromDefaultText) {
