@@ -60,7 +60,7 @@ struct Row {
 const char *kPos1 = "Positional parameter number: 1";
 
 std::vector<Row> rows() {
-    sec_buffer_desc empty{0, nullptr};
+    sec_buffer_desc empty{0, kSvc};  // bytes, but none counted
     sec_buffer_desc no_bytes{3, nullptr};
     return {
         // sec_start_sec_context

@@ -228,7 +228,8 @@ std::vector<Refusal> refusals() {
     const Bytes v1 = Bytes{0x82, 1} + be32(kCodeA);
     return {
         // The client's first CCDB was sequence 1 of kCodeA; the answer must fit.
-        {"answer: sequence", kComplete, none, ccdb(kCodeA, 2, 0, text("x")), SEC_S_BAD_BUFFER, MSG_2650_005},
+        {"answer: sequence ahead", kComplete, none, ccdb(kCodeA, 2, 0, text("x")), SEC_S_BAD_BUFFER, MSG_2650_005},
+        {"answer: sequence behind", kComplete, none, ccdb(kCodeA, 0, 0, text("x")), SEC_S_BAD_BUFFER, MSG_2650_005},
         {"answer: mechanism", kComplete, none, ccdb(kCodeB, 1, 0, text("x")), SEC_S_BAD_MECHANISM, MSG_2650_006},
         {"answer: version", kComplete, none, Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, SEC_S_BAD_VERSION,
          MSG_2650_007},
