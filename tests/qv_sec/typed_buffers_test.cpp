@@ -23,13 +23,6 @@ struct Buf {
 
 sec_buffer_desc view(Bytes &v) { return {static_cast<qv_int32_t>(v.size()), v.empty() ? nullptr : v.data()}; }
 
-
-TEST(TypedBuffers, HeaderLengths) {
-    EXPECT_EQ(sec__buff_tv_len, 2);
-    EXPECT_EQ(sec__buff_tvm_len, 6);
-    EXPECT_EQ(sec__buff_tvms_len, 8);
-}
-
 TEST(TypedBuffers, WrapCcdb) {
     struct Case {
         const char *what;
