@@ -57,152 +57,95 @@ struct Row {
     const char *in_text = nullptr;  // a message argument the text must hold
 };
 
-const char *kPos1 = "Positional parameter number: 1";
+// One row: the routine, the situation, the return code and message number,
+// then the call's arguments (e is the row's Env).
+#define ROW(routine, situation, rc, msg, ...) \
+    Row { #routine, situation, []([[maybe_unused]] Env &e) { return routine(__VA_ARGS__); }, rc, msg }
+
+sec_buffer_desc g_empty{0, kSvc};  // bytes, but none counted
+sec_buffer_desc g_no_bytes{3, nullptr};
 
 std::vector<Row> rows() {
-    sec_buffer_desc empty{0, kSvc};  // bytes, but none counted
-    sec_buffer_desc no_bytes{3, nullptr};
     return {
         // sec_start_sec_context
-        {"sec_start_sec_context", "no status", [](Env &e) {
-             return sec_start_sec_context(nullptr, e.svc, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()); },
-         4, MSG_2650_060, "sec_start_sec_context"},
-        {"sec_start_sec_context", "no service token", [](Env &e) {
-             return sec_start_sec_context(e.status(), nullptr, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()); },
-         4, MSG_2650_002, "sec_start_sec_context"},
-        {"sec_start_sec_context", "no target name", [](Env &e) {
-             return sec_start_sec_context(e.status(), e.svc, e.list.get(), nullptr, kHost, 0, &e.made, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_start_sec_context", "no host", [](Env &e) {
-             return sec_start_sec_context(e.status(), e.svc, e.list.get(), kSvc, nullptr, 0, &e.made, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_start_sec_context", "no token pointer", [](Env &e) {
-             return sec_start_sec_context(e.status(), e.svc, e.list.get(), kSvc, kHost, 0, nullptr, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_start_sec_context", "no output", [](Env &e) {
-             return sec_start_sec_context(e.status(), e.svc, e.list.get(), kSvc, kHost, 0, &e.made, nullptr); },
-         4, MSG_2650_002},
-        // Found after the token is made: the token goes again.
-        {"sec_start_sec_context", "no list", [](Env &e) {
-             return sec_start_sec_context(e.status(), e.svc, nullptr, kSvc, kHost, 0, &e.made, e.out.get()); },
-         4, MSG_2650_002, "sec_start_sec_context"},
-        {"sec_start_sec_context", "not a service token", [](Env &e) {
-             return sec_start_sec_context(e.status(), e.junk, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()); },
-         5, MSG_2650_003},
-        {"sec_start_sec_context", "service not started", [](Env &e) {
-             return sec_start_sec_context(e.status(), &e.unstarted, e.list.get(), kSvc, kHost, 0, &e.made,
-                                          e.out.get()); },
-         5, MSG_2650_003},
+        ROW(sec_start_sec_context, "no status", 4, MSG_2650_060,
+            nullptr, e.svc, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()),
+        ROW(sec_start_sec_context, "no service token", 4, MSG_2650_002,
+            e.status(), nullptr, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()),
+        ROW(sec_start_sec_context, "no target name", 4, MSG_2650_002,
+            e.status(), e.svc, e.list.get(), nullptr, kHost, 0, &e.made, e.out.get()),
+        ROW(sec_start_sec_context, "no host", 4, MSG_2650_002,
+            e.status(), e.svc, e.list.get(), kSvc, nullptr, 0, &e.made, e.out.get()),
+        ROW(sec_start_sec_context, "no token pointer", 4, MSG_2650_002,
+            e.status(), e.svc, e.list.get(), kSvc, kHost, 0, nullptr, e.out.get()),
+        ROW(sec_start_sec_context, "no output", 4, MSG_2650_002,
+            e.status(), e.svc, e.list.get(), kSvc, kHost, 0, &e.made, nullptr),
+        ROW(sec_start_sec_context, "no list", 4, MSG_2650_002,
+            e.status(), e.svc, nullptr, kSvc, kHost, 0, &e.made, e.out.get()),
+        ROW(sec_start_sec_context, "not a service token", 5, MSG_2650_003,
+            e.status(), e.junk, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()),
+        ROW(sec_start_sec_context, "service not started", 5, MSG_2650_003,
+            e.status(), &e.unstarted, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()),
         // sec_complete_sec_context
-        {"sec_complete_sec_context", "no status", [](Env &e) {
-             return sec_complete_sec_context(nullptr, e.ccdb_in.get(), &e.pending, e.out.get()); },
-         4, MSG_2650_060, "sec_complete_sec_context"},
-        {"sec_complete_sec_context", "no answer", [](Env &e) {
-             return sec_complete_sec_context(e.status(), nullptr, &e.pending, e.out.get()); },
-         4, MSG_2650_002, "sec_complete_sec_context"},
-        {"sec_complete_sec_context", "empty answer", [empty](Env &e) mutable {
-             return sec_complete_sec_context(e.status(), &empty, &e.pending, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_complete_sec_context", "answer without bytes", [no_bytes](Env &e) mutable {
-             return sec_complete_sec_context(e.status(), &no_bytes, &e.pending, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_complete_sec_context", "no token pointer", [](Env &e) {
-             return sec_complete_sec_context(e.status(), e.ccdb_in.get(), nullptr, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_complete_sec_context", "no token", [](Env &e) {
-             return sec_complete_sec_context(e.status(), e.ccdb_in.get(), &e.made, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_complete_sec_context", "no output", [](Env &e) {
-             return sec_complete_sec_context(e.status(), e.ccdb_in.get(), &e.pending, nullptr); },
-         4, MSG_2650_002},
-        {"sec_complete_sec_context", "already complete", [](Env &e) {
-             return sec_complete_sec_context(e.status(), e.ccdb_in.get(), &e.client_done, e.out.get()); },
-         5, MSG_2650_003},
-        {"sec_complete_sec_context", "a server context", [](Env &e) {
-             return sec_complete_sec_context(e.status(), e.ccdb_in.get(), &e.server_done, e.out.get()); },
-         5, MSG_2650_003},
-        // sec_receive_sec_context takes the older message for every argument.
-        {"sec_receive_sec_context", "no status", [](Env &e) {
-             return sec_receive_sec_context(nullptr, e.server_svc, e.ccdb_in.get(), &e.made, e.out.get()); },
-         4, MSG_2650_002, "sec_receive_sec_context"},
-        {"sec_receive_sec_context", "no service token", [](Env &e) {
-             return sec_receive_sec_context(e.status(), nullptr, e.ccdb_in.get(), &e.made, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_receive_sec_context", "no input", [](Env &e) {
-             return sec_receive_sec_context(e.status(), e.server_svc, nullptr, &e.made, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_receive_sec_context", "no token pointer", [](Env &e) {
-             return sec_receive_sec_context(e.status(), e.server_svc, e.ccdb_in.get(), nullptr, e.out.get()); },
-         4, MSG_2650_002},
-        {"sec_receive_sec_context", "no output", [](Env &e) {
-             return sec_receive_sec_context(e.status(), e.server_svc, e.ccdb_in.get(), &e.made, nullptr); },
-         4, MSG_2650_002},
-        {"sec_receive_sec_context", "service not started", [](Env &e) {
-             return sec_receive_sec_context(e.status(), &e.unstarted, e.ccdb_in.get(), &e.made, e.out.get()); },
-         5, MSG_2650_003},
+        ROW(sec_complete_sec_context, "no status", 4, MSG_2650_060, nullptr, e.ccdb_in.get(), &e.pending, e.out.get()),
+        ROW(sec_complete_sec_context, "no answer", 4, MSG_2650_002, e.status(), nullptr, &e.pending, e.out.get()),
+        ROW(sec_complete_sec_context, "empty answer", 4, MSG_2650_002, e.status(), &g_empty, &e.pending, e.out.get()),
+        ROW(sec_complete_sec_context, "answer without bytes", 4, MSG_2650_002,
+            e.status(), &g_no_bytes, &e.pending, e.out.get()),
+        ROW(sec_complete_sec_context, "no token pointer", 4, MSG_2650_002,
+            e.status(), e.ccdb_in.get(), nullptr, e.out.get()),
+        ROW(sec_complete_sec_context, "no token", 4, MSG_2650_002, e.status(), e.ccdb_in.get(), &e.made, e.out.get()),
+        ROW(sec_complete_sec_context, "no output", 4, MSG_2650_002, e.status(), e.ccdb_in.get(), &e.pending, nullptr),
+        ROW(sec_complete_sec_context, "already complete", 5, MSG_2650_003,
+            e.status(), e.ccdb_in.get(), &e.client_done, e.out.get()),
+        ROW(sec_complete_sec_context, "a server context", 5, MSG_2650_003,
+            e.status(), e.ccdb_in.get(), &e.server_done, e.out.get()),
+        // sec_receive_sec_context
+        ROW(sec_receive_sec_context, "no status", 4, MSG_2650_002,
+            nullptr, e.server_svc, e.ccdb_in.get(), &e.made, e.out.get()),
+        ROW(sec_receive_sec_context, "no service token", 4, MSG_2650_002,
+            e.status(), nullptr, e.ccdb_in.get(), &e.made, e.out.get()),
+        ROW(sec_receive_sec_context, "no input", 4, MSG_2650_002,
+            e.status(), e.server_svc, nullptr, &e.made, e.out.get()),
+        ROW(sec_receive_sec_context, "no token pointer", 4, MSG_2650_002,
+            e.status(), e.server_svc, e.ccdb_in.get(), nullptr, e.out.get()),
+        ROW(sec_receive_sec_context, "no output", 4, MSG_2650_002,
+            e.status(), e.server_svc, e.ccdb_in.get(), &e.made, nullptr),
+        ROW(sec_receive_sec_context, "service not started", 5, MSG_2650_003,
+            e.status(), &e.unstarted, e.ccdb_in.get(), &e.made, e.out.get()),
         // sec_get_client_identity
-        {"sec_get_client_identity", "no status", [](Env &e) {
-             return sec_get_client_identity(nullptr, e.server_done, &e.name, &e.mname, &e.id); },
-         4, MSG_2650_060, kPos1},
-        {"sec_get_client_identity", "no token", [](Env &e) {
-             return sec_get_client_identity(e.status(), nullptr, &e.name, &e.mname, &e.id); },
-         4, MSG_2650_002, "sec_get_client_identity"},
-        {"sec_get_client_identity", "not a context token", [](Env &e) {
-             return sec_get_client_identity(e.status(), e.junk, &e.name, &e.mname, &e.id); },
-         5, MSG_2650_003},
-        {"sec_get_client_identity", "a service token", [](Env &e) {
-             return sec_get_client_identity(e.status(), e.server_svc, &e.name, &e.mname, &e.id); },
-         5, MSG_2650_003},
-        {"sec_get_client_identity", "not complete", [](Env &e) {
-             return sec_get_client_identity(e.status(), e.pending, &e.name, &e.mname, &e.id); },
-         5, MSG_2650_003},
-        {"sec_get_client_identity", "unauthenticated", [](Env &e) {
-             return sec_get_client_identity(e.status(), e.unauth_server, &e.name, &e.mname, &e.id); },
-         12, MSG_2650_010},
-        {"sec_get_client_identity", "unauthenticated, mapped name only", [](Env &e) {
-             return sec_get_client_identity(e.status(), e.unauth_server, nullptr, &e.mname, nullptr); },
-         12, MSG_2650_010},
+        ROW(sec_get_client_identity, "no status", 4, MSG_2650_060, nullptr, e.server_done, &e.name, &e.mname, &e.id),
+        ROW(sec_get_client_identity, "no token", 4, MSG_2650_002, e.status(), nullptr, &e.name, &e.mname, &e.id),
+        ROW(sec_get_client_identity, "not a context token", 5, MSG_2650_003,
+            e.status(), e.junk, &e.name, &e.mname, &e.id),
+        ROW(sec_get_client_identity, "a service token", 5, MSG_2650_003,
+            e.status(), e.server_svc, &e.name, &e.mname, &e.id),
+        ROW(sec_get_client_identity, "not complete", 5, MSG_2650_003, e.status(), e.pending, &e.name, &e.mname, &e.id),
+        ROW(sec_get_client_identity, "unauthenticated", 12, MSG_2650_010,
+            e.status(), e.unauth_server, &e.name, &e.mname, &e.id),
+        ROW(sec_get_client_identity, "unauthenticated, mapped name only", 12,
+            MSG_2650_010, e.status(), e.unauth_server, nullptr, &e.mname, nullptr),
         // sec_login_as_service
-        {"sec_login_as_service", "no status", [](Env &e) { return sec_login_as_service(nullptr, kSvc, e.svc); },
-         4, MSG_2650_002, "sec_login_as_service"},
-        {"sec_login_as_service", "no name", [](Env &e) { return sec_login_as_service(e.status(), nullptr, e.svc); },
-         4, MSG_2650_002},
-        {"sec_login_as_service", "empty name", [](Env &e) { return sec_login_as_service(e.status(), kEmpty, e.svc); },
-         4, MSG_2650_002},
-        {"sec_login_as_service", "no token", [](Env &e) { return sec_login_as_service(e.status(), kSvc, nullptr); },
-         4, MSG_2650_002},
-        {"sec_login_as_service", "not a service token",
-         [](Env &e) { return sec_login_as_service(e.status(), kSvc, e.junk); }, 5, MSG_2650_003},
-        {"sec_login_as_service", "a context token",
-         [](Env &e) { return sec_login_as_service(e.status(), kSvc, e.client_done); }, 5, MSG_2650_003},
-        {"sec_login_as_service", "service not started",
-         [](Env &e) { return sec_login_as_service(e.status(), kSvc, &e.unstarted); }, 5, MSG_2650_003},
+        ROW(sec_login_as_service, "no status", 4, MSG_2650_002, nullptr, kSvc, e.svc),
+        ROW(sec_login_as_service, "no name", 4, MSG_2650_002, e.status(), nullptr, e.svc),
+        ROW(sec_login_as_service, "empty name", 4, MSG_2650_002, e.status(), kEmpty, e.svc),
+        ROW(sec_login_as_service, "no token", 4, MSG_2650_002, e.status(), kSvc, nullptr),
+        ROW(sec_login_as_service, "not a service token", 5, MSG_2650_003, e.status(), kSvc, e.junk),
+        ROW(sec_login_as_service, "a context token", 5, MSG_2650_003, e.status(), kSvc, e.client_done),
+        ROW(sec_login_as_service, "service not started", 5, MSG_2650_003, e.status(), kSvc, &e.unstarted),
         // sec_renew_identity
-        {"sec_renew_identity", "no status", [](Env &e) { return sec_renew_identity(nullptr, 3600, e.svc); },
-         4, MSG_2650_002, "sec_renew_identity"},
-        {"sec_renew_identity", "no token", [](Env &e) { return sec_renew_identity(e.status(), 3600, nullptr); },
-         4, MSG_2650_002},
-        {"sec_renew_identity", "not a service token",
-         [](Env &e) { return sec_renew_identity(e.status(), 3600, e.junk); }, 5, MSG_2650_003},
+        ROW(sec_renew_identity, "no status", 4, MSG_2650_002, nullptr, 3600, e.svc),
+        ROW(sec_renew_identity, "no token", 4, MSG_2650_002, e.status(), 3600, nullptr),
+        ROW(sec_renew_identity, "not a service token", 5, MSG_2650_003, e.status(), 3600, e.junk),
         // sec_login_as_user
-        {"sec_login_as_user", "no status",
-         [](Env &e) { return sec_login_as_user(nullptr, e.svc, e.user_id.get(), nullptr, 0); },
-         4, MSG_2650_002, "sec_login_as_user"},
-        {"sec_login_as_user", "no token",
-         [](Env &e) { return sec_login_as_user(e.status(), nullptr, e.user_id.get(), nullptr, 0); },
-         4, MSG_2650_002},
-        {"sec_login_as_user", "no identity",
-         [](Env &e) { return sec_login_as_user(e.status(), e.svc, nullptr, nullptr, 0); },
-         4, MSG_2650_002, "sec_login_as_user"},
-        {"sec_login_as_user", "not a service token",
-         [](Env &e) { return sec_login_as_user(e.status(), e.junk, e.user_id.get(), nullptr, 0); },
-         5, MSG_2650_003},
-        {"sec_login_as_user", "service not started",
-         [](Env &e) { return sec_login_as_user(e.status(), &e.unstarted, e.user_id.get(), nullptr, 0); },
-         5, MSG_2650_003},
+        ROW(sec_login_as_user, "no status", 4, MSG_2650_002, nullptr, e.svc, e.user_id.get(), nullptr, 0),
+        ROW(sec_login_as_user, "no token", 4, MSG_2650_002, e.status(), nullptr, e.user_id.get(), nullptr, 0),
+        ROW(sec_login_as_user, "no identity", 4, MSG_2650_002, e.status(), e.svc, nullptr, nullptr, 0),
+        ROW(sec_login_as_user, "not a service token", 5, MSG_2650_003, e.status(), e.junk, e.user_id.get(), nullptr, 0),
+        ROW(sec_login_as_user, "service not started", 5, MSG_2650_003,
+            e.status(), &e.unstarted, e.user_id.get(), nullptr, 0),
         // sec_generate_key
-        {"sec_generate_key", "no key", [](Env &) { return sec_generate_key(nullptr); },
-         4, MSG_2650_002, "sec_generate_key"},
+        ROW(sec_generate_key, "no key", 4, MSG_2650_002, nullptr),
     };
 }
 
@@ -218,10 +161,10 @@ std::vector<Row> group_rows() {
                    MSG_2650_060, pos};
     };
     return {
-        row("no name", nullptr, &count, &groups, kPos1),
-        row("name without bytes", &no_value, &count, &groups, kPos1),
-        row("negative length", &negative, &count, &groups, kPos1),
-        row("empty name", &empty, &count, &groups, kPos1),
+        row("no name", nullptr, &count, &groups, "Positional parameter number: 1"),
+        row("name without bytes", &no_value, &count, &groups, "Positional parameter number: 1"),
+        row("negative length", &negative, &count, &groups, "Positional parameter number: 1"),
+        row("empty name", &empty, &count, &groups, "Positional parameter number: 1"),
         row("no count", &good, nullptr, &groups, "Positional parameter number: 2"),
         row("no groups", &good, &count, nullptr, "Positional parameter number: 3"),
     };
@@ -276,6 +219,10 @@ protected:
         qvtest::CurrentError err = qvtest::current_error();
         EXPECT_NE(err.id, 0);
         EXPECT_EQ(err.msg_num, r.msg);
+        // The argument messages name the routine, and some the position.
+        if (r.msg == MSG_2650_002 || r.msg == MSG_2650_060) {
+            EXPECT_NE(err.text.find(r.routine), std::string::npos) << err.text;
+        }
         if (r.in_text != nullptr) {
             EXPECT_NE(err.text.find(r.in_text), std::string::npos) << err.text;
         }
