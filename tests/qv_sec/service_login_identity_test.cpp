@@ -65,10 +65,6 @@ TEST_F(ServiceLogin, LogsInToEveryModuleStartingEach) {
     sec_svc_token_t svc = start();
     sec_status_desc st{};
     ASSERT_EQ(sec_login_as_service(&st, kService, svc), 0);
-    EXPECT_EQ(svc->state, 0x5u);
-    ASSERT_NE(svc->svc_name, nullptr);
-    EXPECT_STREQ(svc->svc_name, "qvsvc");
-    EXPECT_NE(svc->svc_name, kService);  // a copy
     for (qv_uint32_t code : {kCode1, kCode2}) {
         TestMpm &m = code == kCode1 ? m1_ : m2_;
         SCOPED_TRACE(code);
@@ -133,7 +129,6 @@ TEST_F(ServiceLogin, FirstFailureIsKeptAcrossModules) {
         if (c.desc == std::string("mpm_login_as_service")) {
             EXPECT_EQ(st.min_stat, 0x71u);
         }
-        EXPECT_EQ(svc->state, 0x5u);  // requested, whatever the outcome
         ASSERT_NE(mdata(kCode1), nullptr);
         ASSERT_NE(mdata(kCode2), nullptr);
         EXPECT_EQ(mdata(kCode1)->state, c.bits1);
