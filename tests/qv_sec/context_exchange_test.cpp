@@ -276,19 +276,6 @@ protected:
     }
 };
 
-TEST_F(Unauthenticated, EmptySharedListOnBothSides) {
-    Exchange &ex = establish(mech_list({}));
-    EXPECT_EQ(ex.client_rc, SEC_S_UNAUTHENTICATED);
-    EXPECT_EQ(ex.wire, std::vector<Bytes>{kUnauthCcdb});
-    EXPECT_EQ(ex.server_rc, 0);
-    EXPECT_EQ(state_of(ex.client_ctx), SEC_CTX_S_CLIENT | SEC_CTX_S_COMPLETE);
-    EXPECT_EQ(state_of(ex.server_ctx), SEC_CTX_S_SERVER | SEC_CTX_S_COMPLETE);
-    EXPECT_EQ(seq_of(ex.server_ctx), 1u);
-    EXPECT_EQ(m_.calls(QVTEST_MPM_START_SEC_CONTEXT) + m_.calls(QVTEST_MPM_RECEIVE_SEC_CONTEXT), 0u);
-    expect_unauthenticated_answers(ex.client_ctx);
-    expect_unauthenticated_answers(ex.server_ctx);
-}
-
 TEST_F(Unauthenticated, ClientMessageSaysItInitiatedIt) {
     establish(mech_list({}));
     // The informational message of the return code 2, recorded by the client.
@@ -305,106 +292,111 @@ TEST_F(Unauthenticated, ClientMessageSaysItInitiatedIt) {
     EXPECT_TRUE(out.empty());
 }
 
-TEST_F(Unauthenticated, ImposedMechanismsDecideOnTheClient) {
-    struct Case {
-        const char *imposed;
-        int rc;
-    } cases[] = {{"qvtest", SEC_S_BAD_MECHANISM}, {"qvtest none", SEC_S_UNAUTHENTICATED}, {"", SEC_S_UNAUTHENTICATED}};
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.imposed);
-        setenv("QV_SEC_IMP_MECHS", c.imposed, 1);
+// Who asks for an unauthenticated context and who may refuse it. A client
+// that ends unauthenticated (and a server that does) answers as such; a
+// side that refuses keeps no context; the module contexts of abandoned
+// attempts are ended at once.
+struct Scenario {
+    const char *what;
+    const char *imposed;  // the client's QV_SEC_IMP_MECHS; nullptr: unset
+    std::vector<qv_uint32_t> list;
+    void (*script)(qvtest::TestMpm &a, qvtest::TestMpm &b);
+    int client_rc, server_rc;  // server_rc -1: nothing reached the server
+    std::vector<Bytes> wire;
+    int msg;                   // the last message; 0: not checked
+    int ends;                  // mpm_end_context calls of A before the contexts end; -1: not checked
+    bool server_unauth;        // the server's context is unauthenticated
+};
+
+void nothing(qvtest::TestMpm &, qvtest::TestMpm &) {}
+void client_waits(qvtest::TestMpm &a) { a.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1; }
+void server_asks(qvtest::TestMpm &a) { a.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED; }
+
+std::vector<Scenario> scenarios() {
+    const Bytes waiting = ccdb(kCodeA, 1, 1, text("qvtest-client-token"));
+    const Bytes U = kUnauthCcdb;
+    constexpr int kUnauth = SEC_S_UNAUTHENTICATED, kRefused = SEC_S_BAD_MECHANISM;
+    return {
+        {"empty shared list", nullptr, {}, nothing, kUnauth, 0, {U}, 0, 0, true},
+        {"imposed without none", "qvtest", {}, nothing, kRefused, -1, {}, MSG_2650_086, 0, false},
+        {"imposed with none", "qvtest none", {}, nothing, kUnauth, 0, {U}, 0, 0, true},
+        {"imposed empty", "", {}, nothing, kUnauth, 0, {U}, 0, 0, true},
+        {"client module asks", nullptr, {kCodeA},
+         [](qvtest::TestMpm &a, qvtest::TestMpm &) {
+             a.behaviour(QVTEST_MPM_START_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
+         },
+         kUnauth, 0, {U}, 0, 1, true},
+        // A, which would accept, is tried after B asked; its context goes.
+        {"a later module is left unused", nullptr, {kCodeB, kCodeA},
+         [](qvtest::TestMpm &, qvtest::TestMpm &b) {
+             b.behaviour(QVTEST_MPM_START_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
+         },
+         kUnauth, 0, {U}, 0, 1, true},
+        {"client module asks, imposed refuse", "qvtest qvtest2", {kCodeB, kCodeA},
+         [](qvtest::TestMpm &, qvtest::TestMpm &b) {
+             b.behaviour(QVTEST_MPM_START_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
+         },
+         kRefused, -1, {}, MSG_2650_086, -1, false},
+        {"server forces a waiting client", nullptr, {kCodeA},
+         [](qvtest::TestMpm &a, qvtest::TestMpm &) {
+             client_waits(a);
+             server_asks(a);
+         },
+         kUnauth, 0, {waiting, U}, MSG_SERVER_FORCES_UNAUTH, 1, true},
+        {"server module asks, client done", nullptr, {kCodeA},
+         [](qvtest::TestMpm &a, qvtest::TestMpm &) { server_asks(a); },
+         0, 0, {ccdb(kCodeA, 1, 0, text("qvtest-client-token"))}, 0, -1, true},
+        {"forced client, imposed refuse", "qvtest", {kCodeA},
+         [](qvtest::TestMpm &a, qvtest::TestMpm &) {
+             client_waits(a);
+             server_asks(a);
+         },
+         kRefused, 0, {waiting, U}, MSG_2650_086, -1, true},
+        {"server module asks after the first round", nullptr, {kCodeA},
+         [](qvtest::TestMpm &a, qvtest::TestMpm &) {
+             client_waits(a);
+             a.behaviour(QVTEST_MPM_COMPLETE_SEC_CONTEXT).continue_rounds = 2;
+             a.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).continue_rounds = 1;
+             server_asks(a);
+         },
+         1, SEC_S_BAD_MPM,
+         {waiting, ccdb(kCodeA, 1, 1, text("qvtest-server-token")), ccdb(kCodeA, 2, 1, text("qvtest-client-more"))},
+         MSG_2650_029, -1, false},
+    };
+}
+
+TEST_F(Unauthenticated, WhoAsksAndWhoRefuses) {
+    for (const Scenario &c : scenarios()) {
+        SCOPED_TRACE(c.what);
+        m_.reset();
+        m2_.reset();
         ex_ = Exchange{};
-        Exchange &ex = establish(mech_list({}));
-        EXPECT_EQ(ex.client_rc, c.rc);
-        if (c.rc == SEC_S_BAD_MECHANISM) {
-            EXPECT_EQ(last_message(), MSG_2650_086);
+        c.script(m_, m2_);
+        if (c.imposed) setenv("QV_SEC_IMP_MECHS", c.imposed, 1);
+        Exchange &ex = establish(mech_list(c.list));
+        unsetenv("QV_SEC_IMP_MECHS");
+        EXPECT_EQ(ex.client_rc, c.client_rc);
+        EXPECT_EQ(ex.server_rc, c.server_rc);
+        EXPECT_EQ(ex.wire, c.wire);
+        if (c.msg != 0) {
+            EXPECT_EQ(last_message(), c.msg);
+        }
+        if (c.ends >= 0) {
+            EXPECT_EQ(m_.calls(QVTEST_MPM_END_CONTEXT), static_cast<unsigned long>(c.ends));
+        }
+        if (c.client_rc == SEC_S_UNAUTHENTICATED) {
+            EXPECT_EQ(ex.client_st.maj_stat, 0u);  // an abandoned attempt's failure is not the caller's
+            expect_unauthenticated_answers(ex.client_ctx);
+        }
+        if (c.client_rc > SEC_S_UNAUTHENTICATED) {
             EXPECT_EQ(ex.client_ctx, nullptr);
-            EXPECT_TRUE(ex.wire.empty());
+        }
+        if (c.server_unauth) expect_unauthenticated_answers(ex.server_ctx);
+        if (c.server_rc > SEC_S_UNAUTHENTICATED) {
+            EXPECT_EQ(ex.server_ctx, nullptr);
         }
         end_contexts();
     }
-}
-
-TEST_F(Unauthenticated, ClientModuleAsksForIt) {
-    m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
-    Exchange &ex = establish(mech_list({kCodeA}));
-    EXPECT_EQ(ex.client_rc, SEC_S_UNAUTHENTICATED);
-    EXPECT_EQ(ex.wire, std::vector<Bytes>{kUnauthCcdb});
-    EXPECT_EQ(ex.server_rc, 0);
-    EXPECT_EQ(state_of(ex.client_ctx), SEC_CTX_S_CLIENT | SEC_CTX_S_COMPLETE);
-    // The failed attempt was ended; the captured failure is not the caller's.
-    EXPECT_EQ(m_.calls(QVTEST_MPM_END_CONTEXT), 1u);
-    EXPECT_EQ(ex.client_st.maj_stat, 0u);
-}
-
-TEST_F(Unauthenticated, ALaterModuleThatAcceptsIsLeftUnused) {
-    m2_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
-    Exchange &ex = establish(mech_list({kCodeB, kCodeA}));
-    EXPECT_EQ(ex.client_rc, SEC_S_UNAUTHENTICATED);
-    EXPECT_EQ(ex.wire, std::vector<Bytes>{kUnauthCcdb});
-    EXPECT_EQ(m_.calls(QVTEST_MPM_START_SEC_CONTEXT), 1u);
-    // The accepting module's context and output went back to it at once.
-    EXPECT_EQ(m_.calls(QVTEST_MPM_END_CONTEXT), 1u);
-    EXPECT_EQ(m_.calls(QVTEST_MPM_RELEASE_BUFFER), 1u);
-    EXPECT_EQ(state_of(ex.client_ctx), SEC_CTX_S_CLIENT | SEC_CTX_S_COMPLETE);
-}
-
-TEST_F(Unauthenticated, ClientModuleRequestRefusedByImposedMechanisms) {
-    setenv("QV_SEC_IMP_MECHS", "qvtest qvtest2", 1);
-    m2_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
-    Exchange &ex = establish(mech_list({kCodeB, kCodeA}));
-    EXPECT_EQ(ex.client_rc, SEC_S_BAD_MECHANISM);
-    EXPECT_EQ(last_message(), MSG_2650_086);
-    EXPECT_EQ(ex.client_ctx, nullptr);
-}
-
-TEST_F(Unauthenticated, ServerForcesItOnAWaitingClient) {
-    m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1;  // the client waits: flag 0x01
-    m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
-    Exchange &ex = establish(mech_list({kCodeA}));
-    EXPECT_EQ(ex.server_rc, 0);
-    ASSERT_EQ(ex.wire.size(), 2u);
-    EXPECT_EQ(ex.wire[0], ccdb(kCodeA, 1, 1, text("qvtest-client-token")));
-    EXPECT_EQ(ex.wire[1], kUnauthCcdb);
-    EXPECT_EQ(state_of(ex.server_ctx), SEC_CTX_S_SERVER | SEC_CTX_S_IN_PROGRESS | SEC_CTX_S_COMPLETE);
-    EXPECT_EQ(ex.client_rc, SEC_S_UNAUTHENTICATED);
-    EXPECT_EQ(last_message(), MSG_SERVER_FORCES_UNAUTH);
-    EXPECT_EQ(state_of(ex.client_ctx), SEC_CTX_S_CLIENT | SEC_CTX_S_COMPLETE);
-    // The client's module context was ended when the server forced it.
-    EXPECT_EQ(m_.calls(QVTEST_MPM_END_CONTEXT), 1u);
-    expect_unauthenticated_answers(ex.client_ctx);
-    expect_unauthenticated_answers(ex.server_ctx);
-}
-
-TEST_F(Unauthenticated, ServerModuleAsksButTheClientIsDone) {
-    m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
-    Exchange &ex = establish(mech_list({kCodeA}));
-    EXPECT_EQ(ex.client_rc, 0);
-    EXPECT_EQ(ex.server_rc, 0);
-    EXPECT_EQ(ex.wire.size(), 1u);  // nothing is sent back
-    EXPECT_EQ(state_of(ex.server_ctx) & SEC_CTX_S_AUTHENTICATED, 0u);
-}
-
-TEST_F(Unauthenticated, ForcedClientRefusesWhenImposedMechanismsLackNone) {
-    m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1;
-    m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
-    setenv("QV_SEC_IMP_MECHS", "qvtest", 1);  // read by the client's start only: the server started before
-    Exchange &ex = establish(mech_list({kCodeA}));
-    EXPECT_EQ(ex.server_rc, 0);
-    EXPECT_EQ(ex.client_rc, SEC_S_BAD_MECHANISM);
-    EXPECT_EQ(last_message(), MSG_2650_086);
-    EXPECT_EQ(ex.client_ctx, nullptr);
-}
-
-TEST_F(Unauthenticated, ServerModuleMayNotAskAfterTheFirstRound) {
-    script_rounds(m_, 3);
-    m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).continue_rounds = 1;
-    m_.behaviour(QVTEST_MPM_RECEIVE_SEC_CONTEXT).maj_stat = SEC_S_UNAUTHENTICATED;
-    Exchange &ex = establish(mech_list({kCodeA}));
-    EXPECT_EQ(ex.server_rc, SEC_S_BAD_MPM);
-    EXPECT_EQ(last_message(), MSG_2650_029);
-    EXPECT_EQ(ex.server_ctx, nullptr);
-    EXPECT_EQ(ex.client_rc, 1);
 }
 
 // The server's service token takes its refusal from the server's own
