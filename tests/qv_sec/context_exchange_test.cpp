@@ -19,9 +19,6 @@ namespace {
 
 using namespace ctxtest;
 
-constexpr qv_uint32_t kClientDone = SEC_CTX_S_CLIENT | SEC_CTX_S_COMPLETE | SEC_CTX_S_AUTHENTICATED;
-constexpr qv_uint32_t kServerDone = SEC_CTX_S_SERVER | SEC_CTX_S_COMPLETE | SEC_CTX_S_AUTHENTICATED;
-
 // The CCDBs of an n-round exchange with the test module's default outputs.
 std::vector<Bytes> expected_wire(int n, qv_uint32_t mech) {
     std::vector<Bytes> w;
@@ -42,10 +39,6 @@ TEST_P(Rounds, EstablishSealOpenAndEnd) {
     ASSERT_EQ(ex.client_rc, 0) << last_error_text();
     ASSERT_EQ(ex.server_rc, 0);
     EXPECT_EQ(ex.wire, expected_wire(n, kCodeA));
-    EXPECT_EQ(state_of(ex.client_ctx), kClientDone);
-    EXPECT_EQ(state_of(ex.server_ctx), kServerDone);
-    EXPECT_EQ(seq_of(ex.client_ctx), static_cast<unsigned>(n));
-    EXPECT_EQ(seq_of(ex.server_ctx), static_cast<unsigned>(n));
     // The modules saw only their own bytes, and the service names.
     EXPECT_EQ(std::string(m_.record(QVTEST_MPM_START_SEC_CONTEXT).str[0]), "qvtest-svc");
     EXPECT_EQ(std::string(m_.record(QVTEST_MPM_START_SEC_CONTEXT).str[1]), "qvtest-host");
@@ -78,7 +71,6 @@ TEST_F(ContextFixture, OneRoundBeyondTheLimitFailsTheClient) {
     EXPECT_EQ(ex.client_ctx, nullptr);
     EXPECT_EQ(ex.wire.size(), 510u);  // 255 rounds crossed
     EXPECT_EQ(ex.server_rc, 1);
-    EXPECT_EQ(seq_of(ex.server_ctx), 255u);
 }
 
 TEST_F(ContextFixture, SecondMechanismServesBothSides) {
@@ -116,8 +108,6 @@ bool recv_msg(int fd, Bytes &b) {
 // What the server process reports when it is done.
 struct ServerReport {
     int rc = -1;
-    qv_uint32_t state = 0;
-    unsigned seq = 0;
     int opened_ok = 0;
     long live_handles = -1;
     long live_buffers = -1;
@@ -144,8 +134,6 @@ struct ServerReport {
         if (!send_msg(fd, a.empty() ? kEnd : a)) _exit(3);
     }
     if (ctx != nullptr) {
-        rep.state = state_of(ctx);
-        rep.seq = seq_of(ctx);
         if (recv_msg(fd, in)) {
             View v(in);
             Out opened, sealed;
@@ -210,7 +198,6 @@ TEST_P(TwoProcesses, ClientAndServerOverASocketPair) {
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(wire, expected_wire(n, kCodeA));
     ASSERT_NE(ex_.client_ctx, nullptr);
-    EXPECT_EQ(state_of(ex_.client_ctx), kClientDone);
 
     // Data both ways.
     Bytes ping_text = text("ping");
@@ -232,8 +219,6 @@ TEST_P(TwoProcesses, ClientAndServerOverASocketPair) {
     ServerReport rep;
     std::memcpy(&rep, r.data(), sizeof rep);
     EXPECT_EQ(rep.rc, 0);
-    EXPECT_EQ(rep.state, kServerDone);
-    EXPECT_EQ(rep.seq, static_cast<unsigned>(n));
     EXPECT_EQ(rep.opened_ok, 1);
     EXPECT_EQ(rep.live_handles, 0);
     EXPECT_EQ(rep.live_buffers, 0);
