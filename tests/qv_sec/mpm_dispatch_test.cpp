@@ -33,7 +33,7 @@ struct Args {
     qv_int32_t i32 = 256;
     qv_uint32_t u32 = 0;
     char name[256] = {};
-    struct iovec iov[1] = {{const_cast<char *>("data"), 4}};
+    struct iovec iov[2] = {{const_cast<char *>("da"), 2}, {const_cast<char *>("ta"), 2}};
 };
 
 struct Case {
@@ -114,11 +114,11 @@ std::vector<Case> cases() {
          [](auto e, auto st, Args &a) { return sec__mpm_create_id_context(e, st, 1, a.token, &a.slot); },
          [](Args &a) { return std::vector<uintptr_t>{1, u(a.token), u(&a.slot)}; }, false, {}},
         {QVTEST_MPM_SIGN_DATA_V, "mpm_sign_data_v",
-         [](auto e, auto st, Args &a) { return sec__mpm_sign_data_v(e, st, a.token, 1, a.iov, &a.out); },
-         [](Args &a) { return std::vector<uintptr_t>{u(a.token), 1, u(a.iov), u(&a.out)}; }, false, {24}},
+         [](auto e, auto st, Args &a) { return sec__mpm_sign_data_v(e, st, a.token, 2, a.iov, &a.out); },
+         [](Args &a) { return std::vector<uintptr_t>{u(a.token), 2, u(a.iov), u(&a.out)}; }, false, {24}},
         {QVTEST_MPM_VERIFY_DATA_V, "mpm_verify_data_v",
-         [](auto e, auto st, Args &a) { return sec__mpm_verify_data_v(e, st, a.token, &a.in, 1, a.iov); },
-         [](Args &a) { return std::vector<uintptr_t>{u(a.token), u(&a.in), 1, u(a.iov)}; }, false, {24, 34}},
+         [](auto e, auto st, Args &a) { return sec__mpm_verify_data_v(e, st, a.token, &a.in, 2, a.iov); },
+         [](Args &a) { return std::vector<uintptr_t>{u(a.token), u(&a.in), 2, u(a.iov)}; }, false, {24, 34}},
         {QVTEST_MPM_GET_CTX_MPM, "mpm_get_ctx_mpm",
          [](auto e, auto st, Args &a) { return sec__mpm_get_ctx_mpm(e, st, a.token, a.name); },
          [](Args &a) { return std::vector<uintptr_t>{u(a.token), u(a.name)}; }, false, {}},
