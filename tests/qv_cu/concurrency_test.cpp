@@ -10,20 +10,11 @@
 #include <thread>
 #include <vector>
 
+#include "current_error.h"
 #include "qv_cu.h"
 #include "test_support.h"
 
 namespace {
-
-std::string thread_message() {
-    cu_error_t *e = nullptr;
-    if (cu_get_error_1(&e) != 0) return "<no record>";
-    char *msg = nullptr;
-    std::string s = cu_get_errmsg_1(e, &msg) == 0 ? msg : "<no message>";
-    cu_rel_errmsg_1(msg);
-    cu_rel_error_1(e);
-    return s;
-}
 
 TEST(Concurrency, EachThreadKeepsItsOwnRecord) {
     constexpr int kThreads = 4;
@@ -37,14 +28,14 @@ TEST(Concurrency, EachThreadKeepsItsOwnRecord) {
             ++set_count;
             // Every thread has set its record before any reads its own back.
             qvtest::wait_until([&] { return set_count.load() == kThreads; });
-            seen[size_t(t)] = thread_message();
+            seen[size_t(t)] = qvtest::current_error().text;
         });
     }
     for (auto &th : threads) th.join();
     for (int t = 0; t < kThreads; ++t)
         EXPECT_EQ(seen[size_t(t)], "thread-" + std::to_string(t) + ": " + std::to_string(t));
     // The main thread's record was never touched.
-    EXPECT_EQ(thread_message(), "");
+    EXPECT_EQ(qvtest::current_error().text, "");
 }
 
 TEST(Concurrency, ExitingThreadsFreeTheirRecords) {

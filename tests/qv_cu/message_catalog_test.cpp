@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <string>
 
+#include "current_error.h"
 #include "qv_cu.h"
 #include "test_support.h"
 
@@ -25,14 +26,7 @@ bool build_catalogue(const qvtest::TempDir &dir, const std::string &out, const s
 std::string render(const char *catalogue, int set, int number, const char *default_text, int n,
                    const char *s) {
     cu_set_error_1(4, nullptr, catalogue, set, number, default_text, n, s);
-    cu_error_t *err = nullptr;
-    EXPECT_EQ(cu_get_error_1(&err), 0);
-    char *msg = nullptr;
-    EXPECT_EQ(cu_get_errmsg_1(err, &msg), 0);
-    std::string text = msg ? msg : "<null>";
-    cu_rel_errmsg_1(msg);
-    cu_rel_error_1(err);
-    return text;
+    return qvtest::current_error().text;
 }
 
 const char *kSource =

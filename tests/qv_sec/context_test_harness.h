@@ -15,6 +15,7 @@
 #include "messages.h"
 #include "mpm_test_fixture.h"
 #include "qv_sec.h"
+#include "sec_buffer.h"
 
 namespace ctxtest {
 
@@ -48,40 +49,8 @@ inline Bytes mech_list(const std::vector<qv_uint32_t> &codes, uint8_t version = 
     return b;
 }
 
-// Bytes given to the library as an input buffer (a copy, so a temporary
-// will do).
-struct View {
-    explicit View(Bytes b)
-        : bytes(std::move(b)), d{static_cast<qv_int32_t>(bytes.size()), bytes.empty() ? nullptr : bytes.data()} {}
-    View(const View &) = delete;
-    View &operator=(const View &) = delete;
-    sec_buffer_t get() { return &d; }
-    Bytes bytes;
-    sec_buffer_desc d;
-};
-
-// A buffer the library hands out, freed at the end of the scope.
-struct Out {
-    Out() = default;
-    ~Out() { free(d.value); }
-    Out(const Out &) = delete;
-    Out &operator=(const Out &) = delete;
-    sec_buffer_t get() { return &d; }
-    Bytes bytes() const {
-        if (d.value == nullptr || d.length <= 0) return {};
-        auto *p = static_cast<const uint8_t *>(d.value);
-        return Bytes(p, p + d.length);
-    }
-    bool empty() const { return d.length == 0 && d.value == nullptr; }
-    // Takes the bytes and frees the buffer.
-    Bytes take() {
-        Bytes b = bytes();
-        free(d.value);
-        d = sec_buffer_desc{0, nullptr};
-        return b;
-    }
-    sec_buffer_desc d{0, nullptr};
-};
+using View = qvtest::BufferView;
+using Out = qvtest::SecBuffer;
 
 inline qv_uint32_t state_of(sec_token_t t) { return static_cast<sec_ctx_token_t>(t)->state; }
 inline unsigned seq_of(sec_token_t t) { return static_cast<sec_ctx_token_t>(t)->seq_no; }

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <thread>
 
+#include "current_error.h"
 #include "errors.h"
 #include "library_init.h"
 
@@ -17,14 +18,6 @@ sec_status_desc status_of(qv_uint32_t maj, qv_uint32_t code, const char *routine
     return st;
 }
 
-int thread_error_id() {
-    cu_error_t *e = nullptr;
-    cu_get_error_1(&e);
-    int id = e->cu_error_id;
-    cu_rel_error_1(e);
-    return id;
-}
-
 class ErrorCapture : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -35,65 +28,6 @@ protected:
         cu_set_no_error_1();
     }
 };
-
-// Two modules fail in turn (22, then 3): the first failure is the one given
-// back, with its status record and its error record.
-TEST_F(ErrorCapture, FirstFailureOfASeriesIsKept) {
-    sec_status_desc st{};
-    sec__error_clear(&st);
-
-    sec_report(22, MSG_2650_020);
-    st = status_of(0, 0, "");
-    EXPECT_EQ(sec__error_capture(22, &st), 0);
-
-    cu_set_no_error_1();
-    st = status_of(7, 2, "mpm_start_sec_context");
-    EXPECT_EQ(sec__error_capture(3, &st), 0);
-
-    qv_int32_t rc = -1;
-    sec__error_retrieve(&rc, &st);
-    EXPECT_EQ(rc, 22);
-    EXPECT_EQ(st.maj_stat, 0u);
-    EXPECT_STREQ(st.desc, "");
-    cu_error_t *e = nullptr;
-    cu_get_error_1(&e);
-    EXPECT_EQ(e->cu_error_id, 22);
-    EXPECT_EQ(e->cu_msg_num, MSG_2650_020);
-    cu_rel_error_1(e);
-
-    // Detached by retrieve: a second retrieve finds nothing and leaves rc.
-    rc = -1;
-    sec__error_retrieve(&rc, &st);
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(st.maj_stat, 0u);
-}
-
-TEST_F(ErrorCapture, StatusOfTheFirstFailureComesBack) {
-    sec_status_desc st = status_of(5, 9, "mpm_login_as_service");
-    sec__error_capture(3, &st);
-    sec_status_desc later = status_of(6, 10, "mpm_start");
-    sec__error_capture(3, &later);
-    qv_int32_t rc = 0;
-    sec_status_desc out = status_of(1, 1, "junk");
-    sec__error_retrieve(&rc, &out);
-    EXPECT_EQ(rc, 3);
-    EXPECT_EQ(out.maj_stat, 5u);
-    EXPECT_EQ(out.min_stat, 105u);
-    EXPECT_EQ(out.mech_code, 9u);
-    EXPECT_STREQ(out.desc, "mpm_login_as_service");
-}
-
-// A failure followed by a success: clear forgets it and zeroes the status.
-TEST_F(ErrorCapture, ClearAfterSuccessForgets) {
-    sec_status_desc st = status_of(5, 9, "mpm_start");
-    sec__error_capture(3, &st);
-    sec__error_clear(&st);
-    EXPECT_EQ(st.maj_stat, 0u);
-    EXPECT_EQ(pthread_getspecific(sec__error_key), nullptr);
-    qv_int32_t rc = 0;
-    sec__error_retrieve(&rc, &st);
-    EXPECT_EQ(rc, 0);
-}
 
 TEST_F(ErrorCapture, ClearWithNothingKeptLeavesStatus) {
     sec_status_desc st = status_of(5, 9, "mpm_start");
@@ -111,7 +45,7 @@ TEST_F(ErrorCapture, PerThread) {
         sec__error_capture(code, &st);
         cu_set_no_error_1();
         sec__error_retrieve(rc_out, st_out);
-        *id_out = thread_error_id();
+        *id_out = qvtest::current_error().id;
         // Leave one captured on exit for the key destructor.
         sec__error_capture(code, &st);
     };
@@ -128,7 +62,7 @@ TEST_F(ErrorCapture, PerThread) {
     EXPECT_EQ(st2.maj_stat, 2u);
     EXPECT_EQ(id1, 21);
     EXPECT_EQ(id2, 22);
-    EXPECT_EQ(thread_error_id(), 0);
+    EXPECT_EQ(qvtest::current_error().id, 0);
 }
 
 TEST_F(ErrorCapture, SwitchedOffWithoutKey) {

@@ -92,34 +92,6 @@ TEST(IdentityMapping, UnknownUserHasNoGroups) {
     EXPECT_EQ(g.array, nullptr);
 }
 
-TEST(IdentityMapping, ArgumentChecks) {
-    char user[] = "root";
-    char empty[] = "\0x";
-    sec_buffer_desc good{5, user}, no_value{5, nullptr}, negative{-1, user}, blank{2, empty};
-    int count = 0;
-    sec_buffer_t groups = nullptr;
-    struct Case {
-        const char *what;
-        sec_buffer_t name;
-        int *count;
-        sec_buffer_t *groups;
-        const char *position;
-    } cases[] = {
-        {"no name", nullptr, &count, &groups, "number: 1"},
-        {"no bytes", &no_value, &count, &groups, "number: 1"},
-        {"negative length", &negative, &count, &groups, "number: 1"},
-        {"empty name", &blank, &count, &groups, "number: 1"},
-        {"no count", &good, nullptr, &groups, "number: 2"},
-        {"no groups", &good, &count, nullptr, "number: 3"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(sec_idm_get_groups(c.name, c.count, c.groups), 4);
-        EXPECT_EQ(last_message(), MSG_2650_060);
-        EXPECT_NE(last_error_text().find(c.position), std::string::npos);
-    }
-}
-
 // The mapping step over the test module.
 class MappedIdentity : public qvtest::ModuleEntryFixture {
 protected:

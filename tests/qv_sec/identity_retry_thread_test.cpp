@@ -7,9 +7,9 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "cancellable_thread.h"
 #include "messages.h"
 #include "identity_fixture.h"
 
@@ -26,7 +26,7 @@ protected:
         b.block = 1;
         qv_int32_t rc = -1;
         // The error record is the calling thread's: read it there.
-        std::thread caller([&] {
+        qvtest::CancellableThread caller([&] {
             rc = sec_get_client_identity(&st, &token_, name, mname, id);
             message_ = qvtest::last_message();
         });
@@ -40,7 +40,7 @@ protected:
         std::memcpy(b.name, answer.data(), answer.size());
         b.name_len = name_len;
         mpm_.release();
-        caller.join();
+        EXPECT_TRUE(caller.join());
         return rc;
     }
 

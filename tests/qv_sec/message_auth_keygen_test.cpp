@@ -2,15 +2,14 @@
 // process to process, and that work with the token routines.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
 
+#include "child_process.h"
 #include "qv_sec.h"
 #include "sec_test_util.h"
 #include "test_support.h"
@@ -46,40 +45,22 @@ TEST(MessageAuthKeygen, KeysAreOddParityStrongAndDistinct) {
 // keys they make must still differ.
 TEST(MessageAuthKeygen, ForkedProcessesMakeDifferentKeys) {
     std::set<std::string> keys;
-    for (int round = 0; round < 4; ++round) {
-        int fds[2][2];
-        pid_t pids[2];
-        for (int c = 0; c < 2; ++c) {
-            ASSERT_EQ(pipe(fds[c]), 0);
-            pids[c] = fork();
-            ASSERT_GE(pids[c], 0);
-            if (pids[c] == 0) {
-                close(fds[c][0]);
-                alarm(60);  // a child that hangs dies, and the parent reads end of file
-                sec_buffer_desc key{0, nullptr};
-                if (sec_generate_key(&key) != 0 || key.length != 8) _exit(1);
-                ssize_t n = write(fds[c][1], key.value, 8);
-                _exit(n == 8 ? 0 : 1);
-            }
-            close(fds[c][1]);
-        }
-        for (int c = 0; c < 2; ++c) {
-            unsigned char buf[8];
-            size_t got = 0;
-            while (got < sizeof buf) {
-                ssize_t n = read(fds[c][0], buf + got, sizeof buf - got);
-                if (n < 0 && errno == EINTR) continue;
-                if (n <= 0) break;
-                got += static_cast<size_t>(n);
-            }
-            close(fds[c][0]);
-            int status = 0;
-            ASSERT_EQ(waitpid(pids[c], &status, 0), pids[c]);
-            ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-            ASSERT_EQ(got, sizeof buf);
-            EXPECT_EQ(sec__des_check_key_parity(buf), 1);
-            EXPECT_TRUE(keys.insert(qvtest::to_hex(buf, 8)).second) << "two processes made the same key";
-        }
+    for (int child = 0; child < 8; ++child) {
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        // Eight bytes fit in the pipe: the child writes them and exits.
+        EXPECT_EQ(qvtest::run_in_child([&] {
+                      sec_buffer_desc key{0, nullptr};
+                      if (sec_generate_key(&key) != 0 || key.length != 8) return 1;
+                      return write(fds[1], key.value, 8) == 8 ? 0 : 1;
+                  }),
+                  0);
+        close(fds[1]);
+        unsigned char buf[8];
+        ASSERT_EQ(read(fds[0], buf, sizeof buf), 8);
+        close(fds[0]);
+        EXPECT_EQ(sec__des_check_key_parity(buf), 1);
+        EXPECT_TRUE(keys.insert(qvtest::to_hex(buf, 8)).second) << "two processes made the same key";
     }
     // And none equals one made here.
     EXPECT_EQ(keys.count(generate_hex()), 0u);

@@ -14,24 +14,13 @@
 
 #include "errors.h"
 #include "sec_test_util.h"
+#include "sec_buffer.h"
 #include "test_support.h"
 #include "vorpkit.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-struct Buf {
-    sec_buffer_desc b{0, nullptr};
-    Buf() = default;
-    Buf(const Buf &) = delete;
-    Buf &operator=(const Buf &) = delete;
-    ~Buf() { free(b.value); }
-    Bytes bytes() const {
-        auto *p = static_cast<const uint8_t *>(b.value);
-        return p ? Bytes(p, p + b.length) : Bytes{};
-    }
-};
 
 sec_buffer_desc view(Bytes &v) { return {static_cast<qv_int32_t>(v.size()), v.empty() ? nullptr : v.data()}; }
 
@@ -76,8 +65,8 @@ Bytes reference_token(const Bytes &key, const Bytes &digest) {
 
 Bytes prepare(Bytes key, Bytes msg) {
     sec_buffer_desc k = view(key), in = view(msg);
-    Buf out;
-    EXPECT_EQ(sec_prepare_message(&k, SEC_F_MSG_DIGEST, &in, &out.b), 0) << last_error_text();
+    qvtest::SecBuffer out;
+    EXPECT_EQ(sec_prepare_message(&k, SEC_F_MSG_DIGEST, &in, &out.d), 0) << last_error_text();
     return out.bytes();
 }
 
@@ -164,13 +153,13 @@ TEST(MessageAuthToken, VerificationFailures) {
     Bytes token = prepare(key, msg);
 
     EXPECT_EQ(process(other, msg, token), SEC_S_MSG_VERIFY_FAILED);
-    EXPECT_EQ(last_error_text(), "2650-048 The key provided does not match the key used to sign the input message.");
+    EXPECT_EQ(last_message(), MSG_2650_048);
 
     for (size_t i : {size_t{0}, size_t{31}, size_t{63}}) {
         Bytes changed = msg;
         changed[i] ^= 0x01;
         EXPECT_EQ(process(key, changed, token), SEC_S_MSG_VERIFY_FAILED);
-        EXPECT_EQ(last_error_text(), "2650-049 The digest provided does not match the input message.");
+        EXPECT_EQ(last_message(), MSG_2650_049);
     }
     Bytes longer = msg;
     longer.push_back(0);

@@ -33,7 +33,7 @@ struct Args {
     qv_int32_t i32 = 256;
     qv_uint32_t u32 = 0;
     char name[256] = {};
-    struct iovec iov[1] = {{const_cast<char *>("data"), 4}};
+    struct iovec iov[2] = {{const_cast<char *>("da"), 2}, {const_cast<char *>("ta"), 2}};
 };
 
 struct Case {
@@ -114,11 +114,11 @@ std::vector<Case> cases() {
          [](auto e, auto st, Args &a) { return sec__mpm_create_id_context(e, st, 1, a.token, &a.slot); },
          [](Args &a) { return std::vector<uintptr_t>{1, u(a.token), u(&a.slot)}; }, false, {}},
         {QVTEST_MPM_SIGN_DATA_V, "mpm_sign_data_v",
-         [](auto e, auto st, Args &a) { return sec__mpm_sign_data_v(e, st, a.token, 1, a.iov, &a.out); },
-         [](Args &a) { return std::vector<uintptr_t>{u(a.token), 1, u(a.iov), u(&a.out)}; }, false, {24}},
+         [](auto e, auto st, Args &a) { return sec__mpm_sign_data_v(e, st, a.token, 2, a.iov, &a.out); },
+         [](Args &a) { return std::vector<uintptr_t>{u(a.token), 2, u(a.iov), u(&a.out)}; }, false, {24}},
         {QVTEST_MPM_VERIFY_DATA_V, "mpm_verify_data_v",
-         [](auto e, auto st, Args &a) { return sec__mpm_verify_data_v(e, st, a.token, &a.in, 1, a.iov); },
-         [](Args &a) { return std::vector<uintptr_t>{u(a.token), u(&a.in), 1, u(a.iov)}; }, false, {24, 34}},
+         [](auto e, auto st, Args &a) { return sec__mpm_verify_data_v(e, st, a.token, &a.in, 2, a.iov); },
+         [](Args &a) { return std::vector<uintptr_t>{u(a.token), u(&a.in), 2, u(a.iov)}; }, false, {24, 34}},
         {QVTEST_MPM_GET_CTX_MPM, "mpm_get_ctx_mpm",
          [](auto e, auto st, Args &a) { return sec__mpm_get_ctx_mpm(e, st, a.token, a.name); },
          [](Args &a) { return std::vector<uintptr_t>{u(a.token), u(a.name)}; }, false, {}},
@@ -236,22 +236,15 @@ TEST_F(Dispatch, ReleaseBufferIgnoresTheModulesStatus) {
     EXPECT_TRUE(lock_is_free(e));
 }
 
-TEST_F(Dispatch, ModuleIsLoadedOnceAndStamped) {
+TEST_F(Dispatch, ModuleIsLoadedOnce) {
     sec_mpm_entry_t e = reserve(kCode, qvtest::kTestMpm);
-    EXPECT_EQ(e->state, SEC_MPM_S_RESERVED);
-    EXPECT_EQ(e->object, nullptr);
     sec_status_desc st{};
     qv_int32_t lifetime = 0;
     mpm_.behaviour(QVTEST_MPM_GET_CTX_LIFETIME).value = 3600;
-    time_t before = time(nullptr);
     for (int i = 0; i < 3; ++i) ASSERT_EQ(sec__mpm_get_ctx_lifetime(e, &st, nullptr, &lifetime), 0u);
     EXPECT_EQ(lifetime, 3600);
-    EXPECT_EQ(e->state, SEC_MPM_S_RESERVED | SEC_MPM_S_LOADED);
-    EXPECT_NE(e->object, nullptr);
     EXPECT_EQ(mpm_.calls(QVTEST_MPM_INIT), 1u);
     EXPECT_EQ(mpm_.calls(QVTEST_MPM_GET_CTX_LIFETIME), 3u);
-    EXPECT_GE(e->ltime, before);
-    EXPECT_LE(e->ltime, time(nullptr));
 }
 
 struct LoadFailure {
@@ -279,8 +272,6 @@ TEST_F(Dispatch, LoadFailuresReportTheirMessageAndAreRetried) {
             EXPECT_EQ(last_message(), f.message);
             EXPECT_EQ(st.maj_stat, 0u);  // a failed lookup leaves the status alone
             EXPECT_STREQ(st.desc, "");
-            EXPECT_EQ(e->state, SEC_MPM_S_RESERVED);
-            EXPECT_EQ(e->object, nullptr);
             EXPECT_TRUE(lock_is_free(e));
         }
     }
@@ -335,42 +326,6 @@ TEST_F(Dispatch, StartRoutineByNameHoldsTheReadLock) {
     EXPECT_EQ(sec__mpm_start_routine(e, const_cast<char *>("mpm_no_such_routine"), &fn), 22u);
     EXPECT_EQ(fn, nullptr);
     EXPECT_TRUE(lock_is_free(e));
-}
-
-TEST_F(Dispatch, ModuleOutputsRoundTrip) {
-    sec_mpm_entry_t e = reserve(kCode, qvtest::kTestMpm);
-    long live = mpm_.live_buffers();
-    sec_status_desc st{};
-    char text[] = "hello";
-    sec_buffer_desc in{5, text}, sealed{}, opened{};
-    ASSERT_EQ(sec__mpm_prepare_data(e, &st, nullptr, 0, &in, &sealed), 0u);
-    ASSERT_EQ(sec__mpm_process_data(e, &st, nullptr, &sealed, &opened), 0u);
-    ASSERT_EQ(opened.length, 5);
-    EXPECT_EQ(std::memcmp(opened.value, "hello", 5), 0);
-    EXPECT_EQ(mpm_.live_buffers(), live + 2);
-    sec__mpm_release_buffer(e, &sealed);
-    sec__mpm_release_buffer(e, &opened);
-    EXPECT_EQ(mpm_.live_buffers(), live);
-
-    struct iovec iov[2] = {{text, 2}, {text + 2, 3}};
-    sec_buffer_desc sig{};
-    ASSERT_EQ(sec__mpm_sign_data_v(e, &st, nullptr, 2, iov, &sig), 0u);
-    EXPECT_EQ(sec__mpm_verify_data_v(e, &st, nullptr, &sig, 2, iov), 0u);
-    text[0] = 'j';
-    EXPECT_EQ(sec__mpm_verify_data_v(e, &st, nullptr, &sig, 2, iov), 34u);
-    EXPECT_STREQ(st.desc, "mpm_verify_data_v");
-    EXPECT_EQ(st.mech_code, kCode);
-    sec__mpm_release_buffer(e, &sig);
-
-    // The name protocol: a short buffer gets status 6 and the size needed.
-    char name[8];
-    qv_int32_t len = sizeof name;
-    EXPECT_EQ(sec__mpm_get_client_name(e, &st, nullptr, &len, name), 3u);
-    EXPECT_EQ(st.maj_stat, 6u);
-    EXPECT_EQ(len, static_cast<qv_int32_t>(sizeof "qvtest_client@example"));
-    char big[64];
-    EXPECT_EQ(sec__mpm_get_client_name(e, &st, nullptr, &len, big), 0u);
-    EXPECT_STREQ(big, "qvtest_client@example");
 }
 
 }  // namespace

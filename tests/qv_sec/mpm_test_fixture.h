@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "current_error.h"
 #include "library_init.h"
 #include "qv_cu.h"
 #include "qv_sec.h"
@@ -19,11 +20,8 @@ namespace qvtest {
 
 // The message number of the thread's error record, -1 when there is none.
 inline int last_message() {
-    cu_error_t *e = nullptr;
-    cu_get_error_1(&e);
-    int n = e != nullptr && e->cu_error_id != 0 ? e->cu_msg_num : -1;
-    cu_rel_error_1(e);
-    return n;
+    CurrentError e = current_error();
+    return e.id != 0 && e.id != -1 ? e.msg_num : -1;
 }
 
 inline void clear_mpm_table() {

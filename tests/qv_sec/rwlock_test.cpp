@@ -41,14 +41,6 @@ protected:
     sec_rwlock_desc lock_;
 };
 
-TEST_F(RwLock, InitAndDestroy) {
-    EXPECT_EQ(counters(), std::make_pair(0, 0));
-    sec__lock_destroy(&lock_);
-    sec_rwlock_desc zero{};
-    EXPECT_EQ(std::memcmp(&lock_, &zero, sizeof zero), 0);
-    sec__lock_init(&lock_);
-}
-
 TEST_F(RwLock, ReadersShareWriterExcludes) {
     sec__lock_read(&lock_);
     sec__lock_read(&lock_);
@@ -203,40 +195,6 @@ TEST_F(RwLock, CancelledWaitingReaderLeavesLockUsable) {
     sec__unlock_write(&lock_);
     EXPECT_EQ(sec__trylock_write(&lock_), 0);  // the mutex was released by the clean-up
     sec__unlock_write(&lock_);
-}
-
-TEST_F(RwLock, ManyThreadsKeepTheInvariant) {
-    std::atomic<int> readers{0}, writers{0};
-    std::atomic<bool> broken{false};
-    auto body = [&](int i) {
-        for (int n = 0; n < 300; ++n) {
-            if ((n + i) % 5 == 0) {
-                sec__lock_write(&lock_);
-                if (++writers != 1 || readers.load() != 0) broken = true;
-                --writers;
-                sec__unlock_write(&lock_);
-            } else {
-                sec__lock_read(&lock_);
-                ++readers;
-                if (writers.load() != 0) broken = true;
-                if (n % 7 == 0) {
-                    --readers;
-                    sec__lock_promote(&lock_);
-                    if (++writers != 1 || readers.load() != 0) broken = true;
-                    --writers;
-                    sec__lock_demote(&lock_);
-                    ++readers;
-                }
-                --readers;
-                sec__unlock_read(&lock_);
-            }
-        }
-    };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) threads.emplace_back(body, i);
-    for (auto &t : threads) t.join();
-    EXPECT_FALSE(broken.load());
-    EXPECT_EQ(counters(), std::make_pair(0, 0));
 }
 
 // What the threads of a stress test share. `data` is a plain variable that

@@ -6,29 +6,14 @@
 
 #include "errors.h"
 #include "sec_test_util.h"
+#include "sec_buffer.h"
 #include "test_support.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-struct Buf {
-    sec_buffer_desc b{0, nullptr};
-    ~Buf() { free(b.value); }
-    Bytes bytes() const {
-        auto *p = static_cast<const uint8_t *>(b.value);
-        return p ? Bytes(p, p + b.length) : Bytes{};
-    }
-};
-
 sec_buffer_desc view(Bytes &v) { return {static_cast<qv_int32_t>(v.size()), v.empty() ? nullptr : v.data()}; }
-
-
-TEST(TypedBuffers, HeaderLengths) {
-    EXPECT_EQ(sec__buff_tv_len, 2);
-    EXPECT_EQ(sec__buff_tvm_len, 6);
-    EXPECT_EQ(sec__buff_tvms_len, 8);
-}
 
 TEST(TypedBuffers, WrapCcdb) {
     struct Case {
@@ -48,10 +33,10 @@ TEST(TypedBuffers, WrapCcdb) {
     for (auto &c : cases) {
         SCOPED_TRACE(c.what);
         sec_buffer_desc in = view(c.body);
-        Buf out;
-        ASSERT_EQ(sec__wrap_mech_ccdb(c.null_body ? nullptr : &in, c.mech, c.version, c.seq, c.flags, &out.b), 0);
+        qvtest::SecBuffer out;
+        ASSERT_EQ(sec__wrap_mech_ccdb(c.null_body ? nullptr : &in, c.mech, c.version, c.seq, c.flags, &out.d), 0);
         EXPECT_EQ(qvtest::to_hex(out.bytes()), c.hex);
-        EXPECT_EQ(out.b.length, static_cast<qv_int32_t>(c.hex.size() / 2));
+        EXPECT_EQ(out.d.length, static_cast<qv_int32_t>(c.hex.size() / 2));
     }
 }
 
@@ -82,9 +67,9 @@ TEST(TypedBuffers, UnwrapCcdb) {
         qv_uint32_t mech = 99;
         int version = 99;
         unsigned char seq = 99, flags = 99;
-        Buf out;
+        qvtest::SecBuffer out;
         cu_set_no_error_1();
-        ASSERT_EQ(sec__unwrap_mech_ccdb(&in, &mech, &version, &seq, &flags, &out.b), c.rc);
+        ASSERT_EQ(sec__unwrap_mech_ccdb(&in, &mech, &version, &seq, &flags, &out.d), c.rc);
         EXPECT_EQ(last_message(), c.message);
         if (c.rc == 0) {
             EXPECT_EQ(mech, c.mech);
@@ -93,11 +78,11 @@ TEST(TypedBuffers, UnwrapCcdb) {
             EXPECT_EQ(flags, c.flags);
             EXPECT_EQ(qvtest::to_hex(out.bytes()), c.body);
             if (c.body.empty()) {
-                EXPECT_EQ(out.b.value, nullptr);
+                EXPECT_EQ(out.d.value, nullptr);
             }
         } else {
-            EXPECT_EQ(out.b.length, 0);
-            EXPECT_EQ(out.b.value, nullptr);
+            EXPECT_EQ(out.d.length, 0);
+            EXPECT_EQ(out.d.value, nullptr);
         }
     }
 }
@@ -106,8 +91,8 @@ TEST(TypedBuffers, UnwrapCcdbNullArguments) {
     qv_uint32_t mech = 1;
     int version = 1;
     unsigned char seq = 1, flags = 1;
-    Buf out;
-    EXPECT_EQ(sec__unwrap_mech_ccdb(nullptr, &mech, &version, &seq, &flags, &out.b), 7);
+    qvtest::SecBuffer out;
+    EXPECT_EQ(sec__unwrap_mech_ccdb(nullptr, &mech, &version, &seq, &flags, &out.d), 7);
     EXPECT_EQ(mech, 0u);
     EXPECT_EQ(version, 0);
     EXPECT_EQ(seq, 0);
@@ -116,20 +101,20 @@ TEST(TypedBuffers, UnwrapCcdbNullArguments) {
     EXPECT_EQ(sec__unwrap_mech_ccdb(&in, &mech, &version, &seq, &flags, nullptr), 7);
     // A length that claims more than a NULL value holds is not read.
     sec_buffer_desc lying{8, nullptr};
-    EXPECT_EQ(sec__unwrap_mech_ccdb(&lying, &mech, &version, &seq, &flags, &out.b), 7);
+    EXPECT_EQ(sec__unwrap_mech_ccdb(&lying, &mech, &version, &seq, &flags, &out.d), 7);
 }
 
 TEST(TypedBuffers, SealRoundTripAndRefusals) {
     Bytes body = {1, 2, 3};
     sec_buffer_desc in = view(body);
-    Buf sealed;
-    ASSERT_EQ(sec__wrap_seal_buff(&in, 0x00010002, 2, &sealed.b), 0);
+    qvtest::SecBuffer sealed;
+    ASSERT_EQ(sec__wrap_seal_buff(&in, 0x00010002, 2, &sealed.d), 0);
     EXPECT_EQ(qvtest::to_hex(sealed.bytes()), "860200010002010203");
 
     qv_uint32_t mech = 0;
     int version = 0;
-    Buf out;
-    ASSERT_EQ(sec__unwrap_seal_buff(&sealed.b, &mech, &version, &out.b), 0);
+    qvtest::SecBuffer out;
+    ASSERT_EQ(sec__unwrap_seal_buff(&sealed.d, &mech, &version, &out.d), 0);
     EXPECT_EQ(mech, 0x00010002u);
     EXPECT_EQ(version, 2);
     EXPECT_EQ(out.bytes(), body);
@@ -148,11 +133,11 @@ TEST(TypedBuffers, SealRoundTripAndRefusals) {
         SCOPED_TRACE(c.hex);
         Bytes bytes = qvtest::from_hex(c.hex);
         sec_buffer_desc b = view(bytes);
-        Buf o;
+        qvtest::SecBuffer o;
         version = -1;
-        EXPECT_EQ(sec__unwrap_seal_buff(&b, &mech, &version, &o.b), c.rc);
-        EXPECT_EQ(o.b.length, 0);
-        EXPECT_EQ(o.b.value, nullptr);
+        EXPECT_EQ(sec__unwrap_seal_buff(&b, &mech, &version, &o.d), c.rc);
+        EXPECT_EQ(o.d.length, 0);
+        EXPECT_EQ(o.d.value, nullptr);
         if (c.rc == 0) {
             EXPECT_EQ(version, c.version);
         }
@@ -161,10 +146,10 @@ TEST(TypedBuffers, SealRoundTripAndRefusals) {
 
 TEST(TypedBuffers, CorruptModuleBufferIsRefused) {
     sec_buffer_desc corrupt{-4, nullptr};
-    Buf out;
-    EXPECT_EQ(sec__wrap_seal_buff(&corrupt, 1, 2, &out.b), 7);
-    EXPECT_EQ(sec__wrap_mech_ccdb(&corrupt, 1, 2, 1, 0, &out.b), 7);
-    EXPECT_EQ(out.b.value, nullptr);
+    qvtest::SecBuffer out;
+    EXPECT_EQ(sec__wrap_seal_buff(&corrupt, 1, 2, &out.d), 7);
+    EXPECT_EQ(sec__wrap_mech_ccdb(&corrupt, 1, 2, 1, 0, &out.d), 7);
+    EXPECT_EQ(out.d.value, nullptr);
 }
 
 }  // namespace
