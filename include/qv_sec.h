@@ -349,8 +349,10 @@ qv_int32_t sec_get_auth_methods(sec_buffer_t mbuff, qv_int32_t *mcount);
  * separated by white space; an unknown mnemonic is an error (8). */
 qv_int32_t sec_create_mech_buffer(char *mstring, qv_int32_t *mcount, sec_buffer_t mbuff);
 /* Edit QV_SEC_IMP_MECHS in the process environment: add the list's
- * mechanisms, replace the value by them, or empty it. Not safe against
- * concurrent edits from several threads. */
+ * mechanisms, replace the value by them, or empty it. Edits are applied one
+ * at a time, and the variable is replaced by a whole new string: threads
+ * reading it meanwhile see the old value or the new one, never an unset or
+ * partial one. */
 qv_int32_t sec_add_imposed_mechs(sec_buffer_t mbuff);
 qv_int32_t sec_set_imposed_mechs(sec_buffer_t mbuff);
 qv_int32_t sec_clear_imposed_mechs(void);
