@@ -7,6 +7,19 @@
  * continue, 2 the context is unauthenticated, larger values are failures
  * whose detail is in the calling thread's error record (qv_cu.h) and, for a
  * failure inside a mechanism module, in the status record.
+ *
+ * Threads and fork. Every routine may be called from several threads at
+ * once, and a thread cancelled inside one releases the locks it holds; a
+ * token that a cancelled call was building is left for the caller's clean-up
+ * to end (sec_end, sec_end_context), which then ends what the modules made
+ * for it. The library installs fork handlers: the child of a process whose
+ * other threads were inside the library may go on using it. In the child,
+ * start new service tokens with sec_start and build new contexts; a module
+ * whose load another thread had under way is loaded again on first use.
+ * Tokens inherited from the parent may be used or ended in the child only if
+ * no other thread was using them at the fork (their mutexes and the
+ * modules' own state would be as that thread left them). A module routine
+ * must not call fork.
  */
 #ifndef QV_SEC_H
 #define QV_SEC_H

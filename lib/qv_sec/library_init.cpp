@@ -25,6 +25,7 @@ void sec__cts_init(void) {
     // A failed copy leaves fname NULL, which later reads report as 2650-019.
     SEC_STATE.config.fname = strdup(path);
     pthread_mutex_unlock(&SEC_STATE.lock);
+    sec_install_fork_handlers();
 
     sec__error_ok = pthread_key_create(&sec__error_key, sec__error_cleanup) == 0 ? 1 : 0;
     sec__trace_register_qvsec();
