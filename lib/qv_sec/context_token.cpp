@@ -66,7 +66,7 @@ qv_int32_t sec_ctx_prepare_module(sec_svc_token_t svc, sec_mpm_entry_t entry, se
         if (qv_uint32_t rc = sec__mpm_start(entry, st, svc->sflags, &m->mtoken)) return static_cast<qv_int32_t>(rc);
         m->state |= kMechStarted;
     }
-    if ((svc->state & kSvcLoginAsService) && (m->state & kMechClientLogin) == 0) {
+    if ((sec_svc_state(svc) & kSvcLoginAsService) && (m->state & kMechClientLogin) == 0) {
         if (qv_uint32_t rc = sec__mpm_login_as_service(entry, st, svc->svc_name, m->mtoken))
             return static_cast<qv_int32_t>(rc);
         m->state |= login_bit;

@@ -34,10 +34,18 @@ inline bool sec_ctx_usable(const void *token) {
     return sec_ctx_has_magic(token) && (static_cast<const sec_ctx_token_desc *>(token)->state & SEC_CTX_S_COMPLETE);
 }
 
+// A service token's state word. sec_login_as_service sets a bit in it while
+// context routines of other threads read it without the token's mutex, so
+// both sides go through atomics.
+inline qv_uint32_t sec_svc_state(const sec_svc_token_desc *svc) { return __atomic_load_n(&svc->state, __ATOMIC_ACQUIRE); }
+inline void sec_svc_state_set(sec_svc_token_desc *svc, qv_uint32_t bits) {
+    __atomic_fetch_or(&svc->state, bits, __ATOMIC_ACQ_REL);
+}
+
 // A service token from sec_start that has not been ended.
 inline bool sec_svc_usable(const void *token) {
     auto *svc = static_cast<const sec_svc_token_desc *>(token);
-    return svc != nullptr && svc->magic == SEC_SVC_TOKEN_MAGIC && (svc->state & kSvcStarted);
+    return svc != nullptr && svc->magic == SEC_SVC_TOKEN_MAGIC && (sec_svc_state(svc) & kSvcStarted);
 }
 
 // A zero-filled context token with the magic written and svc_token set; NULL
