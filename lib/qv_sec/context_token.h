@@ -75,6 +75,12 @@ void sec_ctx_discard(sec_token_t *ctokenp, sec_status_t st);
 qv_int32_t sec_ctx_prepare_module(sec_svc_token_t svc, sec_mpm_entry_t entry, sec_status_t st,
                                   qv_uint32_t login_bit, sec_mech_data_t *rec);
 
+// The failure of a service login that a token asked for but cannot make:
+// sec_login_as_service found no memory for the name and left the request
+// set. No module is ever asked to log in without a name; the contexts of
+// such a token fail instead of going on without the service's identity.
+qv_int32_t sec_no_service_name();
+
 // Saves the thread's error record and the caller's status record, and puts
 // both back when it goes out of scope: clean-up calls made after a failure
 // then leave the first failure as the caller's.

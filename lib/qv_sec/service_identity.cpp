@@ -59,6 +59,7 @@ qv_uint32_t service_state(sec_svc_token_t svc) {
 }
 
 qv_int32_t login_service_to(sec_svc_token_t svc, sec_mech_data_t m, sec_status_t st) {
+    if (svc->svc_name == nullptr) return sec_no_service_name();
     if (qv_uint32_t rc = sec__mpm_login_as_service(m->mpm, st, svc->svc_name, m->mtoken))
         return static_cast<qv_int32_t>(rc);
     m->state |= kMechLoggedIn;

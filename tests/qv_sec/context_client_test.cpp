@@ -212,6 +212,7 @@ TEST_F(ClientContext, ContinueWithoutOutputIsAModuleFault) {
 
 TEST_F(ClientContext, LoginAsServiceOnceForClientContexts) {
     client_svc()->state |= SEC_SVC_S_LOGIN_AS_SERVICE;
+    client_svc()->svc_name = strdup("qvsvc");  // as sec_login_as_service leaves it
     for (int i = 0; i < 2; ++i) {
         ASSERT_EQ(start(mech_list({kCodeA})), 0);
         sec_status_desc st{};
