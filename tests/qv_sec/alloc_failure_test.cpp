@@ -82,6 +82,20 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
                  EXPECT_STREQ(m_.record(QVTEST_MPM_LOGIN_AS_SERVICE).str[0], "qvsvc");
              }
          }},
+        // The variable stays set between runs: replacing it allocates
+        // nothing in the environment itself.
+        {"sec_set_imposed_mechs and sec_get_auth_methods",
+         [this] {
+             if (qv_int32_t rc = sec_set_imposed_mechs(list_.get())) return rc;
+             qv_int32_t n = 0;
+             return sec_get_auth_methods(&made_.bufs[0], &n);
+         },
+         [this](qv_int32_t rc) {
+             if (rc == 0) {
+                 auto *p = static_cast<const uint8_t *>(made_.bufs[0].value);
+                 EXPECT_EQ(Bytes(p, p + made_.bufs[0].length), mech_list({kCodeA}));
+             }
+         }},
         {"establish, seal and open",
          [this] {
              if (qv_int32_t rc = establish_made()) return rc;
