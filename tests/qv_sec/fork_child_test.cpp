@@ -4,7 +4,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
+#include <memory>
+#include <vector>
 #include <thread>
 
 #include "cancellable_thread.h"
@@ -94,6 +97,57 @@ TEST_F(ForkChild, ChildUsesTheLibraryWhateverAnotherThreadHeld) {
         EXPECT_TRUE(holder->join());
         mpm_.reset();
     }
+}
+
+// Forks at random moments while other threads start and end services,
+// build offers and call into a module: every child starts a service and
+// builds an offer within a bounded time. The children leave the busy
+// module alone: its own lock may be held by a thread that the child lacks.
+// QV_FORK_ROUNDS sets the number of forks.
+TEST_F(ForkChild, ForksWhileOtherThreadsWork) {
+    qvtest::TestMpm other(qvtest::kTestMpm2);
+    configure(line(1, "busy", 0x301, qvtest::kTestMpm) + line(2, "idle", 0x302, qvtest::kTestMpm2));
+    const char *env = std::getenv("QV_FORK_ROUNDS");
+    const int rounds = env != nullptr ? std::atoi(env) : 50;
+    std::atomic<bool> stop{false};
+    std::vector<std::unique_ptr<CancellableThread>> workers;
+    for (int i = 0; i < 3; ++i) {
+        workers.push_back(std::make_unique<CancellableThread>([&] {
+            while (!stop) {
+                sec_status_desc st{};
+                sec_token_t token = nullptr;
+                sec_start(&st, 0, &token);
+                sec_end(&st, 0, token);
+                sec_buffer_desc offer{0, nullptr};
+                qv_int32_t n = 0;
+                sec_get_auth_methods(&offer, &n);
+                free(offer.value);
+            }
+        }));
+    }
+    int failed = 0;
+    for (int r = 0; r < rounds; ++r) {
+        std::this_thread::sleep_for(std::chrono::microseconds(r % 7 * 300));
+        int rc = qvtest::run_in_child(
+            [] {
+                sec_status_desc st{};
+                sec_token_t token = nullptr;
+                if (sec_start(&st, SEC_F_DEFER_MPM_START, &token) != 0) return 1;
+                sec_buffer_desc offer{0, nullptr};
+                qv_int32_t n = 0;
+                if (sec_get_auth_methods(&offer, &n) != 0 || n != 2) return 2;
+                free(offer.value);
+                sec_mpm_entry_t idle = sec__get_mpm_entry(0x302);
+                qv_int32_t lifetime = 0;
+                if (idle == nullptr || sec__mpm_get_ctx_lifetime(idle, &st, nullptr, &lifetime) != 0) return 3;
+                return sec_end(&st, 0, token) == 0 ? 0 : 4;
+            },
+            5s);
+        if (rc != 0) ++failed;
+    }
+    stop = true;
+    for (auto &w : workers) EXPECT_TRUE(w->join());
+    EXPECT_EQ(failed, 0) << "of " << rounds << " children";
 }
 
 }  // namespace
