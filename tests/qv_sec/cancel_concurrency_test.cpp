@@ -141,23 +141,30 @@ TEST_F(CancelTraced, CancelledInsideModuleRoutines) {
         void (CancelTraced::*call)(Held &);
         bool established;  // runs on a complete context
         bool deferred;     // the routine runs with cancellation held off: it acts after the routine
+        bool under_mutex;  // the library holds the service token's mutex around the routine
     };
     const Row rows[] = {
-        {"service login", QVTEST_MPM_LOGIN_AS_SERVICE, &CancelTraced::login, false, false},
-        {"service start", QVTEST_MPM_START, &CancelTraced::start_service, false, false},
-        {"client start", QVTEST_MPM_START_SEC_CONTEXT, &CancelTraced::start_client, false, false},
+        {"service login", QVTEST_MPM_LOGIN_AS_SERVICE, &CancelTraced::login, false, false, true},
+        {"service start", QVTEST_MPM_START, &CancelTraced::start_service, false, false, true},
+        {"client start", QVTEST_MPM_START_SEC_CONTEXT, &CancelTraced::start_client, false, false, false},
         // The module made a context handle for the socket before the start
         // blocked: it must be ended by the clean-up, not lost.
-        {"client start on a socket", QVTEST_MPM_START_SEC_CONTEXT, &CancelTraced::start_on_socket, false, false},
-        {"server receive", QVTEST_MPM_RECEIVE_SEC_CONTEXT, &CancelTraced::receive, false, false},
-        {"seal", QVTEST_MPM_PREPARE_DATA, &CancelTraced::seal, true, false},
+        {"client start on a socket", QVTEST_MPM_START_SEC_CONTEXT, &CancelTraced::start_on_socket, false, false, false},
+        {"server receive", QVTEST_MPM_RECEIVE_SEC_CONTEXT, &CancelTraced::receive, false, false, false},
+        {"seal", QVTEST_MPM_PREPARE_DATA, &CancelTraced::seal, true, false, false},
         // Given back from a destructor: acting on the cancellation inside the
         // module would end the process, and cutting the call short would
         // lose the buffer.
-        {"giving the output back", QVTEST_MPM_RELEASE_BUFFER, &CancelTraced::seal, true, true},
+        {"giving the output back", QVTEST_MPM_RELEASE_BUFFER, &CancelTraced::seal, true, true, false},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
+#if defined(__SANITIZE_THREAD__)
+        // ThreadSanitizer loses the unlock made while a thread cancelled in
+        // an intercepted sleep unwinds, and then reports every later lock of
+        // that mutex.
+        if (row.under_mutex) continue;
+#endif
         long handles = m_.live_handles(), buffers = m_.live_buffers();
         if (row.established) {
             ASSERT_EQ(establish(mech_list({kCodeA})).client_rc, 0);
@@ -219,7 +226,10 @@ void worker_round(sec_token_t server, unsigned seed) {
         break;
     }
     }
-    if (h.svc != nullptr && sec_end(&st, 0, h.svc) == 0) h.svc = nullptr;
+    if (h.svc != nullptr) {
+        sec_end(&st, 0, h.svc);  // frees the token whatever the modules answer
+        h.svc = nullptr;
+    }
 }
 
 // Many cancellations at random moments of a mix of calls. Run in a child, so
