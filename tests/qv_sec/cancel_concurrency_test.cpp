@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -214,9 +215,16 @@ void worker_round(sec_token_t server, unsigned seed) {
         sec_buffer_desc sealed{0, nullptr};
         sec_prepare_data(&st, h.cctx, SEC_F_PROTECT_MODE1, m.get(), &sealed);
         free(sealed.value);
+        char data[] = "signed";
+        struct iovec v = {data, sizeof data};
+        sec_buffer_desc signature{0, nullptr};
+        if (sec_sign_data_v(&st, h.cctx, 1, &v, &signature) == 0) sec_verify_data_v(&st, h.sctx, &signature, 1, &v);
+        free(signature.value);
         break;
     }
     default: {
+        View both(mech_list({kCodeA, kCodeB}));
+        sec_set_imposed_mechs(both.get());
         sec_buffer_desc offer{0, nullptr};
         qv_int32_t n = 0;
         sec_get_auth_methods(&offer, &n);
