@@ -16,8 +16,9 @@ namespace {
 // Service token state (kSvcStarted is in context_token.h).
 constexpr qv_uint32_t kSvcRenewable = 0x2u;
 constexpr qv_uint32_t kSvcLoginRequested = kSvcLoginAsService;
-// Mechanism data state (kMechStarted is in context_token.h).
-constexpr qv_uint32_t kMechLoggedIn = kMechClientLogin;
+// Mechanism data state (kMechStarted is in context_token.h): logged in as
+// the service.
+constexpr qv_uint32_t kMechLoggedIn = 0x4u;
 
 struct FreeList {
     void operator()(sec_mpm_entry_t *p) const { std::free(p); }
