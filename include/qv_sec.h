@@ -7,6 +7,19 @@
  * continue, 2 the context is unauthenticated, larger values are failures
  * whose detail is in the calling thread's error record (qv_cu.h) and, for a
  * failure inside a mechanism module, in the status record.
+ *
+ * Threads and fork. Every routine may be called from several threads at
+ * once, and a thread cancelled inside one releases the locks it holds; a
+ * token that a cancelled call was building is left for the caller's clean-up
+ * to end (sec_end, sec_end_context), which then ends what the modules made
+ * for it. The library installs fork handlers: the child of a process whose
+ * other threads were inside the library may go on using it. In the child,
+ * start new service tokens with sec_start and build new contexts; a module
+ * whose load another thread had under way is loaded again on first use.
+ * Tokens inherited from the parent may be used or ended in the child only if
+ * no other thread was using them at the fork (their mutexes and the
+ * modules' own state would be as that thread left them). A module routine
+ * must not call fork.
  */
 #ifndef QV_SEC_H
 #define QV_SEC_H
@@ -351,8 +364,10 @@ qv_int32_t sec_get_auth_methods(sec_buffer_t mbuff, qv_int32_t *mcount);
  * separated by white space; an unknown mnemonic is an error (8). */
 qv_int32_t sec_create_mech_buffer(char *mstring, qv_int32_t *mcount, sec_buffer_t mbuff);
 /* Edit QV_SEC_IMP_MECHS in the process environment: add the list's
- * mechanisms, replace the value by them, or empty it. Not safe against
- * concurrent edits from several threads. */
+ * mechanisms, replace the value by them, or empty it. Edits are applied one
+ * at a time, and the variable is replaced by a whole new string: threads
+ * reading it meanwhile see the old value or the new one, never an unset or
+ * partial one. */
 qv_int32_t sec_add_imposed_mechs(sec_buffer_t mbuff);
 qv_int32_t sec_set_imposed_mechs(sec_buffer_t mbuff);
 qv_int32_t sec_clear_imposed_mechs(void);

@@ -35,6 +35,7 @@ void end_attempt(sec_mpm_entry_t entry, sec_ctx_token_t c, sec_status_t st) {
     SecErrorKeeper keep(st);
     sec__mpm_end_context(entry, st, c->mdata.mtoken);
     c->mdata.mtoken = nullptr;
+    c->mdata.mpm = nullptr;
 }
 
 class ClientStart {
@@ -78,6 +79,11 @@ private:
             sec__error_capture(rc, st_);
             return rc;
         }
+        // The module is recorded before it may write a handle into the
+        // context: a thread cancelled inside the module then leaves a
+        // context that sec_end_context ends in the module, not one that
+        // holds a handle of no known module.
+        c_->mdata.mpm = entry;
         if (c_->state & SEC_CTX_S_SOCKET) {
             rc = static_cast<qv_int32_t>(sec__mpm_set_ctx_attribute(entry, st_, rec->mtoken, MPM_ATTR_SOCKET_INFO,
                                                                     &c_->sinfo, &c_->mdata.mtoken));
@@ -86,6 +92,7 @@ private:
                 // A handle the module made before failing is not handed to
                 // the next module.
                 if (c_->mdata.mtoken != nullptr) end_attempt(entry, c_, st_);
+                c_->mdata.mpm = nullptr;
                 return rc;
             }
         }
@@ -109,7 +116,6 @@ private:
             return 0;
         }
         c_->state |= SEC_CTX_S_AUTHENTICATED;
-        c_->mdata.mpm = entry;
         return accepted(entry, code, maj, out);
     }
 

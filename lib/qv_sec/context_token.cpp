@@ -4,6 +4,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "errors.h"
 #include "mpm.h"
 
 namespace {
@@ -21,6 +22,8 @@ void free_privset(sec_privset_info_desc &p) {
 }
 
 }  // namespace
+
+qv_int32_t sec_no_service_name() { return sec_report(SEC_S_NO_MEMORY, MSG_2650_004); }
 
 sec_ctx_token_t sec_ctx_allocate(sec_token_t svc) {
     auto *c = static_cast<sec_ctx_token_t>(calloc(1, sizeof(sec_ctx_token_desc)));
@@ -66,7 +69,8 @@ qv_int32_t sec_ctx_prepare_module(sec_svc_token_t svc, sec_mpm_entry_t entry, se
         if (qv_uint32_t rc = sec__mpm_start(entry, st, svc->sflags, &m->mtoken)) return static_cast<qv_int32_t>(rc);
         m->state |= kMechStarted;
     }
-    if ((svc->state & kSvcLoginAsService) && (m->state & kMechClientLogin) == 0) {
+    if ((sec_svc_state(svc) & kSvcLoginAsService) && (m->state & kMechClientLogin) == 0) {
+        if (svc->svc_name == nullptr) return sec_no_service_name();
         if (qv_uint32_t rc = sec__mpm_login_as_service(entry, st, svc->svc_name, m->mtoken))
             return static_cast<qv_int32_t>(rc);
         m->state |= login_bit;

@@ -34,10 +34,18 @@ inline bool sec_ctx_usable(const void *token) {
     return sec_ctx_has_magic(token) && (static_cast<const sec_ctx_token_desc *>(token)->state & SEC_CTX_S_COMPLETE);
 }
 
+// A service token's state word. sec_login_as_service sets a bit in it while
+// context routines of other threads read it without the token's mutex, so
+// both sides go through atomics.
+inline qv_uint32_t sec_svc_state(const sec_svc_token_desc *svc) { return __atomic_load_n(&svc->state, __ATOMIC_ACQUIRE); }
+inline void sec_svc_state_set(sec_svc_token_desc *svc, qv_uint32_t bits) {
+    __atomic_fetch_or(&svc->state, bits, __ATOMIC_ACQ_REL);
+}
+
 // A service token from sec_start that has not been ended.
 inline bool sec_svc_usable(const void *token) {
     auto *svc = static_cast<const sec_svc_token_desc *>(token);
-    return svc != nullptr && svc->magic == SEC_SVC_TOKEN_MAGIC && (svc->state & kSvcStarted);
+    return svc != nullptr && svc->magic == SEC_SVC_TOKEN_MAGIC && (sec_svc_state(svc) & kSvcStarted);
 }
 
 // A zero-filled context token with the magic written and svc_token set; NULL
@@ -66,6 +74,12 @@ void sec_ctx_discard(sec_token_t *ctokenp, sec_status_t st);
 // kMechServerLogin, so every new server context logs in again.
 qv_int32_t sec_ctx_prepare_module(sec_svc_token_t svc, sec_mpm_entry_t entry, sec_status_t st,
                                   qv_uint32_t login_bit, sec_mech_data_t *rec);
+
+// The failure of a service login that a token asked for but cannot make:
+// sec_login_as_service found no memory for the name and left the request
+// set. No module is ever asked to log in without a name; the contexts of
+// such a token fail instead of going on without the service's identity.
+qv_int32_t sec_no_service_name();
 
 // Saves the thread's error record and the caller's status record, and puts
 // both back when it goes out of scope: clean-up calls made after a failure

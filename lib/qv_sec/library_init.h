@@ -5,6 +5,10 @@
 #include "qv_sec.h"
 
 
+// Registers the fork handlers (fork_handlers.cpp); run once, from
+// sec__cts_init, after the locks are initialised.
+void sec_install_fork_handlers();
+
 inline void sec_init_once() { pthread_once(&sec__init_once_block, sec__cts_init); }
 
 // The configuration file used when QV_SEC_CONFIG is not set: the first if it

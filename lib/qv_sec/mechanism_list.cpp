@@ -7,6 +7,10 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <optional>
+#include <set>
+#include <string>
 #include <string_view>
 
 #include "byte_io.h"
@@ -21,13 +25,74 @@ constexpr uint8_t kListVersionWritten = 1;
 constexpr uint8_t kListVersionMax = 2;
 constexpr size_t kListHeader = 2;
 
-// The environment strings handed to putenv() must outlive the call, and each
-// later call rewrites them in place: one array per kind of string, for the
-// life of the process.
+// The environment strings handed to putenv() must outlive the call. One
+// static array per kind of string, rewritten in place by every later call,
+// is not enough: other threads read QV_SEC_IMP_MECHS through getenv() while
+// it is being set, and an array that is zeroed and then refilled shows them
+// the variable unset or half-written. A service token made in that moment
+// accepts unauthenticated clients, and an offer names mechanisms that are not
+// imposed: a downgrade. So each string is built in a scratch array that the
+// environment never points to, and what putenv() installs is a copy that is
+// never written again; readers see the old whole string or the new one.
+// One copy is kept per distinct string for the life of the process (a
+// reader may still hold any earlier one), so setting the same value again
+// costs nothing; a process sets few distinct values. Building, interning
+// and putenv() run under g_imposed_mutex, so concurrent setters are applied
+// one after the other.
 constexpr size_t kVarNameMax = 64;
 constexpr size_t kVarValueMax = 256;
 char g_varval[kVarNameMax + 1 + kVarValueMax];
 char g_empty_varval[kVarNameMax + 2];
+pthread_mutex_t g_imposed_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// The installed strings, never destroyed: the environment may point into
+// them until the process ends, exit handlers included. nullptr when the
+// copy cannot be made. Called with g_imposed_mutex held.
+char *interned(const char *s) {
+    try {
+        static auto *strings = new std::set<std::string, std::less<>>;
+        return const_cast<char *>(strings->emplace(s).first->c_str());
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+
+qv_int32_t no_memory_for_environment() { return sec_report(SEC_S_NO_MEMORY, MSG_2650_073); }
+
+// sec__create_varval's work, with g_imposed_mutex held.
+qv_int32_t create_varval_locked(const char *var, const char *value, char **varstrp) {
+    std::memset(g_varval, 0, sizeof g_varval);
+    *varstrp = nullptr;
+    if (var == nullptr || *var == '\0') return 0;
+    if (std::strlen(var) > kVarNameMax) return sec_report(SEC_S_CONFIG, MSG_2650_074, var);
+    // Every caller edits the imposed mechanisms: that name is always written.
+    std::strcpy(g_varval, kEnvImposedMechs);
+    std::strcat(g_varval, "=");
+    if (value != nullptr && *value != '\0') {
+        if (std::strlen(value) > kVarValueMax) return sec_report(SEC_S_CONFIG, MSG_2650_075, var);
+        std::strcat(g_varval, value);
+    }
+    *varstrp = interned(g_varval);
+    return *varstrp != nullptr ? 0 : no_memory_for_environment();
+}
+
+// sec__create_empty_varval's work, with g_imposed_mutex held.
+qv_int32_t create_empty_varval_locked(const char *var, char **varstrp) {
+    std::memset(g_empty_varval, 0, sizeof g_empty_varval);
+    *varstrp = nullptr;
+    if (var == nullptr || *var == '\0') return 0;
+    qv_int32_t rc = 0;
+    size_t len = std::strlen(var);
+    if (len > kVarNameMax) {
+        // Reported, yet the (cut) string is still built and returned.
+        rc = sec_report(SEC_S_CONFIG, MSG_2650_074, var);
+        len = kVarNameMax;
+    }
+    std::memcpy(g_empty_varval, var, len);
+    g_empty_varval[len] = '=';
+    *varstrp = interned(g_empty_varval);
+    return *varstrp != nullptr ? rc : no_memory_for_environment();
+}
 
 // The caller's array that sec__translate_mech_codes fills.
 constexpr size_t kMnemonicStringSize = 256;
@@ -113,19 +178,26 @@ std::string translate_codes(const MechCodes &codes) {
     return out;
 }
 
-qv_int32_t put_imposed(const std::string &mnemonics) {
+// Installs QV_SEC_IMP_MECHS=mnemonics; g_imposed_mutex held.
+qv_int32_t put_imposed_locked(const std::string &mnemonics) {
     char *varval = nullptr;
-    qv_int32_t rc = sec__create_varval(const_cast<char *>(kEnvImposedMechs), const_cast<char *>(mnemonics.c_str()),
-                                       &varval);
+    qv_int32_t rc = create_varval_locked(kEnvImposedMechs, mnemonics.c_str(), &varval);
     if (rc != 0) return rc;
-    if (varval != nullptr && putenv(varval) != 0) return sec_report(SEC_S_NO_MEMORY, MSG_2650_073);
+    if (varval != nullptr && putenv(varval) != 0) return no_memory_for_environment();
     return 0;
 }
 
+qv_int32_t put_imposed(const std::string &mnemonics) {
+    SecMutexGuard serialised(&g_imposed_mutex);
+    return put_imposed_locked(mnemonics);
+}
+
 qv_int32_t put_imposed_empty() {
+    SecMutexGuard serialised(&g_imposed_mutex);
     char *varval = nullptr;
-    sec__create_empty_varval(const_cast<char *>(kEnvImposedMechs), &varval);
-    if (varval != nullptr && putenv(varval) != 0) return sec_report(SEC_S_NO_MEMORY, MSG_2650_073);
+    // Only a failed copy matters here: the name is ours and short.
+    if (create_empty_varval_locked(kEnvImposedMechs, &varval) == SEC_S_NO_MEMORY) return SEC_S_NO_MEMORY;
+    if (varval != nullptr && putenv(varval) != 0) return no_memory_for_environment();
     return 0;
 }
 
@@ -203,10 +275,15 @@ qv_int32_t add_imposed_mechs(sec_buffer_t mbuff) {
     qv_int32_t rc = sec_read_mech_list(mbuff, add);
     if (rc != 0 || add.empty()) return rc;
     std::string mnemonics;
+    // Held from reading the current value to installing the new one, so
+    // that concurrent additions all survive. Taken after SEC_STATE.lock (the
+    // lock order) and kept after it is released.
+    std::optional<SecMutexGuard> serialised;
     {
         SecMutexGuard hold(&SEC_STATE.lock);
         rc = static_cast<qv_int32_t>(sec__read_reserve_select(nullptr));
         if (rc != 0) return rc;
+        serialised.emplace(&g_imposed_mutex);
         MechCodes working;
         if (const char *current = sec_env_value(kEnvImposedMechs)) {
             rc = translate_mnemonics(false, current, working);
@@ -215,7 +292,7 @@ qv_int32_t add_imposed_mechs(sec_buffer_t mbuff) {
         for (qv_uint32_t code : add) append_unique(working, code);
         mnemonics = translate_codes(working);
     }
-    return put_imposed(mnemonics);
+    return put_imposed_locked(mnemonics);
 }
 
 qv_int32_t set_imposed_mechs(sec_buffer_t mbuff) {
@@ -259,6 +336,8 @@ qv_int32_t reconcile(sec_buffer_t cl_mechs, sec_buffer_t sh_mechs) {
 }
 
 }  // namespace
+
+pthread_mutex_t &sec_imposed_mechs_mutex() { return g_imposed_mutex; }
 
 const char *sec_env_value(const char *name) {
     const char *v = std::getenv(name);
@@ -338,36 +417,13 @@ sec_boolean_t sec__contains_mech_none(char *mstring) {
 }
 
 qv_int32_t sec__create_varval(char *var, char *value, char **varstrp) {
-    std::memset(g_varval, 0, sizeof g_varval);
-    *varstrp = nullptr;
-    if (var == nullptr || *var == '\0') return 0;
-    if (std::strlen(var) > kVarNameMax) return sec_report(SEC_S_CONFIG, MSG_2650_074, var);
-    // Every caller edits the imposed mechanisms: that name is always written.
-    std::strcpy(g_varval, kEnvImposedMechs);
-    std::strcat(g_varval, "=");
-    if (value != nullptr && *value != '\0') {
-        if (std::strlen(value) > kVarValueMax) return sec_report(SEC_S_CONFIG, MSG_2650_075, var);
-        std::strcat(g_varval, value);
-    }
-    *varstrp = g_varval;
-    return 0;
+    SecMutexGuard serialised(&g_imposed_mutex);
+    return create_varval_locked(var, value, varstrp);
 }
 
 qv_int32_t sec__create_empty_varval(char *var, char **varstrp) {
-    std::memset(g_empty_varval, 0, sizeof g_empty_varval);
-    *varstrp = nullptr;
-    if (var == nullptr || *var == '\0') return 0;
-    qv_int32_t rc = 0;
-    size_t len = std::strlen(var);
-    if (len > kVarNameMax) {
-        // Reported, yet the (cut) string is still built and returned.
-        rc = sec_report(SEC_S_CONFIG, MSG_2650_074, var);
-        len = kVarNameMax;
-    }
-    std::memcpy(g_empty_varval, var, len);
-    g_empty_varval[len] = '=';
-    *varstrp = g_empty_varval;
-    return rc;
+    SecMutexGuard serialised(&g_imposed_mutex);
+    return create_empty_varval_locked(var, varstrp);
 }
 
 qv_int32_t sec_get_auth_methods(sec_buffer_t mbuff, qv_int32_t *mcount) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <pthread.h>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,10 @@ inline constexpr size_t kMaxMnemonicLength = 16;
 inline constexpr const char *kMnemonicNone = "none";
 inline constexpr const char *kEnvPreferredMech = "QV_SEC_MECH";
 inline constexpr const char *kEnvImposedMechs = "QV_SEC_IMP_MECHS";
+
+// Serialises the setters of QV_SEC_IMP_MECHS (building the string and
+// putenv); taken after SEC_STATE.lock when both are needed, never before.
+pthread_mutex_t &sec_imposed_mechs_mutex();
 
 // The value of an environment variable; unset and empty are both NULL.
 const char *sec_env_value(const char *name);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <pthread.h>
 
+#include "cancel_state.h"
 #include "qv_sec.h"
 #include "trace.h"
 
@@ -82,7 +83,8 @@ qv_uint32_t sec_mpm_find_routine(sec_mpm_entry_t entry, sec_mpm_routine_id id, v
 
 // Ends a call found by sec_mpm_find_routine: stamps the entry's ltime and
 // releases the read lock (what sec__mpm_end_routine does, without going
-// through the exported name).
+// through the exported name). Runs from destructors and clean-up handlers,
+// so it never acts on a cancellation.
 void sec_mpm_end_call(sec_mpm_entry_t entry);
 
 // Holds a pthread mutex for a scope; released by the destructor also when a

@@ -140,7 +140,11 @@ void sec_mpm_end_call(sec_mpm_entry_t entry) {
     time_t now = time(nullptr);
     if (__atomic_load_n(&entry->ltime, __ATOMIC_RELAXED) != now) __atomic_store_n(&entry->ltime, now, __ATOMIC_RELAXED);
     sec_rwlock_unlock_read(&entry->lock);
-    if (sec_trace_on(SEC_TRC_INFO)) sec_mpm_trace_lock(TRC_MPM_READ_UNLOCKED, entry);
+    if (sec_trace_on(SEC_TRC_INFO)) {
+        // The record is written with write(), a cancellation point.
+        SecCancelDisabled no_cancel;
+        sec_mpm_trace_lock(TRC_MPM_READ_UNLOCKED, entry);
+    }
 }
 
 extern "C" {

@@ -161,6 +161,10 @@ qv_uint32_t sec__mpm_get_client_id(sec_mpm_entry_t entry, sec_status_t st, void 
 }
 
 qv_uint32_t sec__mpm_release_buffer(sec_mpm_entry_t entry, sec_buffer_t buff) {
+    // Called from destructors that give a module's output back: waiting for
+    // the entry's lock, the module's routine and the trace records must not
+    // act on a cancellation there. Cut short, it would also lose the buffer.
+    SecCancelDisabled no_cancel;
     void *fn;
     if (qv_uint32_t rc = sec_mpm_find_routine(entry, MPM_RELEASE_BUFFER, &fn)) return rc;
     RoutineCall held(entry);

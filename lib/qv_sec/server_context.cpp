@@ -51,7 +51,7 @@ public:
         if (first_) {
             if (mech_ == kMechNone) {
                 // The client made an unauthenticated context; nothing is sent back.
-                if (svc_->state & kSvcRefuseUnauth) return refused();
+                if (sec_svc_state(svc_) & kSvcRefuseUnauth) return refused();
                 c_->state &= ~SEC_CTX_S_IN_PROGRESS;
                 c_->state |= SEC_CTX_S_COMPLETE;
                 return 0;
@@ -124,7 +124,7 @@ private:
     // CCDB for mechanism 0.
     qv_int32_t module_wants_unauthenticated(sec_buffer_t s_ccdb) {
         if (!first_) return sec_report(SEC_S_BAD_MPM, MSG_2650_029);
-        if (svc_->state & kSvcRefuseUnauth) return refused();
+        if (sec_svc_state(svc_) & kSvcRefuseUnauth) return refused();
         if (cflags_ & SEC_CCDB_F_CONTINUE) {
             OwnedBuffer ccdb;
             if (qv_int32_t rc = sec__wrap_mech_ccdb(nullptr, kMechNone, c_->version, 1, 0, ccdb.get())) return rc;

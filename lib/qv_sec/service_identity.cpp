@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "context_token.h"
 #include "errors.h"
 #include "library_init.h"
 #include "mpm.h"
@@ -12,12 +13,11 @@
 
 namespace {
 
-// Service token state.
-constexpr qv_uint32_t kSvcStarted = 0x1u;
+// Service token state (kSvcStarted is in context_token.h).
 constexpr qv_uint32_t kSvcRenewable = 0x2u;
-constexpr qv_uint32_t kSvcLoginRequested = 0x4u;
-// Mechanism data state.
-constexpr qv_uint32_t kMechStarted = 0x1u;
+constexpr qv_uint32_t kSvcLoginRequested = kSvcLoginAsService;
+// Mechanism data state (kMechStarted is in context_token.h): logged in as
+// the service.
 constexpr qv_uint32_t kMechLoggedIn = 0x4u;
 
 struct FreeList {
@@ -56,10 +56,11 @@ qv_int32_t with_started_module(sec_svc_token_t svc, sec_mpm_entry_t entry, sec_s
 // The token's state word, which service login changes under the token's mutex.
 qv_uint32_t service_state(sec_svc_token_t svc) {
     SecMutexGuard guard(&svc->lock);
-    return svc->state;
+    return sec_svc_state(svc);
 }
 
 qv_int32_t login_service_to(sec_svc_token_t svc, sec_mech_data_t m, sec_status_t st) {
+    if (svc->svc_name == nullptr) return sec_no_service_name();
     if (qv_uint32_t rc = sec__mpm_login_as_service(m->mpm, st, svc->svc_name, m->mtoken))
         return static_cast<qv_int32_t>(rc);
     m->state |= kMechLoggedIn;
@@ -110,9 +111,9 @@ qv_int32_t login_as_service(sec_status_t st, char *svc_name, sec_token_t stoken)
         // Tested and set under the token's mutex, so that of two threads
         // logging the same token in only one gets through.
         SecMutexGuard guard(&svc->lock);
-        if ((svc->state & (kSvcStarted | kSvcLoginRequested)) != kSvcStarted)
+        if ((sec_svc_state(svc) & (kSvcStarted | kSvcLoginRequested)) != kSvcStarted)
             return sec_report(SEC_S_BAD_TOKEN, MSG_2650_003);
-        svc->state |= kSvcLoginRequested;
+        sec_svc_state_set(svc, kSvcLoginRequested);
         svc->svc_name = strdup(svc_name);
         if (svc->svc_name == nullptr) return sec_report(SEC_S_NO_MEMORY, MSG_2650_004);
     }

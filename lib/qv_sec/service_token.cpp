@@ -107,10 +107,15 @@ qv_int32_t end(sec_status_t st, qv_uint32_t flags, sec_token_t stoken) {
     {
         SecMutexGuard guard(&t->lock);
         // Only the last module's result survives: each call's code replaces
-        // the one before.
+        // the one before. A record leaves the list only once its module has
+        // ended it: a thread cancelled on the way leaves the rest for a
+        // second sec_end, typically the caller's clean-up.
         while (sec_mech_data_t m = t->mdata_list) {
+            if (m->state & 0x1u) {
+                rc = sec__mpm_end(m->mpm, st, flags, m->mtoken);
+                m->state &= ~0x1u;
+            }
             t->mdata_list = m->next;
-            if (m->state & 0x1u) rc = sec__mpm_end(m->mpm, st, flags, m->mtoken);
             free_mech_data(m);
         }
         free(t->svc_name);

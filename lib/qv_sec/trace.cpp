@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "cancel_state.h"
 #include "qv_cu.h"
 
 namespace {
@@ -45,7 +46,8 @@ void sec__trace_register_qvsec(void) {
 void sec__trace_unregister_qvsec(void) { tr_unregister_component_1(kTraceComponent); }
 
 void sec__trace_routine_end(const char *name, qv_int32_t rc, sec_status_t st) {
-    if (name == nullptr) return;
+    if (name == nullptr || !sec_trace_on(SEC_TRC_API)) return;
+    SecCancelDisabled no_cancel;  // as for sec_trace_api_exit
     if (sec_trace_on(SEC_TRC_API, kTraceData)) {
         if (st == nullptr) {
             tr_record_data_1(kTraceComponent, 3, 2, name, strlen(name) + 1, &rc, sizeof rc);
@@ -86,6 +88,12 @@ void sec__trace_context_token(void *token) {
 
 void sec_trace_api_exit(qv_uint32_t id_plain, qv_uint32_t id_rc, qv_uint32_t id_status, qv_int32_t rc,
                         sec_status_t st) {
+    if (!sec_trace_on(SEC_TRC_API)) return;
+    // The routine's work is done: a cancellation acted on at this write would
+    // hide its outcome from the caller, whose clean-up might then end a token
+    // that sec_end or sec_end_context has already freed. It takes effect at
+    // the caller's next cancellation point instead.
+    SecCancelDisabled no_cancel;
     if (sec_trace_on(SEC_TRC_API, kTraceData)) {
         if (st == nullptr) {
             tr_record_data_1(kTraceComponent, id_rc, 1, &rc, sizeof rc);

@@ -169,6 +169,7 @@ TEST_F(ClientContext, ContinueWithoutOutputIsAModuleFault) {
 
 TEST_F(ClientContext, LoginAsServiceOnceForClientContexts) {
     client_svc()->state |= SEC_SVC_S_LOGIN_AS_SERVICE;
+    client_svc()->svc_name = strdup("qvsvc");  // as sec_login_as_service leaves it
     for (int i = 0; i < 2; ++i) {
         ASSERT_EQ(start(mech_list({kCodeA})), 0);
         sec_status_desc st{};
@@ -430,6 +431,7 @@ TEST_F(ServerContext, SecondModuleIsStartedForTheServiceOnce) {
 
 TEST_F(ServerContext, LoginAsServiceIsRepeatedForEveryServerContext) {
     server_svc()->state |= SEC_SVC_S_LOGIN_AS_SERVICE;
+    server_svc()->svc_name = strdup("qvsvc");  // as sec_login_as_service leaves it
     for (int i = 0; i < 3; ++i) {
         ASSERT_EQ(receive(ccdb(kCodeA, 1, 0, text("c"))), 0);
         sec_status_desc st{};

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
+#include <vector>
 
 #include "context_test_harness.h"
 
@@ -47,6 +49,57 @@ TEST_F(ContextFixture, ThreadsShareTheServiceTokens) {
     EXPECT_EQ(m2_.calls(QVTEST_MPM_START), 2u);
     EXPECT_EQ(m_.calls(QVTEST_MPM_END_CONTEXT) + m2_.calls(QVTEST_MPM_END_CONTEXT),
               static_cast<unsigned long>(2 * kThreads * kContexts));
+}
+
+// Setting the imposed mechanisms, even to the value they already have, never
+// shows other threads the variable unset or torn: every service token
+// started meanwhile refuses unauthenticated clients, and every offer holds
+// the imposed mechanism alone.
+TEST_F(ContextFixture, ImposedMechanismsStaySetWhileBeingSet) {
+    View only_a(mech_list({kCodeA}));
+    ASSERT_EQ(sec_set_imposed_mechs(only_a.get()), 0);
+    const Bytes offer_a = mech_list({kCodeA});
+    std::atomic<bool> stop{false};
+    std::atomic<long> tokens{0}, accepting{0}, offers{0}, wrong_offers{0};
+    std::vector<std::thread> pool;
+    for (int i = 0; i < 2; ++i) {
+        pool.emplace_back([&, i] {
+            while (!stop) {
+                View l(mech_list({kCodeA}));
+                if (i == 0) {
+                    sec_set_imposed_mechs(l.get());
+                } else {
+                    sec_add_imposed_mechs(l.get());
+                }
+            }
+        });
+    }
+    for (int i = 0; i < 3; ++i) {
+        pool.emplace_back([&] {
+            while (!stop) {
+                sec_status_desc st{};
+                sec_token_t t = nullptr;
+                if (sec_start(&st, SEC_F_DEFER_MPM_START, &t) == 0) {
+                    tokens += 1;
+                    if ((static_cast<sec_svc_token_t>(t)->state & SEC_SVC_S_REFUSE_UNAUTH) == 0) accepting += 1;
+                    sec_end(&st, 0, t);
+                }
+                Out offer;
+                qv_int32_t n = 0;
+                if (sec_get_auth_methods(offer.get(), &n) == 0) {
+                    offers += 1;
+                    if (offer.bytes() != offer_a) wrong_offers += 1;
+                }
+            }
+        });
+    }
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (std::chrono::steady_clock::now() < end && tokens < 20000) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    stop = true;
+    for (auto &t : pool) t.join();
+    EXPECT_GT(tokens.load(), 100);
+    EXPECT_EQ(accepting.load(), 0) << "of " << tokens.load() << " service tokens";
+    EXPECT_EQ(wrong_offers.load(), 0) << "of " << offers.load() << " offers";
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "context_test_harness.h"
 #include "mpm_test_fixture.h"
 
 namespace {
@@ -44,6 +45,40 @@ TEST_F(ServiceLoginThreads, OneLoginPerToken) {
     EXPECT_EQ(m2.calls(QVTEST_MPM_LOGIN_AS_SERVICE), 1u);
     EXPECT_EQ(sec_end(&st, 0, token), 0);
     EXPECT_EQ(m1.live_handles() + m2.live_handles(), handles);
+}
+
+// Contexts accepted while the service logs in: the acceptance reads the
+// token's state as the login changes it (checked by ThreadSanitizer), and
+// each acceptance sees the token usable.
+TEST_F(ServiceLoginThreads, LoginRacesAccepts) {
+    qvtest::TestMpm m1;
+    configure(line(1, "one", 0x101, qvtest::kTestMpm));
+    for (int round = 0; round < 20; ++round) {
+        sec_status_desc st{};
+        sec_token_t token = nullptr;
+        ASSERT_EQ(sec_start(&st, SEC_F_DEFER_MPM_START, &token), 0);
+        std::atomic<int> failures{0};
+        std::vector<std::thread> accepts;
+        for (int i = 0; i < 2; ++i) {
+            accepts.emplace_back([&] {
+                for (int k = 0; k < 20; ++k) {
+                    // An unauthenticated client: the acceptance reads the
+                    // token's state and nothing else.
+                    ctxtest::View c(ctxtest::ccdb(0, 1, 0));
+                    ctxtest::Out s;
+                    sec_status_desc mine{};
+                    sec_token_t ctx = nullptr;
+                    if (sec_receive_sec_context(&mine, token, c.get(), &ctx, s.get()) != 0) failures += 1;
+                    sec_end_context(&mine, ctx, nullptr);
+                }
+            });
+        }
+        char name[] = "qvsvc";
+        EXPECT_EQ(sec_login_as_service(&st, name, token), 0);
+        for (auto &t : accepts) t.join();
+        EXPECT_EQ(failures.load(), 0);
+        EXPECT_EQ(sec_end(&st, 0, token), 0);
+    }
 }
 
 }  // namespace

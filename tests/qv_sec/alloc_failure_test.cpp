@@ -1,0 +1,165 @@
+// Allocation failures in the library's public routines: with allocations
+// failing from the n-th on, for every n, each sequence ends in success or
+// the no-memory code, leaves nothing allocated (the sweep counts blocks) and
+// no module handle or buffer behind, and leaves its tokens in a state the
+// next call can rely on.
+#include <gtest/gtest.h>
+
+#include <sys/uio.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "alloc_failure.h"
+#include "context_test_harness.h"
+
+namespace {
+
+using namespace ctxtest;
+
+class AllocFailure : public ContextFixture {
+protected:
+    // What a step made, ended by the check with allocation working again.
+    struct Made {
+        sec_token_t svc = nullptr, cctx = nullptr, sctx = nullptr;
+        sec_buffer_desc bufs[4] = {};
+    };
+    void end_made() {
+        sec_status_desc st{};
+        EXPECT_EQ(sec_end_context(&st, made_.cctx, nullptr), 0);
+        EXPECT_EQ(sec_end_context(&st, made_.sctx, nullptr), 0);
+        EXPECT_EQ(sec_end(&st, 0, made_.svc), 0);
+        for (sec_buffer_desc &b : made_.bufs) free(b.value);
+        made_ = Made{};
+    }
+
+    qv_int32_t establish_made() {
+        sec_status_desc &st = last_;
+        char svc[] = "svc", host[] = "host";
+        if (qv_int32_t rc = sec_start_sec_context(&st, client_svc_, list_.get(), svc, host, 0, &made_.cctx, &made_.bufs[0]))
+            return rc;
+        return sec_receive_sec_context(&st, server_svc_, &made_.bufs[0], &made_.sctx, &made_.bufs[1]);
+    }
+
+    Made made_;
+    sec_status_desc last_{};  // the status of the steps' calls
+    // Inputs made before the sweep: the steps themselves allocate nothing.
+    View list_{mech_list({kCodeA})};
+    View message_{text("message")};
+};
+
+TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
+    struct Row {
+        const char *name;
+        std::function<qv_int32_t()> step;
+        // Extra checks with allocation working, before the made tokens end.
+        std::function<void(qv_int32_t rc)> after;
+    };
+    const Row rows[] = {
+        {"sec_start",
+         [this] {
+             sec_status_desc &st = last_;
+             return sec_start(&st, 0, &made_.svc);
+         },
+         nullptr},
+        // A service login that found no memory for the name must not leave a
+        // token whose contexts hand the module a NULL service name.
+        {"sec_login_as_service",
+         [this] {
+             sec_status_desc &st = last_;
+             if (qv_int32_t rc = sec_start(&st, SEC_F_DEFER_MPM_START, &made_.svc)) return rc;
+             char name[] = "qvsvc";
+             return sec_login_as_service(&st, name, made_.svc);
+         },
+         [this](qv_int32_t) {
+             if (made_.svc == nullptr) return;
+             sec_status_desc st{};
+             char svc[] = "svc", host[] = "host";
+             sec_start_sec_context(&st, made_.svc, list_.get(), svc, host, 0, &made_.cctx, &made_.bufs[2]);
+             sec_renew_identity(&st, 60, made_.svc);
+             if (m_.calls(QVTEST_MPM_LOGIN_AS_SERVICE) > 0) {
+                 EXPECT_STREQ(m_.record(QVTEST_MPM_LOGIN_AS_SERVICE).str[0], "qvsvc");
+             }
+         }},
+        // The variable stays set between runs: replacing it allocates
+        // nothing in the environment itself.
+        {"sec_set_imposed_mechs and sec_get_auth_methods",
+         [this] {
+             if (qv_int32_t rc = sec_set_imposed_mechs(list_.get())) return rc;
+             qv_int32_t n = 0;
+             return sec_get_auth_methods(&made_.bufs[0], &n);
+         },
+         [this](qv_int32_t rc) {
+             if (rc == 0) {
+                 auto *p = static_cast<const uint8_t *>(made_.bufs[0].value);
+                 EXPECT_EQ(Bytes(p, p + made_.bufs[0].length), mech_list({kCodeA}));
+             }
+         }},
+        {"establish, seal and open",
+         [this] {
+             if (qv_int32_t rc = establish_made()) return rc;
+             sec_status_desc &st = last_;
+             if (qv_int32_t rc = sec_prepare_data(&st, made_.cctx, SEC_F_PROTECT_MODE1, message_.get(), &made_.bufs[2]))
+                 return rc;
+             return sec_process_data(&st, made_.sctx, &made_.bufs[2], &made_.bufs[3]);
+         },
+         [this](qv_int32_t rc) {
+             // The opened bytes are module output handed to the caller.
+             if (rc == 0 && made_.bufs[3].value != nullptr) opened_by_caller_ += 1;
+         }},
+        {"establish in two rounds",
+         [this] {
+             m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1;  // the client asks for an answer
+             sec_status_desc &st = last_;
+             char svc[] = "svc", host[] = "host";
+             qv_int32_t rc = sec_start_sec_context(&st, client_svc_, list_.get(), svc, host, 0, &made_.cctx, &made_.bufs[0]);
+             if (rc != 1) return rc;
+             if ((rc = sec_receive_sec_context(&st, server_svc_, &made_.bufs[0], &made_.sctx, &made_.bufs[1])) != 0) return rc;
+             return sec_complete_sec_context(&st, &made_.bufs[1], &made_.cctx, &made_.bufs[2]);
+         },
+         nullptr},
+        {"establish, sign and verify",
+         [this] {
+             if (qv_int32_t rc = establish_made()) return rc;
+             sec_status_desc &st = last_;
+             char data[] = "signed bytes";
+             struct iovec v = {data, sizeof data};
+             if (qv_int32_t rc = sec_sign_data_v(&st, made_.cctx, 1, &v, &made_.bufs[2])) return rc;
+             return sec_verify_data_v(&st, made_.sctx, &made_.bufs[2], 1, &v);
+         },
+         nullptr},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        m_.reset();
+        long handles = m_.live_handles();
+        qvtest::alloc_failure_sweep(
+            [&] { return row.step(); },
+            [&](int rc, bool) {
+                // 3: the module's own allocation failed (its status says so);
+                // 22: the module lost its output to the failure and asked to
+                // go on with nothing to send.
+                EXPECT_TRUE(rc == 0 || rc == SEC_S_NO_MEMORY || (rc == SEC_S_MPM_FAILURE && last_.maj_stat == 6) ||
+                            rc == SEC_S_BAD_MPM)
+                    << "rc " << rc;
+                if (row.after) row.after(rc);
+                end_made();
+                EXPECT_EQ(m_.live_handles(), handles);
+                m_.reset();
+                sec_status_desc scratch{};
+                sec__error_clear(&scratch);
+                cu_set_no_error_1();  // the thread's error record is not a leak
+            },
+            [&] {
+                qv_int32_t rc = row.step();
+                if (row.after) row.after(rc);
+                end_made();
+                m_.reset();
+                cu_set_no_error_1();
+            });
+        if (HasFailure()) break;
+    }
+}
+
+}  // namespace
