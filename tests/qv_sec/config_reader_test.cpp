@@ -185,6 +185,25 @@ TEST_F(ConfigReader, FailedRereadKeepsOldRecords) {
     EXPECT_EQ(SEC_STATE.config.count, 2);
 }
 
+// The size a caller took from the name a moment earlier may belong to a file
+// that has since been replaced: the file is read whole as it was opened,
+// never cut to a prefix of the new one, nor refused for having shrunk.
+TEST_F(ConfigReader, ReadsTheOpenedFileWhateverSizeWasSeenBefore) {
+    const std::string text = "1 a 1 /a i\n2 b 2 /b u\n";
+    use_file(text);
+    const std::vector<Rec> both{{1, "a", 1, "/a", 1}, {2, "b", 2, "/b", 2}};
+    for (qv_int32_t seen : {11, static_cast<qv_int32_t>(text.size()) + 40}) {
+        SCOPED_TRACE(seen);
+        sec_config_rec_t recs = nullptr;
+        qv_int32_t count = 0;
+        ASSERT_EQ(sec__read_config_file(seen, &recs, &count), 0u);
+        std::swap(recs, SEC_STATE.config.cfg_recs);
+        EXPECT_EQ(records(), both);
+        EXPECT_EQ(count, 2);
+        reset();
+    }
+}
+
 TEST_F(ConfigReader, MarksEntriesNotConfigured) {
     use_file("1 a 1 /a i\n");
     SEC_STATE.mpms.count = 2;
