@@ -32,6 +32,8 @@ inline constexpr unsigned kSecFileForeignOwner = 0x1;    // owned by neither roo
 inline constexpr unsigned kSecFileOthersMayWrite = 0x2;  // writable by its group or by others
 inline constexpr unsigned kSecFileNotRegular = 0x4;      // not a regular file
 
+// Exported for the qvsec tool, which applies the same rule.
+#pragma GCC visibility push(default)
 extern "C" {
 
 // Non-zero when the process runs in secure-execution mode (set-user-id,
@@ -44,3 +46,4 @@ int sec__secure_execution(void);
 unsigned sec__file_distrust(const struct stat *sb, uid_t euid);
 
 }  // extern "C"
+#pragma GCC visibility pop
