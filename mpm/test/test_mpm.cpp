@@ -129,6 +129,7 @@ public:
             len = static_cast<size_t>(b_.output_len);
         }
         fill(out, src, len);
+        if (b_.claim_len != 0 && out->value != nullptr) out->length = b_.claim_len;
     }
     static void fill(sec_buffer_t out, const void *src, size_t len) {
         out->length = 0;
