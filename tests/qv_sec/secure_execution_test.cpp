@@ -33,11 +33,26 @@ void install(const std::string &path, const std::string &contents, uid_t uid, mo
     ASSERT_EQ(chmod(path.c_str(), mode), 0);
 }
 
+// Whether another user can reach path: every directory above it searchable
+// by others.
+bool others_can_reach(std::string path) {
+    while (path.size() > 1) {
+        path.erase(path.rfind('/'));
+        if (path.empty()) path = "/";
+        struct stat sb;
+        if (stat(path.c_str(), &sb) != 0 || !(sb.st_mode & S_IXOTH)) return false;
+    }
+    return true;
+}
+
 TEST(SecureExecution, FilesAnotherUserCouldWriteAreRefused) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to install a set-user-id test program";
     if (access(kSetpriv, X_OK) != 0) GTEST_SKIP() << kSetpriv << " (util-linux) is not installed";
 
     qvtest::TempDir dir;
+    for (const std::string &p : {dir.path(), std::string(QVSEC_PROBE_PATH)}) {
+        if (!others_can_reach(p)) GTEST_SKIP() << "another user cannot reach " << p;
+    }
     const std::string top = dir.path(), attic = top + "/attic", vault = top + "/vault";
     ASSERT_EQ(chmod(top.c_str(), 0755), 0);
     ASSERT_EQ(mkdir(attic.c_str(), 0755), 0);  // the unprivileged user's own directory
