@@ -1,7 +1,7 @@
 // The library in a set-user-id root program started by an unprivileged user
 // who controls its environment: a configuration or module file that user
-// could have written is never read or loaded, and the trace variables choose
-// no file. Needs root (to install the program) and setpriv (util-linux).
+// could have written is never read or loaded, and the trace and node-id
+// variables choose no file. Needs root (to install the program) and setpriv (util-linux).
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -10,6 +10,7 @@
 #include <string>
 
 #include "child_process.h"
+#include "qv_cu.h"
 #include "test_mpm.h"
 #include "test_support.h"
 
@@ -80,12 +81,20 @@ TEST(SecureExecution, FilesAnotherUserCouldWriteAreRefused) {
         bool module_runs;
         const char *out;
     } cases[] = {
-        {"trusted files (the control)", config("c1", good, 0, 0644), true, "secure=1 rc=0\n"},
-        {"module owned by the user", config("c2", foreign, 0, 0644), false, "secure=1 rc=0\n"},
-        {"module writable by its group", config("c3", writable, 0, 0644), false, "secure=1 rc=0\n"},
-        {"configuration owned by the user", config("c4", good, kNobody, 0644), false, "secure=1 rc=21\n"},
-        {"configuration writable by others", config("c5", good, 0, 0666), false, "secure=1 rc=21\n"},
+        {"trusted files (the control)", config("c1", good, 0, 0644), true, "secure=1 rc=0"},
+        {"module owned by the user", config("c2", foreign, 0, 0644), false, "secure=1 rc=0"},
+        {"module writable by its group", config("c3", writable, 0, 0644), false, "secure=1 rc=0"},
+        {"configuration owned by the user", config("c4", good, kNobody, 0644), false, "secure=1 rc=21"},
+        {"configuration writable by others", config("c5", good, 0, 0666), false, "secure=1 rc=21"},
     };
+    // A file only root may read, offered as the node id file.
+    install(vault + "/secret", "00000000deadbeef\n", 0, 0600);
+    unsetenv("QV_NODE_ID_FILE");
+    qv_uint64_t node = 0;
+    int node_rc = cu_get_node_id_1(&node);
+    char node_text[64];
+    std::snprintf(node_text, sizeof node_text, " node=%d:%016llx\n", node_rc, static_cast<unsigned long long>(node));
+
     const std::string marker = vault + "/mpm_init-ran";
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -93,10 +102,10 @@ TEST(SecureExecution, FilesAnotherUserCouldWriteAreRefused) {
         qvtest::ToolRun run = qvtest::run_tool(
             kSetpriv, {"--reuid=65534", "--regid=65534", "--clear-groups", probe},
             {{"QV_SEC_CONFIG", c.config}, {"QV_TRACE", "*:*=8"}, {"QV_TRACE_FILE", attic + "/trace"},
-             {"QVTEST_MPM_INIT_MARKER", marker}});
+             {"QVTEST_MPM_INIT_MARKER", marker}, {"QV_NODE_ID_FILE", vault + "/secret"}});
         if (run.out.rfind("secure=0", 0) == 0) GTEST_SKIP() << "set-user-id has no effect here (nosuid mount?)";
         EXPECT_EQ(run.status, 0) << run.err;
-        EXPECT_EQ(run.out, c.out) << run.err;
+        EXPECT_EQ(run.out, c.out + std::string(node_text)) << run.err;
         EXPECT_EQ(exists(marker), c.module_runs);
         EXPECT_FALSE(exists(vault + "/planted"));
     }
