@@ -93,7 +93,7 @@ TEST(SecureExecution, FilesAnotherUserCouldWriteAreRefused) {
     qv_uint64_t node = 0;
     int node_rc = cu_get_node_id_1(&node);
     char node_text[64];
-    std::snprintf(node_text, sizeof node_text, " node=%d:%016llx\n", node_rc, static_cast<unsigned long long>(node));
+    std::snprintf(node_text, sizeof node_text, " api=0 node=%d:%016llx\n", node_rc, static_cast<unsigned long long>(node));
 
     const std::string marker = vault + "/mpm_init-ran";
     for (const Case &c : cases) {
