@@ -103,7 +103,9 @@ qv_uint32_t size_of_open_file(int fd, qv_int32_t *len) {
 // failed. The list is complete or not returned at all.
 qv_uint32_t read_and_parse(const char *fname, sec_config_rec_t *recs, qv_int32_t *count, std::string *original,
                            char **fail_at) {
-    SecFdCloser file{fname ? ::open(fname, O_RDONLY | O_CLOEXEC) : -1};
+    // O_NONBLOCK: a FIFO named as the configuration is refused (it has no
+    // size to read) instead of holding the process until someone writes.
+    SecFdCloser file{fname ? ::open(fname, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1};
     if (file.fd < 0) return config_error();
     *recs = nullptr;
     *count = 0;

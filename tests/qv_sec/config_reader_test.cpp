@@ -7,6 +7,7 @@
 #include <utime.h>
 #include <vector>
 
+#include "child_process.h"
 #include "config.h"
 #include "errors.h"
 #include "library_init.h"
@@ -202,6 +203,20 @@ TEST_F(ConfigReader, ReadsTheOpenedFileWhateverSizeWasSeenBefore) {
         EXPECT_EQ(count, 2);
         reset();
     }
+}
+
+// A FIFO has nothing to read: refused at once, not waited on for a writer.
+TEST_F(ConfigReader, FifoIsRefusedWithoutWaiting) {
+    std::string fifo = dir_.path() + "/fifo.cfg";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    int rc = qvtest::run_in_child(
+        [&] {
+            free(SEC_STATE.config.fname);
+            SEC_STATE.config.fname = strdup(fifo.c_str());
+            return static_cast<int>(sec__read_config());
+        },
+        std::chrono::seconds(10));
+    EXPECT_EQ(rc, 21);
 }
 
 TEST_F(ConfigReader, MarksEntriesNotConfigured) {
