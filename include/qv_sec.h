@@ -197,7 +197,11 @@ typedef struct sec_svc_token_s {
 /* sec_start: creates a service token in *stokenp and starts the first
  * configured mechanism for it (unless flags has SEC_F_DEFER_MPM_START). A
  * first mechanism that fails to start leaves its detail in *st and still
- * returns 0. Release the token with sec_end. */
+ * returns 0. Release the token with sec_end. In secure-execution mode
+ * (set-user-id, set-group-id, file capabilities) a configuration file or
+ * module not owned by root or the effective user, or writable by its group
+ * or others, is refused: code 21 for the file, 22 (2650-050, errno EPERM)
+ * for a module. */
 qv_int32_t sec_start(sec_status_t st, qv_uint32_t flags, sec_token_t *stokenp);
 
 /* sec_end: ends every mechanism started for the token and frees it. A NULL
@@ -339,7 +343,10 @@ qv_int32_t sec_get_ctx_attribute(sec_status_t st, sec_token_t token, qv_uint32_t
 /* A NULL lifetime is accepted and nothing is written. */
 qv_int32_t sec_get_ctx_lifetime(sec_status_t st, sec_token_t ctoken, qv_int32_t *lifetime);
 /* sec_prepare_data: seals in into a newly allocated seal buffer *out (type
- * 0x86) with the context's module; authenticated contexts only. */
+ * 0x86) with the context's module; authenticated contexts only. Input whose
+ * seal could not fit a buffer's 32-bit length is refused (code 7) before the
+ * module is called; module output too long for the header, likewise after
+ * it. */
 qv_int32_t sec_prepare_data(sec_status_t st, sec_token_t ctoken, qv_uint32_t flags, sec_buffer_t in,
                             sec_buffer_t out);
 /* sec_process_data: opens a seal buffer made by the peer's context. */
@@ -481,8 +488,8 @@ qv_int32_t sec_get_client_identity(sec_status_t st, sec_token_t ctoken, qv_char_
 /* sec_release_name: frees a name the library returned (NULL allowed). */
 qv_int32_t sec_release_name(char *name);
 
-/* sec_release_buffer: frees a buffer's value and empties the record (NULL
- * allowed). Always 0. */
+/* sec_release_buffer: wipes and frees a buffer's value (the whole block,
+ * whatever its length says) and empties the record (NULL allowed). Always 0. */
 qv_int32_t sec_release_buffer(sec_buffer_t buff);
 
 /* Internal: the mapping step of identity contexts and CIDBs. Asks the

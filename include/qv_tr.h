@@ -27,7 +27,13 @@
  * payload, and reaches the file in one write, so several threads and
  * processes may share one file. The tool qvtrace prints a trace file.
  * Records of components that are not registered are written like any other:
- * the level test is the caller's.
+ * the level test is the caller's. The file is opened without following a
+ * symbolic link (a link there is refused, and nothing is recorded), and
+ * close-on-exec.
+ *
+ * A process in secure-execution mode (set-user-id, set-group-id or file
+ * capabilities) ignores both QV_TRACE and QV_TRACE_FILE: they would let the
+ * user who started it choose files and record secrets of the process.
  *
  * Return codes of every routine below; none of them changes errno.
  */

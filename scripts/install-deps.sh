@@ -2,8 +2,10 @@
 # Installs the Debian packages that building and testing need, only those
 # missing (so a machine that has them needs no network).
 set -euo pipefail
+# util-linux gives setpriv, with which a test runs a set-user-id program as
+# another user.
 packages=(cmake ninja-build g++ gcc clang libclang-rt-14-dev pkg-config libc-bin
-          libgtest-dev libssl-dev libsodium-dev valgrind)
+          libgtest-dev libssl-dev libsodium-dev valgrind util-linux)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -11,6 +11,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "bench_config.h"
 #include "qv_sec.h"
 #include "qv_sec_mpm.h"
 #include "test_mpm_control.h"
@@ -106,14 +107,8 @@ double ns_per_iteration(F body) {
 }  // namespace
 
 int main() {
-    // The library's configuration: the test module as the only mechanism.
-    char cfg[] = "/tmp/qvsec-bench-XXXXXX";
-    int fd = mkstemp(cfg);
-    std::string line = "1 qvtest 65538 " QVBENCH_TEST_MPM " i\n";
-    if (fd < 0 || write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) return 1;
-    close(fd);
-    setenv("QV_SEC_CONFIG", cfg, 1);
-    unsetenv("QV_SEC_IMP_MECHS");
+    const std::string cfg = use_test_module_config();
+    if (cfg.empty()) return 1;
 
     void *h = dlopen(QVBENCH_TEST_MPM, RTLD_NOW);
     if (h == nullptr) {
@@ -160,6 +155,6 @@ int main() {
     m.end(&min, 0, ms);
     sec_end(&st, 0, csvc);
     sec_end(&st, 0, ssvc);
-    unlink(cfg);
+    unlink(cfg.c_str());
     return 0;
 }

@@ -121,7 +121,9 @@ int node_id_from(const char *env_file, const char *default_file, const char *mac
 extern "C" int cu_get_node_id_1(qv_uint64_t *id) {
     if (id == nullptr) return CU_E_BADARG;
     try {
-        return qvcu::node_id_from(getenv("QV_NODE_ID_FILE"), "/var/qv/cfg/node_id", "/etc/machine-id", id);
+        // A set-user-id program ignores the variable: it would let the user
+        // who started it choose the file read and the identity claimed.
+        return qvcu::node_id_from(secure_getenv("QV_NODE_ID_FILE"), "/var/qv/cfg/node_id", "/etc/machine-id", id);
     } catch (const std::bad_alloc &) {
         return CU_E_NOMEM;
     }

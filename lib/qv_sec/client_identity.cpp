@@ -82,6 +82,9 @@ qv_int32_t typed_id(const sec_ctx_token_desc &t, sec_status_t st, bool identity,
     // This routine reports an empty client id with 2650-068, which names
     // missing module data rather than an empty identity; callers match on it.
     if (a.length == 0) return sec_report(SEC_S_BAD_MPM, MSG_2650_068, mech_code(t));
+    // The typed buffer's length is 32 bits, header included.
+    if (a.length > INT32_MAX - sec__buff_tvm_len)
+        return sec_report(SEC_S_BAD_MPM, MSG_2650_034, "mpm_get_client_id", static_cast<int>(a.length), kRoutine);
     const size_t header = static_cast<size_t>(sec__buff_tvm_len);
     const size_t total = header + static_cast<size_t>(a.length);
     SecMallocPtr buf(static_cast<char *>(std::malloc(total)));

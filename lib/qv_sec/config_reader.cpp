@@ -84,29 +84,33 @@ qv_int32_t check_conflicts(sec_config_rec_t head, sec_config_rec_t rec) {
     return 0;
 }
 
-struct FdCloser {
-    int fd;
-    ~FdCloser() {
-        if (fd >= 0) {
-            // close() is a cancellation point; a destructor must not be cut short.
-            int old;
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
-            ::close(fd);
-            pthread_setcancelstate(old, nullptr);
-        }
-    }
-};
+// The size of the open file, which is the one that will be read. The caller's
+// len comes from a stat by name a moment earlier; a file replaced in between
+// would otherwise be read as a prefix of the new one, which may well parse.
+// In secure-execution mode a file that a less privileged user could have
+// written is refused before a byte of it is read.
+qv_uint32_t size_of_open_file(int fd, qv_int32_t *len) {
+    struct stat sb;
+    if (::fstat(fd, &sb) != 0) return config_error();
+    if (sec__secure_execution() && sec__file_distrust(&sb, ::geteuid()) != 0) return config_error();
+    if (sb.st_size < 0 || sb.st_size >= INT_MAX) return config_error();
+    *len = static_cast<qv_int32_t>(sb.st_size);
+    return 0;
+}
 
-// Reads len bytes of fname in one read() and parses them. On failure
+// Reads the open file fname in one read() and parses it. On failure
 // *fail_at points, in *original (when given), at the start of the record that
 // failed. The list is complete or not returned at all.
-qv_uint32_t read_and_parse(const char *fname, qv_int32_t len, sec_config_rec_t *recs, qv_int32_t *count,
-                           std::string *original, char **fail_at) {
-    FdCloser file{fname ? ::open(fname, O_RDONLY | O_CLOEXEC) : -1};
+qv_uint32_t read_and_parse(const char *fname, sec_config_rec_t *recs, qv_int32_t *count, std::string *original,
+                           char **fail_at) {
+    // O_NONBLOCK: a FIFO named as the configuration is refused (it has no
+    // size to read) instead of holding the process until someone writes.
+    SecFdCloser file{fname ? ::open(fname, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1};
     if (file.fd < 0) return config_error();
     *recs = nullptr;
     *count = 0;
-    if (len < 0 || len == INT_MAX) return config_error();
+    qv_int32_t len = 0;
+    if (qv_uint32_t rc = size_of_open_file(file.fd, &len)) return rc;
     std::unique_ptr<char, decltype(&free)> text(static_cast<char *>(calloc(static_cast<size_t>(len) + 1, 1)), &free);
     if (!text) return sec_report(SEC_S_NO_MEMORY, MSG_2650_004);
     if (::read(file.fd, text.get(), static_cast<size_t>(len)) != len) return config_error();
@@ -223,9 +227,11 @@ qv_int32_t sec__parse_config_rec(char *line, sec_config_rec_t *rec) {
     return 0;
 }
 
-qv_uint32_t sec__read_config_file(qv_int32_t len, sec_config_rec_t *recs, qv_int32_t *count) {
+// len is what sec__check_cfg_file saw; the file is read at the size of what
+// was opened (see size_of_open_file).
+qv_uint32_t sec__read_config_file(qv_int32_t /*len*/, sec_config_rec_t *recs, qv_int32_t *count) {
     char *fail_at = nullptr;
-    return read_and_parse(SEC_STATE.config.fname, len, recs, count, nullptr, &fail_at);
+    return read_and_parse(SEC_STATE.config.fname, recs, count, nullptr, &fail_at);
 }
 
 qv_uint32_t sec__validate_config_file(const char *path, sec_config_rec_t *recs, qv_int32_t *count,
@@ -233,12 +239,9 @@ qv_uint32_t sec__validate_config_file(const char *path, sec_config_rec_t *recs, 
     *recs = nullptr;
     *count = 0;
     *line = 0;
-    struct stat sb;
-    if (path == nullptr || ::stat(path, &sb) != 0) return config_error();
     std::string original;
     char *fail_at = nullptr;
-    qv_uint32_t rc =
-        read_and_parse(path, static_cast<qv_int32_t>(sb.st_size), recs, count, &original, &fail_at);
+    qv_uint32_t rc = read_and_parse(path, recs, count, &original, &fail_at);
     if (rc != 0 && fail_at != nullptr) {
         size_t offset = static_cast<size_t>(fail_at - original.data());
         *line = 1 + static_cast<qv_int32_t>(std::count(original.begin(), original.begin() + offset, '\n'));

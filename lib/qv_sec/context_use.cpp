@@ -1,6 +1,7 @@
 // Using a complete context: its attributes and lifetime, sealing and opening
 // data with its module (sealed bytes travel in a seal buffer that names the
 // mechanism), and ending it.
+#include <cstdint>
 #include <cstring>
 
 #include "context_token.h"
@@ -103,6 +104,13 @@ qv_int32_t prepare_data(sec_status_t st, sec_token_t ctoken, qv_uint32_t flags, 
     if (!authenticated(c)) return sec_report(SEC_S_AUTH_ERROR, MSG_2650_022);
     *out = sec_buffer_desc{0, nullptr};
     if (empty_input(in)) return sec_report(SEC_S_BAD_BUFFER, MSG_2650_027);
+    // Sealed data is at least as long as the data, and the seal buffer adds
+    // its header: input that cannot fit is refused before the module sees it,
+    // so the module's own state (its sequence number) does not advance for a
+    // seal that cannot be returned. A module whose overhead pushes a smaller
+    // input over the limit is caught by the wrap, which releases the output;
+    // refusing such input first is the module's part.
+    if (in->length > INT32_MAX - sec__buff_tvm_len) return sec_report(SEC_S_BAD_BUFFER, MSG_2650_027);
     sec_mpm_entry_t entry = c->mdata.mpm;
     if (entry == nullptr) return no_module();
 

@@ -2,10 +2,14 @@
 // write lock held, so no call into the module is under way. A failed load
 // leaves the entry reserved and unloaded; the next call tries again.
 #include <cerrno>
+#include <cstdio>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "config.h"
 #include "errors.h"
 #include "mpm.h"
 
@@ -18,6 +22,55 @@ std::string loader_message() {
     return text != nullptr ? text : kNoLoaderMessage;
 }
 
+// Secure-execution mode: the module is opened once, its owner and mode are
+// checked on the open descriptor, and the loader is given that very file
+// through /proc/self/fd, so a file swapped in after the check is never
+// loaded. A refused file is reported like a file that cannot be examined,
+// with errno EPERM.
+void *open_checked_module(sec_mpm_entry_t entry, const char *path, qv_uint32_t *rc) {
+    SecFdCloser file{::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)};  // a FIFO does not hold us
+    struct stat sb;
+    int err = file.fd < 0 || ::fstat(file.fd, &sb) != 0 ? errno : 0;
+    if (err == 0 && sec__file_distrust(&sb, ::geteuid()) != 0) err = EPERM;
+    if (err != 0 || sb.st_size == 0) {
+        if (sec_trace_on(SEC_TRC_ERRORS)) sec_mpm_trace_string(TRC_MPM_STAT_FAILED, entry, path);
+        *rc = sec_report(SEC_S_BAD_MPM, MSG_2650_050, path, err);
+        return nullptr;
+    }
+    char by_descriptor[32];
+    std::snprintf(by_descriptor, sizeof by_descriptor, "/proc/self/fd/%d", file.fd);
+    dlerror();
+    void *object = dlopen(by_descriptor, RTLD_NOW);
+    err = errno;
+    if (object == nullptr) {
+        std::string text = loader_message();
+        if (sec_trace_on(SEC_TRC_ERRORS)) sec_mpm_trace_string(TRC_MPM_DLOPEN_FAILED, entry, path, text.c_str());
+        *rc = sec_report(SEC_S_BAD_MPM, MSG_2650_051, path, err, text.c_str());
+    }
+    return object;
+}
+
+// stat, then dlopen by name. An empty file is refused before dlopen, with
+// errno as it stands.
+void *open_module(sec_mpm_entry_t entry, const char *path, qv_uint32_t *rc) {
+    struct stat sb;
+    if (::stat(path, &sb) != 0 || sb.st_size == 0) {
+        int err = errno;
+        if (sec_trace_on(SEC_TRC_ERRORS)) sec_mpm_trace_string(TRC_MPM_STAT_FAILED, entry, path);
+        *rc = sec_report(SEC_S_BAD_MPM, MSG_2650_050, path, err);
+        return nullptr;
+    }
+    dlerror();
+    void *object = dlopen(path, RTLD_NOW);
+    if (object == nullptr) {
+        int err = errno;
+        std::string text = loader_message();
+        if (sec_trace_on(SEC_TRC_ERRORS)) sec_mpm_trace_string(TRC_MPM_DLOPEN_FAILED, entry, path, text.c_str());
+        *rc = sec_report(SEC_S_BAD_MPM, MSG_2650_051, path, err, text.c_str());
+    }
+    return object;
+}
+
 }  // namespace
 
 extern "C" {
@@ -25,23 +78,9 @@ extern "C" {
 qv_uint32_t sec__load_mpm(sec_mpm_entry_t entry) {
     if (sec_trace_on(SEC_TRC_INFO)) sec_mpm_trace_record(TRC_MPM_LOAD_START, entry);
     const char *path = entry->path != nullptr ? entry->path : "";
-
-    // An empty file is refused before dlopen, with errno as it stands.
-    struct stat sb;
-    if (::stat(path, &sb) != 0 || sb.st_size == 0) {
-        int err = errno;
-        if (sec_trace_on(SEC_TRC_ERRORS)) sec_mpm_trace_string(TRC_MPM_STAT_FAILED, entry, path);
-        return sec_report(SEC_S_BAD_MPM, MSG_2650_050, path, err);
-    }
-
-    dlerror();
-    void *object = dlopen(path, RTLD_NOW);
-    if (object == nullptr) {
-        int err = errno;
-        std::string text = loader_message();
-        if (sec_trace_on(SEC_TRC_ERRORS)) sec_mpm_trace_string(TRC_MPM_DLOPEN_FAILED, entry, path, text.c_str());
-        return sec_report(SEC_S_BAD_MPM, MSG_2650_051, path, err, text.c_str());
-    }
+    qv_uint32_t rc = 0;
+    void *object = sec__secure_execution() ? open_checked_module(entry, path, &rc) : open_module(entry, path, &rc);
+    if (object == nullptr) return rc;
     entry->object = object;
     if (sec_trace_on(SEC_TRC_INFO)) sec_mpm_trace_record(TRC_MPM_DLOPEN_DONE, entry);
 

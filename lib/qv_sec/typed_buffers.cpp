@@ -1,6 +1,8 @@
 // The CCDB and the seal buffer: the typed buffers that carry a module's
 // opaque bytes to the peer. Wrapping adds the header, unwrapping checks and
 // strips it, so a module only ever sees its own bytes.
+#include <cstdint>
+
 #include "byte_io.h"
 #include "errors.h"
 
@@ -10,12 +12,14 @@ constexpr int kCcdbVersion2 = 2;
 
 qv_int32_t bad_buffer() { return sec_report(SEC_S_BAD_BUFFER, MSG_2650_005); }
 
-// The body of a module buffer; a negative length or a NULL value with a
-// length is corrupt.
-bool module_bytes(sec_buffer_t b, std::span<const uint8_t> &out) {
+// The body of a module buffer that is to get a header of `header` bytes; a
+// negative length, a NULL value with a length, or a length that leaves no
+// room for the header in a buffer's 32-bit length is corrupt. The last is
+// found before a byte is copied: a module may claim more than it wrote.
+bool module_bytes(sec_buffer_t b, qv_int32_t header, std::span<const uint8_t> &out) {
     out = {};
     if (b == nullptr || b->length == 0) return true;
-    if (b->length < 0 || b->value == nullptr) return false;
+    if (b->length < 0 || b->value == nullptr || b->length > INT32_MAX - header) return false;
     out = {static_cast<const uint8_t *>(b->value), static_cast<size_t>(b->length)};
     return true;
 }
@@ -39,7 +43,8 @@ qv_int32_t sec__wrap_mech_ccdb(sec_buffer_t mccdb, qv_uint32_t mech, int version
     ccdb->value = nullptr;
     std::span<const uint8_t> body;
     // A module that hands back a corrupt buffer is refused, not copied from.
-    if (!module_bytes(mccdb, body)) return bad_buffer();
+    if (!module_bytes(mccdb, version == kCcdbVersion2 ? sec__buff_tvms_len : sec__buff_tvm_len, body))
+        return bad_buffer();
     ByteWriter w;
     w.u8(SEC_BUF_CCDB);
     w.u8(static_cast<uint8_t>(version));
@@ -87,7 +92,7 @@ qv_int32_t sec__wrap_seal_buff(sec_buffer_t in, qv_uint32_t mech, int version, s
     out->length = 0;
     out->value = nullptr;
     std::span<const uint8_t> body;
-    if (!module_bytes(in, body)) return bad_buffer();
+    if (!module_bytes(in, sec__buff_tvm_len, body)) return bad_buffer();
     ByteWriter w;
     w.u8(SEC_BUF_SEAL);
     w.u8(static_cast<uint8_t>(version));

@@ -72,8 +72,9 @@ int ComponentRegistry::register_component(std::string_view name, tr_detail_level
             {c.category_id, c.category_name ? c.category_name : "", c.minimum_level_of_detail});
     }
     // QV_TRACE is read at each registration so that a process can set it
-    // before starting a component.
-    const char *env = std::getenv("QV_TRACE");
+    // before starting a component. A set-user-id program ignores it: the
+    // variable belongs to the less privileged user who started it.
+    const char *env = secure_getenv("QV_TRACE");
     ParsedSettings from_env = parse_level_settings(env ? env : "");
 
     std::lock_guard lock(mutex_);

@@ -31,8 +31,10 @@ bool write_whole(int fd, std::span<const uint8_t> bytes) {
 }  // namespace
 
 TraceFile::TraceFile(const std::string &path) {
-    // Owner only: records may hold the contents of buffers.
-    fd_ = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    // Owner only: records may hold the contents of buffers. A symbolic link
+    // is not followed: whoever can plant one where the file is expected
+    // would otherwise choose which file a privileged process appends to.
+    fd_ = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd_ < 0)
         return;
     struct stat st;
@@ -87,7 +89,9 @@ TraceFile *process_trace_file() {
     // Never destroyed, so that records written from exit handlers still
     // reach the file.
     static TraceFile *const file = []() -> TraceFile * {
-        const char *path = std::getenv("QV_TRACE_FILE");
+        // Ignored in secure-execution mode (set-user-id and the like): the
+        // environment then belongs to a less privileged user.
+        const char *path = secure_getenv("QV_TRACE_FILE");
         return path && *path ? new TraceFile(path) : nullptr;
     }();
     return file;

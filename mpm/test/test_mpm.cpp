@@ -6,6 +6,7 @@
 // Built in variants: QVTEST_NO_GET_CTX_FLAGS leaves out mpm_get_ctx_flags,
 // QVTEST_NO_INIT leaves out mpm_init.
 #include <cstdint>
+#include <fcntl.h>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -128,6 +129,7 @@ public:
             len = static_cast<size_t>(b_.output_len);
         }
         fill(out, src, len);
+        if (b_.claim_len != 0 && out->value != nullptr) out->length = b_.claim_len;
     }
     static void fill(sec_buffer_t out, const void *src, size_t len) {
         out->length = 0;
@@ -228,6 +230,12 @@ QVTEST_EXPORT long qvtest_mpm_live_buffers(void) { return __atomic_load_n(&g_liv
 void mpm_init(void) {
     Call c(QVTEST_MPM_INIT, nullptr);
     c.maybe_block();
+    // Leaves a trace on disk for tests that run the library in another
+    // process (a set-user-id program): the file exists once this ran.
+    if (const char *marker = getenv("QVTEST_MPM_INIT_MARKER")) {
+        int fd = open(marker, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (fd >= 0) close(fd);
+    }
 }
 #endif
 

@@ -7,6 +7,7 @@
 #include <utime.h>
 #include <vector>
 
+#include "child_process.h"
 #include "config.h"
 #include "errors.h"
 #include "library_init.h"
@@ -183,6 +184,39 @@ TEST_F(ConfigReader, FailedRereadKeepsOldRecords) {
     set_mtime(rtime + 6);
     EXPECT_EQ(sec__read_config(), 0u);
     EXPECT_EQ(SEC_STATE.config.count, 2);
+}
+
+// The size a caller took from the name a moment earlier may belong to a file
+// that has since been replaced: the file is read whole as it was opened,
+// never cut to a prefix of the new one, nor refused for having shrunk.
+TEST_F(ConfigReader, ReadsTheOpenedFileWhateverSizeWasSeenBefore) {
+    const std::string text = "1 a 1 /a i\n2 b 2 /b u\n";
+    use_file(text);
+    const std::vector<Rec> both{{1, "a", 1, "/a", 1}, {2, "b", 2, "/b", 2}};
+    for (qv_int32_t seen : {11, static_cast<qv_int32_t>(text.size()) + 40}) {
+        SCOPED_TRACE(seen);
+        sec_config_rec_t recs = nullptr;
+        qv_int32_t count = 0;
+        ASSERT_EQ(sec__read_config_file(seen, &recs, &count), 0u);
+        std::swap(recs, SEC_STATE.config.cfg_recs);
+        EXPECT_EQ(records(), both);
+        EXPECT_EQ(count, 2);
+        reset();
+    }
+}
+
+// A FIFO has nothing to read: refused at once, not waited on for a writer.
+TEST_F(ConfigReader, FifoIsRefusedWithoutWaiting) {
+    std::string fifo = dir_.path() + "/fifo.cfg";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    int rc = qvtest::run_in_child(
+        [&] {
+            free(SEC_STATE.config.fname);
+            SEC_STATE.config.fname = strdup(fifo.c_str());
+            return static_cast<int>(sec__read_config());
+        },
+        std::chrono::seconds(10));
+    EXPECT_EQ(rc, 21);
 }
 
 TEST_F(ConfigReader, MarksEntriesNotConfigured) {

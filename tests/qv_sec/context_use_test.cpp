@@ -3,6 +3,11 @@
 // messages.
 #include <gtest/gtest.h>
 
+#include <sys/uio.h>
+
+#include <cstdint>
+#include <functional>
+
 #include "context_test_harness.h"
 #include "sec_test_util.h"
 
@@ -89,6 +94,7 @@ TEST_F(ContextUse, PrepareDataChecks) {
     View in(text("data"));
     Out out;
     sec_buffer_desc empty{0, nullptr};
+    sec_buffer_desc unsealable{INT32_MAX - 5, in.d.value};  // claims far more than it holds
     sec_ctx_token_desc identity = *static_cast<sec_ctx_token_t>(ctx_);
     identity.state |= SEC_CTX_S_IDENTITY;
     sec_ctx_token_desc incomplete = *static_cast<sec_ctx_token_t>(ctx_);
@@ -111,6 +117,7 @@ TEST_F(ContextUse, PrepareDataChecks) {
         {"other bits only", &st_, ctx_, 0x0040ffff, in.get(), 4, MSG_2650_002},
         {"no input", &st_, ctx_, SEC_F_PROTECT_MODE2, nullptr, 4, MSG_2650_002},
         {"empty input", &st_, ctx_, SEC_F_PROTECT_MODE2, &empty, 7, MSG_2650_027},
+        {"input whose seal cannot fit", &st_, ctx_, SEC_F_PROTECT_MODE2, &unsealable, 7, MSG_2650_027},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -142,6 +149,34 @@ TEST_F(ContextUse, PrepareDataPassesOnlyTheModeBits) {
     EXPECT_EQ(sec_prepare_data(&st_, ctx_, SEC_F_PROTECT_MODE1, in.get(), out.get()), SEC_S_MPM_FAILURE);
     EXPECT_TRUE(out.empty());
     EXPECT_STREQ(st_.desc, "mpm_prepare_data");
+}
+
+// A module that claims an output too long for a header to be added: the
+// caller gets code 7 and nothing, the module gets its buffer back.
+TEST_F(ContextUse, OversizedModuleOutputIsRefusedAndReleased) {
+    View in(text("data"));
+    struct iovec element{in.d.value, 4};
+    struct Case {
+        int routine;
+        std::function<qv_int32_t(sec_buffer_t)> call;
+    } cases[] = {
+        {QVTEST_MPM_PREPARE_DATA,
+         [&](sec_buffer_t out) { return sec_prepare_data(&st_, ctx_, SEC_F_PROTECT_MODE1, in.get(), out); }},
+        {QVTEST_MPM_SIGN_DATA_V, [&](sec_buffer_t out) { return sec_sign_data_v(&st_, ctx_, 1, &element, out); }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.routine);
+        long buffers = m_.live_buffers();
+        m_.behaviour(c.routine).output_len = 4;
+        for (qv_int32_t claim : {INT32_MAX, INT32_MAX - 5}) {
+            m_.behaviour(c.routine).claim_len = claim;
+            Out out;
+            EXPECT_EQ(c.call(out.get()), SEC_S_BAD_BUFFER);
+            EXPECT_EQ(last_message(), MSG_2650_005);
+            EXPECT_TRUE(out.empty());
+            EXPECT_EQ(m_.live_buffers(), buffers);
+        }
+    }
 }
 
 TEST_F(ContextUse, ProcessDataChecks) {

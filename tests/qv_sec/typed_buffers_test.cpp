@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -144,12 +145,30 @@ TEST(TypedBuffers, SealRoundTripAndRefusals) {
     }
 }
 
+// Refused before a byte is copied: the oversized lengths claim far more than
+// the 4 bytes behind them, and a header added to them would not fit.
 TEST(TypedBuffers, CorruptModuleBufferIsRefused) {
-    sec_buffer_desc corrupt{-4, nullptr};
-    qvtest::SecBuffer out;
-    EXPECT_EQ(sec__wrap_seal_buff(&corrupt, 1, 2, &out.d), 7);
-    EXPECT_EQ(sec__wrap_mech_ccdb(&corrupt, 1, 2, 1, 0, &out.d), 7);
-    EXPECT_EQ(out.d.value, nullptr);
+    Bytes four{1, 2, 3, 4};
+    struct Case {
+        const char *what;
+        sec_buffer_desc in;
+        int ccdb_version;
+        bool seal_too;  // the seal buffer's header is 6 bytes
+    } cases[] = {
+        {"negative length", {-4, nullptr}, 2, true},
+        {"no room for a 6-byte header", {INT32_MAX - 5, four.data()}, 1, true},
+        {"no room for an 8-byte header", {INT32_MAX - 7, four.data()}, 2, false},
+    };
+    for (Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        qvtest::SecBuffer out;
+        EXPECT_EQ(sec__wrap_mech_ccdb(&c.in, 1, c.ccdb_version, 1, 0, &out.d), 7);
+        if (c.seal_too) {
+            EXPECT_EQ(sec__wrap_seal_buff(&c.in, 1, 2, &out.d), 7);
+        }
+        EXPECT_EQ(out.d.value, nullptr);
+        EXPECT_EQ(out.d.length, 0);
+    }
 }
 
 }  // namespace

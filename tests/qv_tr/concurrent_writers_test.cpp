@@ -2,8 +2,6 @@
 // every record must come back whole, in each thread's own order.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +9,7 @@
 #include <map>
 #include <thread>
 
+#include "child_process.h"
 #include "qv_tr.h"
 #include "test_support.h"
 #include "trace_test_util.h"
@@ -58,18 +57,7 @@ pid_t start_writer_process(const std::string &path, uint32_t first_writer, uint3
     _exit(failures == 0 ? 0 : 1);
 }
 
-void wait_for(pid_t pid) {
-    int status = -1;
-    bool done = qvtest::wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; },
-                                   std::chrono::seconds(120));
-    if (!done) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-        ADD_FAILURE() << "writer process " << pid << " did not finish";
-        return;
-    }
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-}
+void wait_for(pid_t pid) { EXPECT_EQ(qvtest::wait_bounded(pid, std::chrono::seconds(120)), 0); }
 
 void expect_all_records(const std::string &path, uint32_t writers) {
     uint64_t damage = 0;

@@ -2,13 +2,14 @@
 // exit status.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <cstring>
 
+#include "child_process.h"
+#include "qv_tr.h"
 #include "test_support.h"
 #include "trace_format.h"
 
@@ -16,43 +17,9 @@ namespace {
 
 using qvtr::PayloadKind;
 
-struct ToolRun {
-    int status = -1;  // exit status, or -1
-    std::string out, err;
-};
+using qvtest::ToolRun;
 
-ToolRun run_qvtrace(const std::vector<std::string> &args) {
-    qvtest::TempDir dir;
-    std::string out = dir.path() + "/out", err = dir.path() + "/err";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    std::vector<char *> argv{const_cast<char *>(QVTRACE_PATH)};
-    for (const std::string &a : args)
-        argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid;
-    ToolRun run;
-    int rc = posix_spawn(&pid, QVTRACE_PATH, &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) {
-        ADD_FAILURE() << "cannot start " << QVTRACE_PATH;
-        return run;
-    }
-    int status = 0;
-    if (!qvtest::wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; },
-                            std::chrono::seconds(60))) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-        ADD_FAILURE() << "qvtrace did not finish";
-        return run;
-    }
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = qvtest::read_file(out);
-    run.err = qvtest::read_file(err);
-    return run;
-}
+ToolRun run_qvtrace(const std::vector<std::string> &args) { return qvtest::run_tool(QVTRACE_PATH, args); }
 
 std::string header() {
     std::string out(qvtr::kFileHeaderSize, '\0');
@@ -151,6 +118,50 @@ TEST(Qvtrace, UsageAndUnreadableFiles) {
             EXPECT_EQ(run.err, "");
         }
     }
+}
+
+// A write the file system cuts short (the file size limit here, a full
+// disk elsewhere) and writes that fail outright: the writer goes on, and
+// the reader finds every whole record around the torn one.
+TEST(Qvtrace, ReadsAroundAShortWrite) {
+    qvtest::TempDir dir;
+    std::string path = dir.path() + "/short.trc";
+    std::string big(100, 'x');
+    int rc = qvtest::run_in_child([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        setenv("QV_TRACE_FILE", path.c_str(), 1);
+        if (tr_record_id_1("_SEA", 1) != TR_OK)
+            return 1;
+        struct stat sb;
+        struct rlimit old;
+        if (stat(path.c_str(), &sb) != 0 || getrlimit(RLIMIT_FSIZE, &old) != 0)
+            return 2;
+        struct rlimit tight = old;
+        tight.rlim_cur = rlim_t(sb.st_size) + 20;
+        if (setrlimit(RLIMIT_FSIZE, &tight) != 0)
+            return 3;
+        if (tr_record_data_1("_SEA", 2, 1, big.data(), big.size()) != TR_E_FILE)  // 20 bytes land
+            return 4;
+        if (tr_record_id_1("_SEA", 3) != TR_E_FILE)  // nothing lands
+            return 5;
+        if (setrlimit(RLIMIT_FSIZE, &old) != 0)
+            return 6;
+        return tr_record_id_1("_SEA", 4) == TR_OK ? 0 : 7;
+    });
+    ASSERT_EQ(rc, 0);
+    ToolRun run = run_qvtrace({path});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.out.find(" _SEA id=1 "), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("damaged record at offset"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find(" _SEA id=4 "), std::string::npos) << run.out;
+    EXPECT_EQ(run.out.find(" _SEA id=2 "), std::string::npos) << run.out;
+
+    // A full device: every write fails, the caller only sees the code.
+    rc = qvtest::run_in_child([] {
+        setenv("QV_TRACE_FILE", "/dev/full", 1);
+        return tr_record_id_1("_SEA", 1) == TR_E_FILE && tr_record_strings_1("_SEA", 2, 1, "s") == TR_E_FILE ? 0 : 1;
+    });
+    EXPECT_EQ(rc, 0);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // the reader, and the file that the record routines write.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -12,6 +13,7 @@
 
 #include "internal.h"
 #include "qv_tr.h"
+#include "child_process.h"
 #include "test_support.h"
 #include "trace_test_util.h"
 
@@ -225,14 +227,7 @@ TEST(TraceFile, WritesHeaderOnceAndWholeRecords) {
 
 // The record routines read QV_TRACE_FILE once per process, so each case runs
 // in a child of its own. The child's exit status is its first failed check.
-int run_in_child(const std::function<int()> &body) {
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(body());
-    int status = 0;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 100;
-}
+using qvtest::run_in_child;
 
 TEST(RecordRoutines, NoFileWithoutQvTraceFile) {
     qvtest::TempDir dir;
@@ -285,6 +280,13 @@ TEST(RecordRoutines, WriteEveryKindToQvTraceFile) {
             return 6;
         if (tr_record_id_1(std::string(256, 'c').c_str(), 16) != TR_E_ARGUMENT)
             return 7;
+        // The descriptor does not leak into programs the process runs.
+        for (const auto &fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code ec;
+            if (std::filesystem::read_symlink(fd.path(), ec) == path &&
+                !(fcntl(std::stoi(fd.path().filename()), F_GETFD) & FD_CLOEXEC))
+                return 8;
+        }
         return 0;
     });
     ASSERT_EQ(rc, 0);
@@ -299,6 +301,20 @@ TEST(RecordRoutines, WriteEveryKindToQvTraceFile) {
               (std::vector<std::string>{std::string("sec_start\0", 10), "", std::string(1, '\0')}));
     EXPECT_EQ(records[3].component, "_NOT_REGISTERED");
     EXPECT_TRUE(records[3].items.empty());
+}
+
+// A link planted where the trace file is expected is not followed: the
+// records are dropped and the file it points to is not created.
+TEST(RecordRoutines, SymbolicLinkIsNotFollowed) {
+    qvtest::TempDir dir;
+    std::string target = dir.path() + "/target", link = dir.path() + "/trace";
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    int rc = run_in_child([&] {
+        setenv("QV_TRACE_FILE", link.c_str(), 1);
+        return tr_record_id_1("_SEA", 1) == TR_E_FILE ? 0 : 1;
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_FALSE(std::filesystem::exists(target));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define QV_SWEEP 0
@@ -20,6 +21,10 @@ namespace {
 std::atomic<long> g_countdown{-1};  // allocations left before they fail; -1: never fail
 std::atomic<bool> g_failed{false};  // whether the current run saw a failure
 std::atomic<long> g_live{0};        // blocks allocated and not yet freed
+std::atomic<const void *> g_watched{nullptr};  // the block watch_free waits for
+size_t g_watched_size = 0;
+unsigned char g_freed[64];
+std::atomic<size_t> g_freed_size{0};
 }  // namespace
 
 #if QV_SWEEP
@@ -55,6 +60,11 @@ void *realloc(void *p, size_t n) {
 }
 void free(void *p) {
     if (p != nullptr) --g_live;
+    if (p != nullptr && p == g_watched.load()) {
+        std::memcpy(g_freed, p, g_watched_size);
+        g_freed_size = g_watched_size;
+        g_watched = nullptr;
+    }
     __libc_free(p);
 }
 }
@@ -72,6 +82,14 @@ bool failing_allocator_active() {
     free(p);
     return p == nullptr;
 }
+
+void watch_free(const void *p, size_t n) {
+    g_watched_size = n < sizeof g_freed ? n : sizeof g_freed;
+    g_freed_size = 0;
+    g_watched = p;
+}
+
+std::string freed_bytes() { return std::string(reinterpret_cast<const char *>(g_freed), g_freed_size); }
 
 void alloc_failure_sweep(const std::function<int()> &step, const std::function<void(int, bool)> &check,
                          const std::function<void()> &warm) {

@@ -4,7 +4,9 @@
 // and the blocks still live are counted.
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <string>
 
 namespace qvtest {
 
@@ -21,5 +23,11 @@ bool failing_allocator_active();
 // Skips the test when the failing allocator is not in use.
 void alloc_failure_sweep(const std::function<int()> &step, const std::function<void(int rc, bool failed)> &check,
                          const std::function<void()> &warm = nullptr);
+
+// Keeps a copy of the first bytes (at most 64) of block p as they are when p
+// is freed, to check that secrets were wiped first; freed_bytes() gives what
+// was seen (empty until p is freed). Needs the failing allocator.
+void watch_free(const void *p, size_t n);
+std::string freed_bytes();
 
 }  // namespace qvtest

@@ -45,6 +45,8 @@ typedef struct qvtest_mpm_behaviour {
     char name[QVTEST_MPM_MAX_BYTES]; /* name routines and mpm_get_ctx_mpm: the answer ("" = default) */
     qv_int32_t name_len;   /* -1: strlen(name) + 1 (mpm_get_client_id: strlen); else reported as is */
     qv_uint32_t value;     /* *lifetime, *flags or *rflags where the routine has one */
+    qv_int32_t claim_len;  /* not 0: an output buffer is handed back claiming this length, whatever
+                              its bytes (a module that lies about its output) */
 } qvtest_mpm_behaviour_t;
 
 /* What one routine was last called with. */

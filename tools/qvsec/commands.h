@@ -12,11 +12,15 @@ struct Command {
     const char *usage;    // one line, after "qvsec "
     const char *summary;  // what it does
     int (*run)(const Args &args);
+    const char *help = nullptr;  // the full usage when one line is not enough
 };
 
 int run_config(const Args &args);
 int run_mechs(const Args &args);
 int run_mac(const Args &args);
+
+// The usage of `qvsec mac`, one line per form.
+extern const char *const kMacUsage;
 
 // The formatted text of the calling thread's error record (catalogue or
 // default text), without a trailing newline.

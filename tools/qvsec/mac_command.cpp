@@ -20,12 +20,12 @@
 #include "commands.h"
 #include "qv_sec.h"
 
-namespace {
-
-constexpr const char *kUsage =
+const char *const kMacUsage =
     "usage: qvsec mac keygen KEYFILE\n"
     "       qvsec mac sign KEYFILE FILE [TOKENFILE]\n"
     "       qvsec mac verify KEYFILE FILE TOKENFILE\n";
+
+namespace {
 
 // Key files are small; anything larger is not one, and is not read whole.
 constexpr size_t kKeyFileLimit = 4096;
@@ -192,6 +192,6 @@ int run_mac(const Args &args) {
     if ((args.size() == 3 || args.size() == 4) && args[0] == "sign")
         return sign(args[1], args[2], args.size() == 4 ? &args[3] : nullptr);
     if (args.size() == 4 && args[0] == "verify") return verify(args[1], args[2], args[3]);
-    std::fputs(kUsage, stderr);
+    std::fputs(kMacUsage, stderr);
     return kExitUsage;
 }

@@ -14,7 +14,7 @@ const Command kCommands[] = {
      run_config},
     {"mechs", "mechs [--load]",
      "list the configured mechanisms; with --load, load each module and list the routines it exports", run_mechs},
-    {"mac", "mac keygen|sign|verify ...", "make a shared DES key, sign a file with it or verify a file's token", run_mac},
+    {"mac", "mac keygen|sign|verify ...", "make a shared DES key, sign a file with it or verify a file's token", run_mac, kMacUsage},
 };
 
 void usage(FILE *out) {
@@ -36,14 +36,30 @@ std::string current_error_message() {
     return text;
 }
 
+bool asks_for_help(const char *arg) {
+    return !std::strcmp(arg, "-h") || !std::strcmp(arg, "--help") || !std::strcmp(arg, "help");
+}
+
 int main(int argc, char **argv) {
-    if (argc < 2 || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "--help") ||
-        !std::strcmp(argv[1], "help")) {
+    if (argc < 2 || asks_for_help(argv[1])) {
         usage(argc < 2 ? stderr : stdout);
         return argc < 2 ? kExitUsage : kExitOk;
     }
+    if (!std::strcmp(argv[1], "--version")) {
+        std::printf("qvsec %s\n", QVSEC_VERSION);
+        return kExitOk;
+    }
     for (const Command &c : kCommands) {
-        if (std::strcmp(argv[1], c.name) == 0) return c.run(Args(argv + 2, argv + argc));
+        if (std::strcmp(argv[1], c.name) != 0) continue;
+        // Help asked for on purpose goes to standard output, with success.
+        if (argc == 3 && asks_for_help(argv[2])) {
+            if (c.help != nullptr)
+                std::fputs(c.help, stdout);
+            else
+                std::printf("usage: qvsec %s\n  %s\n", c.usage, c.summary);
+            return kExitOk;
+        }
+        return c.run(Args(argv + 2, argv + argc));
     }
     std::fprintf(stderr, "qvsec: unknown command '%s'\n", argv[1]);
     usage(stderr);
