@@ -1,6 +1,9 @@
 // Outside bytes the "local" module reads: the client's hello (service side),
-// the service's reply (client side), sealed messages and signatures. The
-// first byte picks the reader; the rest is the input. The token readers are
+// the service's reply (client side), sealed messages, signatures, the
+// identity token of mpm_login_as_user and the "<user>@<host>" names of
+// identity contexts. The first byte picks the reader; the rest is the input
+// (for the last two, after an option byte that lets seeds name this host
+// and this process's user on any machine). The token readers are
 // called directly and through the module's routines, on contexts whose
 // sockets are real, so every check after parsing runs too.
 #include <sys/socket.h>
@@ -8,6 +11,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <string>
 #include <vector>
 
 #include "local_mech.h"
@@ -48,6 +53,62 @@ Established &pair() {
     return e;
 }
 
+// Option byte, bit 0: the token's uid becomes this process's; bit 1: this
+// host's name is appended. Accepted exactly when the version is 1, the uid
+// is the process's own and the host part is this host's name.
+void login_token(const std::vector<uint8_t> &in) {
+    if (in.empty()) return;
+    std::vector<uint8_t> token(in.begin() + 1, in.end());
+    const uint32_t own = qvlocal::own_credentials().uid;
+    if ((in[0] & 1) && token.size() >= 5)
+        for (int i = 0; i < 4; ++i) token[1 + i] = static_cast<uint8_t>(own >> (24 - 8 * i));
+    if (in[0] & 2) token.insert(token.end(), qvlocal::host_name().begin(), qvlocal::host_name().end());
+    sec_buffer_desc id = as_buffer(token);
+    qv_uint32_t minor = 0;
+    qv_uint32_t rc = mpm_login_as_user(&minor, &id, nullptr, 0, g_service);
+    qv_uint32_t want = qvlocal::kNotPermitted;
+    if (token.size() < 9 || token[0] != 1) {
+        want = qvlocal::kBadToken;
+    } else {
+        uint32_t uid = static_cast<uint32_t>(token[1]) << 24 | token[2] << 16 | token[3] << 8 | token[4];
+        std::string host(token.begin() + 9, token.end());
+        if (uid == own && host == qvlocal::host_name()) want = qvlocal::kOk;
+    }
+    if (rc != want) __builtin_trap();
+}
+
+// Option byte, bit 0: "@" and this host's name are appended. A name of
+// another host is refused as such whatever the user part holds; a name that
+// is accepted gives an identity context that answers with a network name
+// of this host.
+void name_of_identity(const std::vector<uint8_t> &in) {
+    if (in.empty()) return;
+    std::string name(in.begin() + 1, in.end());
+    if (in[0] & 1) name += "@" + qvlocal::host_name();
+    name.resize(strnlen(name.c_str(), name.size()));  // as a C string
+    void *ctx = nullptr;
+    qv_uint32_t minor = 0;
+    qv_uint32_t rc = mpm_create_id_context(&minor, MPM_IDCTX_FROM_NAME, name.data(), &ctx);
+    size_t at = name.rfind('@');
+    bool this_host = at != std::string::npos && name.substr(at + 1) == qvlocal::host_name();
+    if (name.empty() || name.size() > 4096) {
+        if (rc != qvlocal::kBadArgument) __builtin_trap();
+    } else if (!this_host) {
+        if (rc != qvlocal::kUnknownName || minor != 3) __builtin_trap();
+    } else if (rc != qvlocal::kOk && rc != qvlocal::kUnknownName) {
+        __builtin_trap();
+    }
+    if ((rc == qvlocal::kOk) != (ctx != nullptr)) __builtin_trap();
+    if (ctx == nullptr) return;
+    char answer[8192];
+    qv_int32_t len = sizeof answer;
+    if (mpm_get_client_name(&minor, ctx, &len, answer) != qvlocal::kOk) __builtin_trap();
+    std::string got(answer, strnlen(answer, sizeof answer));
+    if (got.size() <= qvlocal::host_name().size() + 1 || got.substr(got.size() - qvlocal::host_name().size() - 1) != "@" + qvlocal::host_name())
+        __builtin_trap();
+    if (mpm_end_context(&minor, ctx) != qvlocal::kOk) __builtin_trap();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -56,7 +117,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::vector<uint8_t> in(data + 1, data + size);
     sec_buffer_desc buf = as_buffer(in);
     qv_uint32_t minor = 0;
-    switch (data[0] % 5) {
+    switch (data[0] % 7) {
     case 0: {
         qvlocal::ClientHello h;
         (void)qvlocal::read_client_hello(in, h, &minor);
@@ -86,7 +147,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     case 2:
     case 3: {
         sec_buffer_desc out{0, nullptr};
-        mpm_process_data(&minor, data[0] % 5 == 2 ? p.server : p.client, &buf, &out);
+        mpm_process_data(&minor, data[0] % 7 == 2 ? p.server : p.client, &buf, &out);
         mpm_release_buffer(&minor, &out);
         break;
     }
@@ -95,6 +156,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         mpm_verify_data_v(&minor, p.server, &buf, 1, &v);
         break;
     }
+    case 5:
+        login_token(in);
+        break;
+    case 6:
+        name_of_identity(in);
+        break;
     }
     return 0;
 }
