@@ -11,6 +11,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -35,17 +37,23 @@ sec_buffer_desc as_buffer(const std::vector<uint8_t> &v) {
 Established &pair() {
     static Established e = [] {
         Established p;
-        qv_uint32_t minor, rflags;
-        mpm_init();
-        mpm_start(&minor, 0, &g_service);
-        socketpair(AF_UNIX, SOCK_STREAM, 0, p.fd);
-        sec_socket_info_desc ci{p.fd[0], qvlocal::kSocketLocal, nullptr}, si{p.fd[1], qvlocal::kSocketLocal, nullptr};
-        mpm_set_ctx_attribute(&minor, g_service, MPM_ATTR_SOCKET_INFO, &ci, &p.client);
-        mpm_set_ctx_attribute(&minor, g_service, MPM_ATTR_SOCKET_INFO, &si, &p.server);
+        qv_uint32_t minor = 0, rflags = 0;
+        // Without a complete pair no input could reach the checks after
+        // parsing: stop rather than run checks that cannot fail.
         sec_buffer_desc hello{0, nullptr}, reply{0, nullptr}, none{0, nullptr};
-        mpm_start_sec_context(&minor, g_service, nullptr, nullptr, 0, &p.client, &hello);
-        mpm_receive_sec_context(&minor, g_service, &hello, &p.server, &reply, &rflags);
-        mpm_complete_sec_context(&minor, &reply, p.client, &none);
+        mpm_init();
+        bool ok = mpm_start(&minor, 0, &g_service) == 0 &&
+                  socketpair(AF_UNIX, SOCK_STREAM, 0, p.fd) == 0;
+        sec_socket_info_desc ci{p.fd[0], qvlocal::kSocketLocal, nullptr}, si{p.fd[1], qvlocal::kSocketLocal, nullptr};
+        ok = ok && mpm_set_ctx_attribute(&minor, g_service, MPM_ATTR_SOCKET_INFO, &ci, &p.client) == 0 &&
+             mpm_set_ctx_attribute(&minor, g_service, MPM_ATTR_SOCKET_INFO, &si, &p.server) == 0 &&
+             mpm_start_sec_context(&minor, g_service, nullptr, nullptr, 0, &p.client, &hello) == qvlocal::kContinue &&
+             mpm_receive_sec_context(&minor, g_service, &hello, &p.server, &reply, &rflags) == qvlocal::kOk &&
+             mpm_complete_sec_context(&minor, &reply, p.client, &none) == qvlocal::kOk;
+        if (!ok) {
+            std::fprintf(stderr, "no established pair of local contexts (minor status %u)\n", minor);
+            std::abort();
+        }
         mpm_release_buffer(&minor, &hello);
         mpm_release_buffer(&minor, &reply);
         return p;
