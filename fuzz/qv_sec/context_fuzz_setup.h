@@ -1,11 +1,11 @@
 // What the context fuzzers share: the test modules configured as mechanisms
 // A and B through a temporary configuration file named in QV_SEC_CONFIG
 // before the library's first call, a client and a server service token, and
-// control of module A's behaviour. The modules are looked up beside the
-// fuzzer's build tree (built there when tests are on) or in the sibling
-// default build tree; QV_FUZZ_TEST_MPM_DIR names another directory. Without
-// them the configured paths fail to load and the fuzzers still cover every
-// step before the load.
+// control of module A's behaviour. The modules are looked up in the
+// fuzzer's build tree (every fuzz and test build makes them) or in the
+// sibling default build tree; QV_FUZZ_TEST_MPM_DIR names another directory.
+// Without them no input could get past the module lookup, so the fuzzer
+// stops at once rather than run checks that cannot fail.
 #pragma once
 
 #include <cstdint>
@@ -77,13 +77,55 @@ inline const Setup &setup() {
             r.live_handles = reinterpret_cast<long (*)()>(dlsym(h, "qvtest_mpm_live_handles"));
             r.live_buffers = reinterpret_cast<long (*)()>(dlsym(h, "qvtest_mpm_live_buffers"));
         } else {
-            std::fprintf(stderr, "test module not found in %s: module calls will fail to load\n", dir.c_str());
+            std::fprintf(stderr, "test module not found in %s: %s\n", dir.c_str(), dlerror());
+            abort();
         }
         sec_status_desc st{};
         if (sec_start(&st, 0, &r.client_svc) != 0 || sec_start(&st, 0, &r.server_svc) != 0) abort();
         return r;
     }();
     return s;
+}
+
+// The setup with module A back to its defaults, as every input starts.
+inline const Setup &fresh_setup() {
+    const Setup &s = setup();
+    s.reset_module();
+    return s;
+}
+
+// A client and a server context that a real one-round exchange over module
+// A established, made once and kept for every input (nothing an input does
+// to them may end them).
+struct ContextPair {
+    sec_token_t client = nullptr;
+    sec_token_t server = nullptr;
+};
+
+inline const ContextPair &established_pair() {
+    static ContextPair c = [] {
+        const Setup &s = setup();
+        ContextPair r;
+        s.reset_module();
+        if (qvtest_mpm_behaviour_t *b = s.behaviour(QVTEST_MPM_START_SEC_CONTEXT)) b->continue_rounds = 1;
+        static const uint8_t list_bytes[] = {0x81, 1, 0x00, 0x01, 0x00, 0x02};
+        sec_buffer_desc list{sizeof list_bytes, const_cast<uint8_t *>(list_bytes)};
+        sec_status_desc st{};
+        sec_buffer_desc first{0, nullptr}, answer{0, nullptr}, last{0, nullptr};
+        char svc[] = "fuzz", host[] = "host";
+        if (sec_start_sec_context(&st, s.client_svc, &list, svc, host, 0, &r.client, &first) != 1 ||
+            sec_receive_sec_context(&st, s.server_svc, &first, &r.server, &answer) != 0 ||
+            sec_complete_sec_context(&st, &answer, &r.client, &last) != 0) {
+            std::fprintf(stderr, "no context pair over the test module\n");
+            abort();
+        }
+        free(first.value);
+        free(answer.value);
+        free(last.value);
+        s.reset_module();
+        return r;
+    }();
+    return c;
 }
 
 // Stops the fuzzer when module A holds more handles or buffers than before

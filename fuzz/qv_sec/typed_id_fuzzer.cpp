@@ -1,46 +1,50 @@
-// Arbitrary bytes as the typed identity buffer of sec_login_as_user. The
-// configuration names one mechanism whose module file does not exist, so a
-// buffer that passes the checks reaches the module lookup and fails there:
-// every input must end in 7 (bad buffer), 8 (unknown mechanism) or 22
-// (module unusable), and nothing may be read outside the buffer.
+// Arbitrary bytes as the typed identity buffer of sec_login_as_user, on the
+// client service token of context_fuzz_setup.h, whose configuration names
+// the test modules A and B. A buffer that passes the header checks reaches
+// the module of its mechanism code, which must see exactly the bytes behind
+// the header; a malformed buffer ends in 7 and an unknown code in 8, without
+// any module call. Module A refuses the login when the body's first byte is
+// odd, so both of the module's answers are covered.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <unistd.h>
 
-#include "qv_sec.h"
-
-namespace {
-sec_token_t g_service = nullptr;
-}
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    char dir[] = "/tmp/qv_typed_id_fuzzXXXXXX";
-    if (mkdtemp(dir) == nullptr) abort();
-    std::string path = std::string(dir) + "/qvsec.cfg";
-    FILE *f = fopen(path.c_str(), "w");
-    if (f == nullptr) abort();
-    std::fprintf(f, "1 fuzz 65538 %s/absent.so i\n", dir);
-    std::fclose(f);
-    setenv("QV_SEC_CONFIG", path.c_str(), 1);
-    sec_status_desc st{};
-    if (sec_start(&st, 0x20, &g_service) != 0) abort();
-    return 0;
-}
+#include "context_fuzz_setup.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    using namespace ctxfuzz;
     if (size > 1 << 16) return 0;
+    const Setup &s = setup();
+    s.reset_module();
+    bool refuse = size > 6 && (data[6] & 1);
+    if (refuse) s.behaviour(QVTEST_MPM_LOGIN_AS_USER)->maj_stat = 0x20;
+    const unsigned long calls_before = s.control->record[QVTEST_MPM_LOGIN_AS_USER].calls;
+    LeakCheck leaks(s);
+
     // An exact-size copy, so that a read past the end is caught.
     void *copy = size ? malloc(size) : nullptr;
     if (size) memcpy(copy, data, size);
     sec_buffer_desc id{static_cast<qv_int32_t>(size), copy};
     sec_status_desc st{};
-    qv_int32_t rc = sec_login_as_user(&st, g_service, &id, nullptr, 0);
-    if (rc != 7 && rc != 8 && rc != 22) __builtin_trap();
-    bool well_formed = size >= 6 && data[0] == 0x83 && (data[1] == 1 || data[1] == 2);
-    if ((rc == 7) == well_formed) __builtin_trap();
+    qv_int32_t rc = sec_login_as_user(&st, s.client_svc, &id, nullptr, 0);
+
+    bool well_formed = size >= 6 && data[0] == SEC_BUF_TYPED_ID && (data[1] == 1 || data[1] == 2);
+    qv_uint32_t code = well_formed ? static_cast<qv_uint32_t>(data[2]) << 24 | data[3] << 16 | data[4] << 8 | data[5] : 0;
+    bool to_a = well_formed && code == kCodeA;
+    bool known = to_a || (well_formed && code == kCodeB);
+    int want = !well_formed ? SEC_S_BAD_BUFFER : !known ? SEC_S_BAD_MECHANISM : (to_a && refuse) ? SEC_S_MPM_FAILURE : 0;
+    if (rc != want) __builtin_trap();
+    if (to_a) {
+        // Module A saw the body, whole and unchanged.
+        const qvtest_mpm_call_t &call = s.control->record[QVTEST_MPM_LOGIN_AS_USER];
+        size_t body = size - 6;
+        if (call.calls != calls_before + 1 || call.in_len != static_cast<qv_int32_t>(body)) __builtin_trap();
+        size_t seen = body < QVTEST_MPM_MAX_BYTES ? body : QVTEST_MPM_MAX_BYTES;
+        if (seen > 0 && std::memcmp(call.in, data + 6, seen) != 0) __builtin_trap();
+    } else if (s.control->record[QVTEST_MPM_LOGIN_AS_USER].calls != calls_before) {
+        __builtin_trap();
+    }
+    leaks.check();
     free(copy);
     cu_set_no_error_1();
     return 0;

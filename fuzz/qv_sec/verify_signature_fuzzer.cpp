@@ -1,6 +1,5 @@
-// Arbitrary signature buffers given to sec_verify_data_v on a context that a
-// real one-round exchange over test module A established (made once, kept
-// for every input). The first input byte scripts the call: bits 0-1 the
+// Arbitrary signature buffers given to sec_verify_data_v on the context pair
+// of context_fuzz_setup.h. The first input byte scripts the call: bits 0-1 the
 // number of vector elements (0 to 3, cut from a fixed text, one of them
 // empty), bit 2 verify on the client's context instead of the server's,
 // bit 3 sign the vector first and append the input to the real signature,
@@ -9,38 +8,9 @@
 
 #include "context_fuzz_setup.h"
 
+using namespace ctxfuzz;
+
 namespace {
-
-struct Contexts {
-    sec_token_t client = nullptr;
-    sec_token_t server = nullptr;
-};
-
-const Contexts &contexts(const ctxfuzz::Setup &s) {
-    static Contexts c = [&s] {
-        Contexts r;
-        s.reset_module();
-        if (qvtest_mpm_behaviour_t *b = s.behaviour(QVTEST_MPM_START_SEC_CONTEXT)) b->continue_rounds = 1;
-        static const uint8_t list_bytes[] = {0x81, 1, 0x00, 0x01, 0x00, 0x02};
-        sec_buffer_desc list{sizeof list_bytes, const_cast<uint8_t *>(list_bytes)};
-        sec_status_desc st{};
-        sec_buffer_desc first{0, nullptr}, answer{0, nullptr}, last{0, nullptr};
-        char svc[] = "fuzz", host[] = "host";
-        if (sec_start_sec_context(&st, s.client_svc, &list, svc, host, 0, &r.client, &first) == 1 &&
-            sec_receive_sec_context(&st, s.server_svc, &first, &r.server, &answer) == 0 &&
-            sec_complete_sec_context(&st, &answer, &r.client, &last) == 0) {
-            std::fprintf(stderr, "context pair established over the test module\n");
-        } else {
-            std::fprintf(stderr, "no context pair: every input stops at the token checks\n");
-        }
-        free(first.value);
-        free(answer.value);
-        free(last.value);
-        s.reset_module();
-        return r;
-    }();
-    return c;
-}
 
 bool allowed(qv_int32_t rc) {
     return rc == 0 || rc == SEC_S_MPM_FAILURE || rc == SEC_S_BAD_TOKEN || rc == SEC_S_BAD_BUFFER ||
@@ -50,11 +20,9 @@ bool allowed(qv_int32_t rc) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    using namespace ctxfuzz;
     if (size == 0 || size > 4096) return 0;
-    const Setup &s = setup();
-    const Contexts &ctx = contexts(s);
-    s.reset_module();
+    const Setup &s = fresh_setup();
+    const ContextPair &ctx = established_pair();
     uint8_t script = data[0];
     if (script & 0x10) {
         if (qvtest_mpm_behaviour_t *b = s.behaviour(QVTEST_MPM_VERIFY_DATA_V)) b->maj_stat = 0x20;
@@ -78,11 +46,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     sec_buffer_desc in{static_cast<qv_int32_t>(sig.size()), sig.empty() ? nullptr : sig.data()};
     const std::vector<uint8_t> before = sig;
     qv_int32_t rc = sec_verify_data_v(&st, token, &in, count, vector);
-    // Without a context pair (the modules were not found) the token is NULL.
-    if (token == nullptr ? rc != SEC_S_BAD_ARGUMENT : !allowed(rc)) __builtin_trap();
+    if (!allowed(rc)) __builtin_trap();
     // The signature is only read.
     if (in.length != static_cast<qv_int32_t>(before.size()) || sig != before) __builtin_trap();
-    if (token != nullptr && sig.empty() && rc != SEC_S_BAD_BUFFER) __builtin_trap();
+    if (sig.empty() && rc != SEC_S_BAD_BUFFER) __builtin_trap();
     leaks.check();
     cu_set_no_error_1();
     return 0;

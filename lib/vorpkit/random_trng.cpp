@@ -7,13 +7,15 @@
 // that return the same value number 0 (retried) or 1, and under load every
 // read may see a new value. Every counted symbol is then the same, the
 // estimate drops to 0 after the first check (or no sample comes at all), and
-// the pool would be identical on every run. So a round whose estimate is 0 stops sampling and, before the
-// pool is condensed, XORs 256 bytes from the operating system's generator
-// into it; so does a round whose clock gives no sample within fixed bounds
+// the pool would be identical on every run. So a round whose estimate is 0
+// stops sampling and, before the pool is condensed, XORs 256 bytes from the
+// operating system's generator into it; so does a round whose clock gives no sample within fixed bounds
 // (kMaxZeroCountRetries, kMaxSameReads) or that has not met its target after
 // kMaxRoundSamples samples. No division by zero, no unbounded spin, and the
 // output stays unpredictable on any machine; where the clock does jitter,
-// the rounds work from the samples alone.
+// the rounds work from the samples alone. Either way a round ends the same:
+// the pool is condensed into the accumulator, which then serves 8 bytes,
+// so the caller's record goes through the same states on both paths.
 //
 // Concurrency: the generator keeps all its state in the caller's record and
 // takes no lock; a record must not be used by two threads at once, separate
@@ -156,10 +158,12 @@ extern "C" void Vorp_trng(Vorp_trng_t *T, void *data, qv_uint32_t len) {
     auto *out = static_cast<uint8_t *>(data);
     while (len > 0) {
         if (T->bytes > 0) {
-            // Handed-out bytes are cleared from the accumulator.
+            // Handed-out bytes stay in the accumulator until the next round
+            // clears it: the record is the caller's and shows the generator's
+            // state as it is; a caller whose bytes become keys wipes the
+            // whole record after use (as sec_generate_key does).
             --T->bytes;
             out[--len] = T->accu[T->bytes];
-            T->accu[T->bytes] = 0;
         } else {
             vorp::rng::run_round(T);
         }
