@@ -9,20 +9,20 @@ namespace {
 // The first 1025 odd primes, 3 to 8171, for the small-start answers and
 // the sieve.
 constexpr size_t kSmallPrimes = 1025;
+constexpr uint32_t kTableLimit = 8172;
 constexpr std::array<uint16_t, kSmallPrimes> make_small_primes() {
+    std::array<bool, kTableLimit> composite{};
     std::array<uint16_t, kSmallPrimes> t{};
     size_t n = 0;
-    for (uint32_t c = 3; n < kSmallPrimes; c += 2) {
-        bool prime = true;
-        for (size_t i = 0; i < n && uint32_t(t[i]) * t[i] <= c; ++i)
-            if (c % t[i] == 0) prime = false;
-        if (prime) t[n++] = uint16_t(c);
+    for (uint32_t c = 3; c < kTableLimit; c += 2) {
+        if (composite[c]) continue;
+        t[n++] = uint16_t(c);
+        for (uint32_t k = c * c; k < kTableLimit; k += 2 * c) composite[k] = true;
     }
     return t;
 }
 constexpr auto kPrimeTable = make_small_primes();
 static_assert(kPrimeTable[kSmallPrimes - 1] == 8171);
-constexpr uint32_t kTableLimit = 8172;
 
 Digit draw_digit(int (*rsrc)(void)) {
     Digit d = 0;
