@@ -132,11 +132,8 @@ extern "C" bignum_t bn_modInverse(bignum_tc n, bignum_tc mod, bignum_t *invp) {
         Num x, y;
         Digits g;
         euclid(r.mag, m.mag, x, y, g);
-        if (g.size() != 1 || g[0] != 1) {
-            // mod 1: every number is its own inverse's class, 0.
-            if (!(m.mag.size() == 1 && m.mag[0] == 1)) return fail(VORP_E_NO_INVERSE);
-            return place(Num{}, invp);
-        }
+        // Modulo 1 the remainder is 0 and gcd(0, 1) = 1: the inverse is 0.
+        if (g.size() != 1 || g[0] != 1) return fail(VORP_E_NO_INVERSE);
         x = num_mod(x, m);
         if (x.neg) x = num_add(x, m);
         return place(x, invp);

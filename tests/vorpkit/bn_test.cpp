@@ -560,6 +560,13 @@ TEST(BigNumber, AllocationFailureSweep) {
             bn_free(slot.p);
             slot.p = make(1);
         });
+    // A freed number is wiped first: it may have held a secret.
+    if (qvtest::failing_allocator_active()) {
+        bignum_t secret = make(want);
+        qvtest::watch_free(secret, 32);
+        bn_free(secret);
+        EXPECT_EQ(qvtest::freed_bytes(), std::string(32, '\0'));
+    }
 }
 
 }  // namespace
