@@ -46,12 +46,12 @@ using namespace vorp::bn;
 extern "C" bignum_t bn_power(bignum_tc base, bignum_tc exp, bignum_tc mod, bignum_t *c) {
     return guarded<bignum_t>(nullptr, [&]() -> bignum_t {
         Num b = read(base), e = read(exp);
+        if (e.neg) return fail(VORP_E_NEG_EXPONENT);
         Num m;
         if (mod) {
             m = read(mod);
             if (m.is_zero()) return fail(VORP_E_DIVIDE);
         }
-        if (e.neg) return fail(VORP_E_NEG_EXPONENT);
         if (!mod) {
             // The result has at most bitLength(base) * exp bits.
             const uint64_t bb = mag_bit_length(b.mag);

@@ -384,6 +384,7 @@ TEST(BigNumber, ErrorsAndDocumentedEdges) {
         {"negative exponent", [&] { return !bn_power(two.p, minus.p, nullptr, nullptr); }, VORP_E_NEG_EXPONENT},
         {"power too large", [&] { return !bn_power(big.p, big.p, nullptr, nullptr); }, VORP_E_TOO_LARGE},
         {"power modulo zero", [&] { return !bn_power(two.p, two.p, zero.p, nullptr); }, VORP_E_DIVIDE},
+        {"negative exponent before modulus zero", [&] { return !bn_power(two.p, minus.p, zero.p, nullptr); }, VORP_E_NEG_EXPONENT},
         {"random below zero", [&] { return !bn_random(zero.p, mt_source, nullptr); }, VORP_E_EMPTY_RANGE},
         {"random without source", [&] { return !bn_random(two.p, nullptr, nullptr); }, VORP_E_BAD_ARGUMENT},
         {"data length negative", [&] { return !bn_fromData(0, (const unsigned char *)"", -1, nullptr); }, VORP_E_BAD_ARGUMENT},
