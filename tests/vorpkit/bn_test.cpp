@@ -379,7 +379,7 @@ TEST(BigNumber, ErrorsAndDocumentedEdges) {
         std::function<bool()> call;  // true when the call reported failure
         qv_int32_t code;
     } rows[] = {
-        {"divide by zero", [&] { return !bn_divide(big.p, zero.p, nullptr, &zero.p); }, VORP_E_DIVIDE},
+        {"divide by zero", [&] { return !bn_divide(big.p, zero.p, nullptr, &big.p); }, VORP_E_DIVIDE},
         {"divide, no output", [&] { return !bn_divide(big.p, two.p, nullptr, nullptr); }, VORP_E_BAD_ARGUMENT},
         {"negative exponent", [&] { return !bn_power(two.p, minus.p, nullptr, nullptr); }, VORP_E_NEG_EXPONENT},
         {"power too large", [&] { return !bn_power(big.p, big.p, nullptr, nullptr); }, VORP_E_TOO_LARGE},
@@ -409,6 +409,7 @@ TEST(BigNumber, ErrorsAndDocumentedEdges) {
         EXPECT_EQ(Vorp_errno, row.code);
     }
     EXPECT_EQ(bn_karatsubaSquaring(two.p, two.p, nullptr), nullptr);
+    EXPECT_EQ(placed([](bignum_t *c) { return bn_new(c, 3); }), mpz_class(0));
     // ff is -1 in two's complement.
     Bn m1(bn_fromData(0, (const unsigned char *)"\xff", 1, nullptr));
     EXPECT_EQ(value(m1.p), -1);
