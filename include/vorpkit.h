@@ -227,6 +227,169 @@ void Vorp_prng(Vorp_prng_t *state, void *to, qv_uint32_t len);
 
 /* ---- end of random numbers ---- */
 
+/* ---- Big numbers ---- */
+
+/*
+ * A number is an array of 32-bit words: [0] capacity (digits allocated),
+ * [1] sign (0 non-negative, 1 negative; zero always has sign 0), [2] digits
+ * in use (0 for zero; the top digit in use is non-zero), then the digits,
+ * base 2^32, least significant first. It occupies capacity + 3 words of
+ * heap and is released with bn_free.
+ *
+ * Result placement: every result argument (c, q, r, gcd, invp, prime, ...)
+ * is the address of a bignum_t. When it holds a number whose capacity can
+ * take the result, that number is reused; otherwise a number is allocated,
+ * the old one freed and the new one stored there. A NULL address means:
+ * always allocate (the caller owns the returned number). A result must not
+ * be one of the operands, except bn_divide's remainder, which may take the
+ * dividend's place. A routine either places its whole result or, on failure,
+ * returns NULL with Vorp_errno set and leaves every result slot unchanged.
+ * A NULL operand or a record whose length exceeds its capacity is
+ * VORP_E_BAD_ARGUMENT.
+ */
+typedef qv_uint32_t *bignum_t;
+typedef const qv_uint32_t *bignum_tc;
+
+/* Random source: returns one random byte per call (only the low 8 bits count). */
+typedef int (*Vorp_rsrc_t)(void);
+
+/* A zero of capacity nDigits (>= 0), placed in *b. */
+bignum_t bn_new(bignum_t *b, qv_int32_t nDigits);
+/* An exact copy of b with the same capacity, newly allocated. */
+bignum_t bn_clone(bignum_tc b);
+/* Wipes and releases b; NULL is allowed. */
+void bn_free(bignum_t b);
+/* A copy of b with sign 1 (sign non-zero) or 0; zero keeps sign 0. */
+bignum_t bn_changeSign(qv_int32_t sign, bignum_tc b, bignum_t *c);
+/* Signed comparison: negative, 0 or positive as a <, = or > b. */
+qv_int32_t bn_compare(bignum_tc a, bignum_tc b);
+
+bignum_t bn_add(bignum_tc a, bignum_tc b, bignum_t *c);
+bignum_t bn_subtract(bignum_tc a, bignum_tc b, bignum_t *c);
+/* Schoolbook product; a == b takes the squaring path. */
+bignum_t bn_multiply(bignum_tc a, bignum_tc b, bignum_t *c);
+/* Present for compatibility: computes nothing and returns NULL. */
+bignum_t bn_karatsubaSquaring(bignum_tc a, bignum_tc b, bignum_t *c);
+/*
+ * Truncating division: the quotient rounds toward zero and the remainder
+ * has the dividend's sign (a = q * b + r, |r| < |b|), as a signed-magnitude
+ * representation makes natural. q or r NULL: that part is not wanted (not
+ * both). *r may be a itself. Returns the quotient when q is given, else the
+ * remainder. b zero: VORP_E_DIVIDE.
+ */
+bignum_t bn_divide(bignum_tc a, bignum_tc b, bignum_t *q, bignum_t *r);
+/*
+ * base^exp, reduced modulo |mod| when mod is not NULL. Reduction is the
+ * truncating remainder, so a negative power keeps its sign (as bn_divide
+ * would give it). exp < 0: VORP_E_NEG_EXPONENT; without a modulus, a result
+ * of 2^29 bits or more: VORP_E_TOO_LARGE; mod zero: VORP_E_DIVIDE.
+ */
+bignum_t bn_power(bignum_tc base, bignum_tc exp, bignum_tc mod, bignum_t *c);
+/* gcd(|u|, |v|), non-negative; gcd(0, 0) = 0. */
+bignum_t bn_gcd(bignum_tc u, bignum_tc v, bignum_t *gcd);
+/*
+ * Extended Euclid: *euclid1 = x, *euclid2 = y, *euclid3 = g = gcd(u, v) >= 0
+ * with u * x + v * y = g, and |x| <= max(1, |v| / g), |y| <= max(1, |u| / g)
+ * (the coefficients of the remainder sequence, so they stay small). Any of
+ * the first two may be NULL when not wanted. Returns g.
+ */
+bignum_t bn_extendedEuclid(bignum_tc u, bignum_tc v, bignum_t *euclid1, bignum_t *euclid2,
+                           bignum_t *euclid3);
+/*
+ * The inverse of n modulo |mod|, in [0, |mod|). gcd not 1: VORP_E_NO_INVERSE;
+ * mod zero: VORP_E_DIVIDE.
+ */
+bignum_t bn_modInverse(bignum_tc n, bignum_tc mod, bignum_t *invp);
+/*
+ * Shift the magnitude by n bits (a negative n shifts the other way); the
+ * sign is kept, so a right shift truncates toward zero.
+ */
+bignum_t bn_shiftLeft(bignum_tc b, qv_int32_t n, bignum_t *c);
+bignum_t bn_shiftRight(bignum_tc b, qv_int32_t n, bignum_t *c);
+/* Index of the magnitude's highest set bit + 1; 0 for zero. */
+qv_int32_t bn_bitLength(bignum_tc b);
+/* Index of the magnitude's lowest set bit; -1 for zero. */
+qv_int32_t bn_lowestSetBit(bignum_tc b);
+/* Bit nthBit (>= 0) of the magnitude: 0 or 1. */
+qv_int32_t bn_checkBit(bignum_tc b, qv_int32_t nthBit);
+/*
+ * Sets (bitValue non-zero) or clears bit nthBit of the magnitude of *c in
+ * place, growing the number (placement rule) when the bit lies above its
+ * capacity; *c NULL starts from zero. Returns the number.
+ */
+bignum_t bn_setBit(bignum_t *c, qv_int32_t nthBit, qv_int32_t bitValue);
+/*
+ * Stores value into b, keeping only as many low digits as b's capacity
+ * holds. signum 0: value is signed; > 0: unsigned, non-negative; < 0:
+ * unsigned magnitude, negative. Returns b.
+ */
+bignum_t bn_fromLong(bignum_t b, qv_int64_t value, qv_int32_t signum);
+/* The low 64 bits of the magnitude, negated when b is negative. */
+qv_int64_t bn_toLong(bignum_tc b);
+/*
+ * len big-endian bytes. signum 0: two's complement (the first byte's top bit
+ * gives the sign); signum > 0: unsigned magnitude; signum < 0: unsigned
+ * magnitude of a negative number (the sign follows signum, so that any
+ * magnitude can be given either sign). len < 0: VORP_E_BAD_ARGUMENT.
+ */
+bignum_t bn_fromData(qv_int32_t signum, const unsigned char *data, qv_int32_t len, bignum_t *c);
+/*
+ * Writes b big-endian and returns the byte count, max(minLen, natural
+ * length). sign 0: the magnitude, unsigned (the sign is dropped; zero's
+ * natural length is 0); sign non-zero: two's complement with room for the
+ * sign bit, padded with 0x00 or 0xff, the twin of bn_fromData with signum 0.
+ * data NULL writes nothing and returns the count, so the caller can size the
+ * buffer first. Returns -1 with VORP_E_BAD_ARGUMENT when b is bad.
+ */
+qv_int32_t bn_toData(bignum_tc b, unsigned char *data, qv_int32_t minLen, qv_int32_t sign);
+/*
+ * Text in radix 2..16: an optional '-', then digits 0-9, A-F or a-f. The
+ * conversion stops at the first character that is not a digit below the
+ * radix; it fails (VORP_E_BAD_ARGUMENT) when no digit comes first, like an
+ * empty string.
+ */
+bignum_t bn_fromString(const char *s, qv_int32_t radix, bignum_t *c);
+/*
+ * b in radix 2..16, lower-case digits, '-' before a negative number, "0"
+ * for zero. Returns a malloc'ed NUL-terminated string (the caller frees it);
+ * when cp is not NULL, *cp receives the address of its terminating NUL, so
+ * that the length comes without a scan.
+ */
+char *bn_toString(bignum_tc b, qv_int32_t radix, char **cp);
+
+/*
+ * A random number below |limit| with limit's sign. Digits are drawn least
+ * significant first, four source bytes each, the first byte most
+ * significant; the top digit is reduced so that the result is below the
+ * limit. limit zero: VORP_E_EMPTY_RANGE.
+ */
+bignum_t bn_random(bignum_tc limit, Vorp_rsrc_t rsrc, bignum_t *c);
+/*
+ * Fermat test: 1 when primeBase^(candidate - 1) mod candidate is 1. Needs
+ * primeBase > 1 and candidate > primeBase, else 0 with VORP_E_BAD_ARGUMENT.
+ */
+qv_int32_t bn_isPseudoPrime(bignum_tc candidate, qv_int32_t primeBase);
+/*
+ * Miller-Rabin: 1 for a probable prime, 0 otherwise, with error below
+ * 2^-prob (rounds: 1 when prob < 2, else (prob + 1) / 2, each with a random
+ * base). 2 and 3 are prime without drawing; numbers below 2 (negative ones
+ * included) and even numbers are not. rsrc NULL when a base must be drawn:
+ * 0 with VORP_E_BAD_ARGUMENT.
+ */
+qv_int32_t bn_isProbablePrime(bignum_tc num, qv_int32_t prob, Vorp_rsrc_t rsrc);
+/*
+ * The first prime >= start and below limit (strongPrime non-zero: the first
+ * p = 2q + 1 with q and p prime), tested with Miller-Rabin of -prob rounds'
+ * worth when prob < 1, else with the Fermat test in base prob. A start below
+ * 8172 is answered from the table of small odd primes (so 3 for any smaller
+ * start). No prime before limit: the number 0. limit negative, zero or 1:
+ * VORP_E_BAD_ARGUMENT; start >= limit: VORP_E_EMPTY_RANGE.
+ */
+bignum_t bn_findPrime(bignum_tc start, bignum_tc limit, qv_int32_t prob, qv_int32_t strongPrime,
+                      Vorp_rsrc_t rsrc, bignum_t *prime);
+
+/* ---- end of big numbers ---- */
+
 #if defined(__GNUC__)
 #pragma GCC visibility pop
 #endif

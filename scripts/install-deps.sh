@@ -5,7 +5,7 @@ set -euo pipefail
 # util-linux gives setpriv, with which a test runs a set-user-id program as
 # another user.
 packages=(cmake ninja-build g++ gcc clang libclang-rt-14-dev pkg-config libc-bin
-          libgtest-dev libssl-dev libsodium-dev valgrind util-linux)
+          libgtest-dev libssl-dev libsodium-dev libgmp-dev valgrind util-linux)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
