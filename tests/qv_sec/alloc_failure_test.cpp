@@ -24,6 +24,7 @@ protected:
     struct Made {
         sec_token_t svc = nullptr, cctx = nullptr, sctx = nullptr;
         sec_buffer_desc bufs[4] = {};
+        sec_privset_info_desc ps = {};
     };
     void end_made() {
         sec_status_desc st{};
@@ -31,6 +32,7 @@ protected:
         EXPECT_EQ(sec_end_context(&st, made_.sctx, nullptr), 0);
         EXPECT_EQ(sec_end(&st, 0, made_.svc), 0);
         for (sec_buffer_desc &b : made_.bufs) free(b.value);
+        sec__free_privset_info(&made_.ps);
         made_ = Made{};
     }
 
@@ -107,6 +109,28 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
          [this](qv_int32_t rc) {
              // The opened bytes are module output handed to the caller.
              if (rc == 0 && made_.bufs[3].value != nullptr) opened_by_caller_ += 1;
+         }},
+        // A failed write leaves no buffer, a failed read no half-read identity.
+        {"CIDB written and read back",
+         [this] {
+             static char name[] = "alice", mname[] = "bob", g1[] = "g1", g2[] = "staff";
+             static sec_buffer_desc groups[] = {{3, g1}, {6, g2}};
+             sec_privset_info_desc ps{name, mname, 2, groups};
+             if (qv_int32_t rc = sec__wrap_cid_buff(kCodeA, 1, SEC_CIDB_F_MAPPING, &ps, &made_.bufs[0])) return rc;
+             qv_uint32_t mech = 0, flags = 0;
+             int version = 0;
+             qv_uint64_t node = 0;
+             return sec__unwrap_cid_buff(&made_.bufs[0], &mech, &version, &node, &flags, &made_.ps);
+         },
+         [this](qv_int32_t rc) {
+             const sec_privset_info_desc &ps = made_.ps;
+             if (rc == 0) {
+                 ASSERT_EQ(ps.gcount, 2);
+                 EXPECT_STREQ(static_cast<const char *>(ps.groups[1].value), "staff");
+                 return;
+             }
+             EXPECT_TRUE(ps.name == nullptr && ps.mname == nullptr && ps.gcount == 0 && ps.groups == nullptr);
+             EXPECT_TRUE(made_.bufs[0].value != nullptr || made_.bufs[0].length == 0);
          }},
         {"establish in two rounds",
          [this] {
