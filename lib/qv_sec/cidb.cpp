@@ -9,11 +9,11 @@
 // and carries its NUL.
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <span>
 
 #include "byte_io.h"
 #include "errors.h"
+#include "mpm_answer.h"
 
 namespace {
 
@@ -22,12 +22,6 @@ constexpr size_t kHeaderLen = 18;   // type, version, node ID, mechanism, and ro
 constexpr size_t kFlagsOffset = 14;
 constexpr size_t kFixedLen = 22;    // with the flags and the reserved word
 constexpr size_t kMaxNameLen = 0xffff;
-
-// Free-on-scope-exit for what the utility library and malloc hand out.
-struct FreeDeleter {
-    void operator()(void *p) const { std::free(p); }
-};
-using MallocPtr = std::unique_ptr<char, FreeDeleter>;
 
 void put_be(uint8_t *p, uint64_t v, int bytes) {
     for (int i = bytes - 1; i >= 0; --i) {
@@ -70,7 +64,7 @@ public:
         char *utf8 = nullptr;
         size_t utf8_len = 0;
         if (qv_int32_t rc = sec__convert_to_utf8(const_cast<char *>(s), &in_len, &utf8, &utf8_len)) return rc;
-        MallocPtr owned(utf8);
+        SecMallocPtr owned(utf8);
         if (utf8_len > kMaxNameLen) return sec_report(SEC_S_BAD_ARGUMENT, MSG_2650_002, kWrapName);
         uint8_t *p = grow(2 + utf8_len);
         if (p == nullptr) return SEC_S_NO_MEMORY;

@@ -12,15 +12,6 @@ namespace {
 // sec_setup_socket marks a path it bound itself with this bit of the type.
 constexpr qv_uint32_t kPathBoundByLibrary = 0x80000000u;
 
-void free_privset(sec_privset_info_desc &p) {
-    free(p.name);
-    free(p.mname);
-    if (p.groups != nullptr) {
-        for (int i = 0; i < p.gcount; ++i) free(p.groups[i].value);
-        free(p.groups);
-    }
-}
-
 }  // namespace
 
 qv_int32_t sec_no_service_name() { return sec_report(SEC_S_NO_MEMORY, MSG_2650_004); }
@@ -48,7 +39,7 @@ void sec_ctx_free(sec_ctx_token_t c) {
         if (c->sinfo.type & kPathBoundByLibrary) unlink(c->sinfo.path);
         free(c->sinfo.path);
     }
-    free_privset(c->privset);
+    sec__free_privset_info(&c->privset);
     std::memset(static_cast<void *>(c), 0, sizeof *c);
     free(c);
 }

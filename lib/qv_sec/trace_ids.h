@@ -41,3 +41,4 @@ inline constexpr sec_trace_ids kTraceReleaseName = trace_ids_block(120);
 inline constexpr sec_trace_ids kTraceReleaseBuffer = trace_ids_block(125);
 inline constexpr sec_trace_ids kTraceSignDataV = trace_ids_block(130);
 inline constexpr sec_trace_ids kTraceVerifyDataV = trace_ids_block(135);
+inline constexpr sec_trace_ids kTraceCreateCidb = trace_ids_block(150);

@@ -132,6 +132,16 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
              EXPECT_TRUE(ps.name == nullptr && ps.mname == nullptr && ps.gcount == 0 && ps.groups == nullptr);
              EXPECT_TRUE(made_.bufs[0].value != nullptr || made_.bufs[0].length == 0);
          }},
+        // Without the mapping: the system's group lookup is not ours to sweep.
+        {"establish and create a CIDB",
+         [this] {
+             if (qv_int32_t rc = establish_made()) return rc;
+             sec_status_desc &st = last_;
+             return sec_create_cidb(&st, SEC_F_CIDB_HOST_LOCAL, made_.sctx, &made_.bufs[2]);
+         },
+         [this](qv_int32_t rc) {
+             EXPECT_TRUE(rc == 0 || (made_.bufs[2].value == nullptr && made_.bufs[2].length == 0));
+         }},
         {"establish in two rounds",
          [this] {
              m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1;  // the client asks for an answer

@@ -62,6 +62,12 @@ struct Row {
 #define ROW(routine, situation, rc, msg, ...) \
     Row { #routine, situation, []([[maybe_unused]] Env &e) { return routine(__VA_ARGS__); }, rc, msg }
 
+// A row whose message must also hold text (the position refused, say).
+Row at(Row r, const char *text) {
+    r.in_text = text;
+    return r;
+}
+
 sec_buffer_desc g_empty{0, kSvc};  // bytes, but none counted
 sec_buffer_desc g_no_bytes{3, nullptr};
 
@@ -144,6 +150,16 @@ std::vector<Row> rows() {
         ROW(sec_login_as_user, "not a service token", 5, MSG_2650_003, e.status(), e.junk, e.user_id.get(), nullptr, 0),
         ROW(sec_login_as_user, "service not started", 5, MSG_2650_003,
             e.status(), &e.unstarted, e.user_id.get(), nullptr, 0),
+        // sec_create_cidb
+        at(ROW(sec_create_cidb, "no status", 4, MSG_2650_060, nullptr, 1, e.server_done, e.out.get()),
+           "Positional parameter number: 1"),
+        at(ROW(sec_create_cidb, "no token", 4, MSG_2650_060, e.status(), 1, nullptr, e.out.get()),
+           "Positional parameter number: 3"),
+        at(ROW(sec_create_cidb, "no output", 4, MSG_2650_060, e.status(), 1, e.server_done, nullptr),
+           "Positional parameter number: 4"),
+        ROW(sec_create_cidb, "not a context token", 5, MSG_2650_061, e.status(), 1, e.junk, e.out.get()),
+        ROW(sec_create_cidb, "a service token", 5, MSG_2650_061, e.status(), 1, e.server_svc, e.out.get()),
+        ROW(sec_create_cidb, "not complete", 5, MSG_2650_061, e.status(), 1, e.pending, e.out.get()),
         // sec_generate_key
         ROW(sec_generate_key, "no key", 4, MSG_2650_002, nullptr),
     };
