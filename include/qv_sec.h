@@ -552,6 +552,24 @@ qv_int32_t sec__unwrap_cid_buff(sec_buffer_t in, qv_uint32_t *mech, int *version
  * sec_idm_get_groups or of the UTF-8 conversion. On failure *cidb is empty. */
 qv_int32_t sec_create_cidb(sec_status_t st, qv_uint32_t flags, sec_token_t token, sec_buffer_t cidb);
 
+/* Flags of sec_create_id_context: exactly one of the first two, at most one
+ * of the last two. */
+#define SEC_F_IDCTX_SECCTX    0x00000001u  /* in is a security context token */
+#define SEC_F_IDCTX_CIDB      0x00000002u  /* in is a sec_buffer_t holding a CIDB */
+#define SEC_F_IDCTX_FORCE_MAP 0x00000010u  /* ask the module for the mapped name even when the CIDB has one */
+#define SEC_F_IDCTX_NO_MAP    0x00000020u  /* do not ask the module for a mapped name */
+
+/* sec_create_id_context: a new identity context in *context (end it with
+ * sec_end_context) for the client of a complete security context or of a
+ * CIDB, under the started service token stoken. A host-local CIDB is
+ * accepted only on the host that made it. Returns 0; 4; 5; 6; 7 (a bad
+ * CIDB); 8 (no module for the CIDB's mechanism); 21; 22; 23; 31 (host-local
+ * CIDB from another host, 2650-087); 3; or the failure of
+ * sec_idm_get_groups or of the UTF-8 conversion. On failure nothing is
+ * handed out and the module's identity context, if made, is ended. */
+qv_int32_t sec_create_id_context(sec_status_t st, sec_token_t stoken, qv_uint32_t flags, void *in,
+                                 sec_token_t *context);
+
 /* ---- Signing data vectors ----
  * An authenticated security context signs a vector of buffers through its
  * mechanism; the peer verifies the signature with its own context. The

@@ -3,7 +3,7 @@
 #include "context_token.h"
 #include "errors.h"
 #include "library_init.h"
-#include "mpm_answer.h"
+#include "module_client_name.h"
 #include "trace.h"
 
 namespace {
@@ -27,14 +27,7 @@ qv_int32_t network_name(const sec_ctx_token_desc &t, sec_status_t st, CidbIdenti
         id.ps.name = t.privset.name;
         return 0;
     }
-    SecMpmAnswer a;
-    size_t wanted = 0;
-    qv_int32_t rc = sec_query_mpm(sec__mpm_get_client_name, "mpm_get_client_name", kRoutine, t.mdata.mpm, st,
-                                  t.mdata.mtoken, &a, &wanted);
-    if (rc == SEC_S_NO_MEMORY) return sec_report(rc, MSG_2650_032, kRoutine, static_cast<int>(wanted));
-    if (rc != 0) return rc;
-    if (a.length == 0) return sec_report(SEC_S_BAD_MPM, MSG_2650_067, code);
-    id.name = std::move(a.bytes);
+    if (qv_int32_t rc = sec_module_client_name(t.mdata.mpm, t.mdata.mtoken, st, kRoutine, id.name)) return rc;
     id.ps.name = id.name.get();
     // The module must still answer for the context's flags, though the CIDB
     // does not carry them.
