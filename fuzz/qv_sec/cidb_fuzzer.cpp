@@ -1,11 +1,15 @@
 // Arbitrary bytes as a CIDB: the reader gives a complete identity or an
 // error with nothing handed out, and an identity it read writes back to a
-// CIDB that reads as the same identity.
+// CIDB that reads as the same identity. The same bytes then make identity
+// contexts with each mapping choice, with the test modules behind them:
+// success gives a complete identity context, failure nothing, and neither
+// leaves a module handle behind.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "context_fuzz_setup.h"
 #include "qv_sec.h"
 
 namespace {
@@ -44,6 +48,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         free(again.value);
     }
     sec__free_privset_info(&ps);
+
+    const ctxfuzz::Setup &s = ctxfuzz::setup();
+    for (qv_uint32_t map : {0u, SEC_F_IDCTX_FORCE_MAP, SEC_F_IDCTX_NO_MAP}) {
+        ctxfuzz::LeakCheck leaks(s);
+        sec_status_desc st{};
+        sec_token_t id = nullptr;
+        qv_int32_t rc = sec_create_id_context(&st, s.server_svc, SEC_F_IDCTX_CIDB | map, &in, &id);
+        if (rc == 0) {
+            auto *t = static_cast<sec_ctx_token_t>(id);
+            if (t == nullptr || (t->state & (SEC_CTX_S_COMPLETE | SEC_CTX_S_IDENTITY)) !=
+                                    (SEC_CTX_S_COMPLETE | SEC_CTX_S_IDENTITY))
+                __builtin_trap();
+            if ((t->state & SEC_CTX_S_AUTHENTICATED) && t->privset.name == nullptr) __builtin_trap();
+        } else if (id != nullptr) {
+            __builtin_trap();
+        }
+        sec_end_context(&st, id, nullptr);
+        leaks.check();
+    }
     cu_set_no_error_1();
     return 0;
 }
