@@ -500,6 +500,76 @@ qv_int32_t sec_release_buffer(sec_buffer_t buff);
  * ps->gcount and ps->groups are left NULL / 0. */
 qv_int32_t sec__get_mapped_identity(sec_status_t st, sec_mpm_entry_t entry, void *mtoken, sec_privset_info_t ps);
 
+/* ---- Portable identities: UTF-8 names and CIDBs ---- */
+
+/* Internal: converts the *local_length bytes of local_string (callers count
+ * the NUL, so it is converted too) from the locale's code set to UTF-8, and
+ * back. The output is malloc'ed (free it with free) and *utf8_length /
+ * *local_length counts its bytes, the converted NUL included. Returns 0; 26
+ * (2650-079) when the locale's code set cannot be converted or the input is
+ * not valid in it; 6 (2650-032); 23 (2650-077). On failure the output is
+ * NULL with length 0. */
+qv_int32_t sec__convert_to_utf8(char *local_string, size_t *local_length, char **utf8_string, size_t *utf8_length);
+qv_int32_t sec__convert_from_utf8(char *utf8_string, size_t *utf8_length, char **local_string,
+                                  size_t *local_length);
+
+/* ntohl64 / htonl64: a 64-bit value between big-endian and host order. */
+qv_uint64_t ntohl64(qv_uint64_t v);
+qv_uint64_t htonl64(qv_uint64_t v);
+
+/* Caller flags of sec_create_cidb. */
+#define SEC_F_CIDB_MAPPING     0x00000001u  /* also record the mapped name and the groups */
+#define SEC_F_CIDB_HOST_LOCAL  0x00000400u  /* usable only on this host (security contexts) */
+
+/* Flags inside a CIDB. */
+#define SEC_CIDB_F_AUTHENTICATED 0x00000200u  /* a network name follows */
+#define SEC_CIDB_F_HOST_LOCAL    0x00000400u  /* valid only on the host of the node ID */
+#define SEC_CIDB_F_MAPPING       0x00400000u  /* the mapped name (and groups) follow */
+
+/* Internal: frees what a privilege set owns (NULL allowed); the record's
+ * fields are left as they were. */
+void sec__free_privset_info(sec_privset_info_t ps);
+
+/* Internal: writes a CIDB (type 0x87) for mechanism mech into out (release
+ * with sec_release_buffer): this host's node ID, and for mech other than 0
+ * the flags with 0x200 added and ps's names in UTF-8 (with flag 0x00400000
+ * also ps->mname and the groups). Returns 0, 6, 23 (no node ID), 4 (a name
+ * longer than 65535 bytes) or a conversion failure; on failure out is
+ * empty. */
+qv_int32_t sec__wrap_cid_buff(qv_uint32_t mech, int version, qv_uint32_t flags, sec_privset_info_t ps,
+                              sec_buffer_t out);
+/* Internal: reads a CIDB. Every output starts at 0 / empty; *ps receives
+ * malloc'ed copies of the names in the locale's code set (free them with
+ * sec__free_privset_info). Returns 0, 7 (2650-005: not a CIDB, or a length
+ * that does not fit), 6 or a conversion failure; on failure *ps is empty. */
+qv_int32_t sec__unwrap_cid_buff(sec_buffer_t in, qv_uint32_t *mech, int *version, qv_uint64_t *nodeid,
+                                qv_uint32_t *flags, sec_privset_info_t ps);
+
+/* sec_create_cidb: the client's identity of a complete security or identity
+ * context as a CIDB in *cidb (release with sec_release_buffer); flags are
+ * SEC_F_CIDB_*. An unauthenticated context gives the 18-byte CIDB of
+ * mechanism 0. Returns 0; 4; 5 (2650-061); 22; 23; 6; 3 or the failure of
+ * sec_idm_get_groups or of the UTF-8 conversion. On failure *cidb is empty. */
+qv_int32_t sec_create_cidb(sec_status_t st, qv_uint32_t flags, sec_token_t token, sec_buffer_t cidb);
+
+/* Flags of sec_create_id_context: exactly one of the first two, at most one
+ * of the last two. */
+#define SEC_F_IDCTX_SECCTX    0x00000001u  /* in is a security context token */
+#define SEC_F_IDCTX_CIDB      0x00000002u  /* in is a sec_buffer_t holding a CIDB */
+#define SEC_F_IDCTX_FORCE_MAP 0x00000010u  /* ask the module for the mapped name even when the CIDB has one */
+#define SEC_F_IDCTX_NO_MAP    0x00000020u  /* do not ask the module for a mapped name */
+
+/* sec_create_id_context: a new identity context in *context (end it with
+ * sec_end_context) for the client of a complete security context or of a
+ * CIDB, under the started service token stoken. A host-local CIDB is
+ * accepted only on the host that made it. Returns 0; 4; 5; 6; 7 (a bad
+ * CIDB); 8 (no module for the CIDB's mechanism); 21; 22; 23; 31 (host-local
+ * CIDB from another host, 2650-087); 3; or the failure of
+ * sec_idm_get_groups or of the UTF-8 conversion. On failure nothing is
+ * handed out and the module's identity context, if made, is ended. */
+qv_int32_t sec_create_id_context(sec_status_t st, sec_token_t stoken, qv_uint32_t flags, void *in,
+                                 sec_token_t *context);
+
 /* ---- Signing data vectors ----
  * An authenticated security context signs a vector of buffers through its
  * mechanism; the peer verifies the signature with its own context. The

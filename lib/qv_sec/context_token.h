@@ -65,6 +65,12 @@ void sec_ctx_free(sec_ctx_token_t c);
 // caller's error and status, frees the token and sets *ctokenp to NULL.
 void sec_ctx_discard(sec_token_t *ctokenp, sec_status_t st);
 
+// The service's mechanism data for entry (added when missing), the module
+// started for the service with the service's flags when it was not yet. The
+// caller holds svc->lock.
+qv_int32_t sec_svc_started_mech_data(sec_svc_token_t svc, sec_mpm_entry_t entry, sec_status_t st,
+                                     sec_mech_data_t *rec);
+
 // Makes sure the module is started for the service (with the service's
 // flags) and, when the service asked for its own identity, logged in as the
 // service, under the service token's mutex; *rec is the service's

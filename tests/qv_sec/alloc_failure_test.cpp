@@ -24,13 +24,17 @@ protected:
     struct Made {
         sec_token_t svc = nullptr, cctx = nullptr, sctx = nullptr;
         sec_buffer_desc bufs[4] = {};
+        sec_privset_info_desc ps = {};
+        sec_token_t ids[2] = {};
     };
     void end_made() {
         sec_status_desc st{};
         EXPECT_EQ(sec_end_context(&st, made_.cctx, nullptr), 0);
         EXPECT_EQ(sec_end_context(&st, made_.sctx, nullptr), 0);
+        for (sec_token_t id : made_.ids) EXPECT_EQ(sec_end_context(&st, id, nullptr), 0);
         EXPECT_EQ(sec_end(&st, 0, made_.svc), 0);
         for (sec_buffer_desc &b : made_.bufs) free(b.value);
+        sec__free_privset_info(&made_.ps);
         made_ = Made{};
     }
 
@@ -107,6 +111,61 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
          [this](qv_int32_t rc) {
              // The opened bytes are module output handed to the caller.
              if (rc == 0 && made_.bufs[3].value != nullptr) opened_by_caller_ += 1;
+         }},
+        // A failed write leaves no buffer, a failed read no half-read identity.
+        {"CIDB written and read back",
+         [this] {
+             static char name[] = "alice", mname[] = "bob", g1[] = "g1", g2[] = "staff";
+             static sec_buffer_desc groups[] = {{3, g1}, {6, g2}};
+             sec_privset_info_desc ps{name, mname, 2, groups};
+             if (qv_int32_t rc = sec__wrap_cid_buff(kCodeA, 1, SEC_CIDB_F_MAPPING, &ps, &made_.bufs[0])) return rc;
+             qv_uint32_t mech = 0, flags = 0;
+             int version = 0;
+             qv_uint64_t node = 0;
+             return sec__unwrap_cid_buff(&made_.bufs[0], &mech, &version, &node, &flags, &made_.ps);
+         },
+         [this](qv_int32_t rc) {
+             const sec_privset_info_desc &ps = made_.ps;
+             if (rc == 0) {
+                 ASSERT_EQ(ps.gcount, 2);
+                 EXPECT_STREQ(static_cast<const char *>(ps.groups[1].value), "staff");
+                 return;
+             }
+             EXPECT_TRUE(ps.name == nullptr && ps.mname == nullptr && ps.gcount == 0 && ps.groups == nullptr);
+             EXPECT_TRUE(made_.bufs[0].value != nullptr || made_.bufs[0].length == 0);
+         }},
+        // Without the mapping: the system's group lookup is not ours to sweep.
+        {"establish and create a CIDB",
+         [this] {
+             if (qv_int32_t rc = establish_made()) return rc;
+             sec_status_desc &st = last_;
+             return sec_create_cidb(&st, SEC_F_CIDB_HOST_LOCAL, made_.sctx, &made_.bufs[2]);
+         },
+         [this](qv_int32_t rc) {
+             EXPECT_TRUE(rc == 0 || (made_.bufs[2].value == nullptr && made_.bufs[2].length == 0));
+         }},
+        // The mapping comes with the CIDB or is not asked for: the system's
+        // group lookup stays out of the sweep.
+        {"identity contexts from a context and from its CIDB",
+         [this] {
+             if (qv_int32_t rc = establish_made()) return rc;
+             sec_status_desc &st = last_;
+             if (qv_int32_t rc = sec_create_id_context(&st, server_svc_, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP,
+                                                       made_.sctx, &made_.ids[0]))
+                 return rc;
+             static char name[] = "alice", mname[] = "bob", g1[] = "g1";
+             static sec_buffer_desc groups[] = {{3, g1}};
+             sec_privset_info_desc ps{name, mname, 1, groups};
+             if (qv_int32_t rc = sec__wrap_cid_buff(kCodeA, 1, SEC_CIDB_F_MAPPING, &ps, &made_.bufs[2])) return rc;
+             return sec_create_id_context(&st, client_svc_, SEC_F_IDCTX_CIDB, &made_.bufs[2], &made_.ids[1]);
+         },
+         [this](qv_int32_t rc) {
+             EXPECT_TRUE(rc == 0 || made_.ids[1] == nullptr);
+             if (rc == 0) {
+                 auto *t = static_cast<sec_ctx_token_t>(made_.ids[1]);
+                 ASSERT_EQ(t->privset.gcount, 1);
+                 EXPECT_STREQ(static_cast<const char *>(t->privset.groups[0].value), "g1");
+             }
          }},
         {"establish in two rounds",
          [this] {

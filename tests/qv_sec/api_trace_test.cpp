@@ -121,4 +121,32 @@ TEST_F(ApiTrace, SigningAtEachLevel) {
     EXPECT_EQ(traced_signing(8, nullptr), (Ids{131, 133, 136, 138}));
 }
 
+// The privilege set an identity context takes from a security context is
+// traced above INFO detail 1 only: name, mapped name ("<nil>" when none),
+// group count and the groups joined by blanks.
+TEST_F(ApiTrace, IdentityContextPrivilegeSetAboveInfoOne) {
+    establish(mech_list({kCodeA}));
+    ASSERT_EQ(ex_.server_rc, 0);
+    m_.behaviour(QVTEST_MPM_GET_MAPPED_NAME).name_len = 0;
+    for (unsigned char level : {1, 2}) {
+        SCOPED_TRACE(level);
+        size_t from = trace_bytes().size();
+        sec__trace_detail_levels[SEC_TRC_INFO] = level;
+        sec_status_desc st{};
+        sec_token_t id = nullptr;
+        EXPECT_EQ(sec_create_id_context(&st, server_svc_, SEC_F_IDCTX_SECCTX, ex_.server_ctx, &id), 0);
+        sec__trace_detail_levels[SEC_TRC_INFO] = 0;
+        EXPECT_EQ(sec_end_context(&st, id, nullptr), 0);
+        std::vector<std::string> seen;
+        const std::string b = trace_bytes();
+        qvtr::TraceReader reader;
+        reader.parse({reinterpret_cast<const uint8_t *>(b.data()), b.size()}, 0, true, [&](const qvtr::TraceEvent &ev) {
+            if (ev.kind != qvtr::TraceEvent::Kind::record || ev.offset < from || ev.record.id != kTracePrivset) return;
+            for (auto item : ev.items) seen.emplace_back(reinterpret_cast<const char *>(item.data()));
+        });
+        const std::vector<std::string> expected = {"qvtest_client@example", "<nil>", "0", ""};
+        EXPECT_EQ(seen, level == 1 ? std::vector<std::string>{} : expected);
+    }
+}
+
 }  // namespace

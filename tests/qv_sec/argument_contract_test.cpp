@@ -62,6 +62,12 @@ struct Row {
 #define ROW(routine, situation, rc, msg, ...) \
     Row { #routine, situation, []([[maybe_unused]] Env &e) { return routine(__VA_ARGS__); }, rc, msg }
 
+// A row whose message must also hold text (the position refused, say).
+Row at(Row r, const char *text) {
+    r.in_text = text;
+    return r;
+}
+
 sec_buffer_desc g_empty{0, kSvc};  // bytes, but none counted
 sec_buffer_desc g_no_bytes{3, nullptr};
 
@@ -144,6 +150,37 @@ std::vector<Row> rows() {
         ROW(sec_login_as_user, "not a service token", 5, MSG_2650_003, e.status(), e.junk, e.user_id.get(), nullptr, 0),
         ROW(sec_login_as_user, "service not started", 5, MSG_2650_003,
             e.status(), &e.unstarted, e.user_id.get(), nullptr, 0),
+        // sec_create_cidb
+        at(ROW(sec_create_cidb, "no status", 4, MSG_2650_060, nullptr, 1, e.server_done, e.out.get()),
+           "Positional parameter number: 1"),
+        at(ROW(sec_create_cidb, "no token", 4, MSG_2650_060, e.status(), 1, nullptr, e.out.get()),
+           "Positional parameter number: 3"),
+        at(ROW(sec_create_cidb, "no output", 4, MSG_2650_060, e.status(), 1, e.server_done, nullptr),
+           "Positional parameter number: 4"),
+        ROW(sec_create_cidb, "not a context token", 5, MSG_2650_061, e.status(), 1, e.junk, e.out.get()),
+        ROW(sec_create_cidb, "a service token", 5, MSG_2650_061, e.status(), 1, e.server_svc, e.out.get()),
+        ROW(sec_create_cidb, "not complete", 5, MSG_2650_061, e.status(), 1, e.pending, e.out.get()),
+        // sec_create_id_context
+        at(ROW(sec_create_id_context, "no status", 4, MSG_2650_060, nullptr, e.svc, SEC_F_IDCTX_SECCTX, e.server_done,
+               &e.made), "Positional parameter number: 1"),
+        at(ROW(sec_create_id_context, "no service token", 4, MSG_2650_060, e.status(), nullptr, SEC_F_IDCTX_SECCTX,
+               e.server_done, &e.made), "Positional parameter number: 2"),
+        ROW(sec_create_id_context, "not a service token", 5, MSG_2650_003, e.status(), e.junk, SEC_F_IDCTX_SECCTX,
+            e.server_done, &e.made),
+        ROW(sec_create_id_context, "service not started", 5, MSG_2650_003, e.status(), &e.unstarted,
+            SEC_F_IDCTX_SECCTX, e.server_done, &e.made),
+        ROW(sec_create_id_context, "neither source", 4, MSG_2650_066, e.status(), e.svc, 0, e.server_done, &e.made),
+        ROW(sec_create_id_context, "both sources", 4, MSG_2650_066, e.status(), e.svc, 0x3, e.server_done, &e.made),
+        ROW(sec_create_id_context, "forced and no mapping", 4, MSG_2650_069, e.status(), e.svc, 0x31, e.server_done,
+            &e.made),
+        at(ROW(sec_create_id_context, "no input", 4, MSG_2650_060, e.status(), e.svc, SEC_F_IDCTX_SECCTX, nullptr,
+               &e.made), "Positional parameter number: 4"),
+        at(ROW(sec_create_id_context, "no token pointer", 4, MSG_2650_060, e.status(), e.svc, SEC_F_IDCTX_SECCTX,
+               e.server_done, nullptr), "Positional parameter number: 5"),
+        ROW(sec_create_id_context, "context not complete", 5, MSG_2650_061, e.status(), e.svc, SEC_F_IDCTX_SECCTX,
+            e.pending, &e.made),
+        ROW(sec_create_id_context, "empty CIDB", 7, MSG_2650_005, e.status(), e.svc, SEC_F_IDCTX_CIDB, &g_empty,
+            &e.made),
         // sec_generate_key
         ROW(sec_generate_key, "no key", 4, MSG_2650_002, nullptr),
     };

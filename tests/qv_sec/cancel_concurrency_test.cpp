@@ -123,6 +123,20 @@ public:
         sec_status_desc st{};
         sec_start(&st, 0, &h.svc);
     }
+    // Blocked after the module made its identity context: the clean-up of
+    // the cancelled call must end it.
+    void id_from_context(Held &h) {
+        sec_status_desc st{};
+        sec_create_id_context(&st, server_svc_, SEC_F_IDCTX_SECCTX, ex_.server_ctx, &h.sctx);
+    }
+    // Blocked starting the module for a service that deferred it, under the
+    // service token's mutex.
+    void id_from_cidb(Held &h) {
+        sec_status_desc st{};
+        ASSERT_EQ(sec_start(&st, SEC_F_DEFER_MPM_START, &h.svc), 0);
+        View c(Bytes{SEC_BUF_CIDB, 1, 0, 0, 0, 0, 0, 0, 0, 0} + be32(kCodeA) + be32(0x200) + Bytes{0, 0, 0, 0, 0, 2, 'a', 0});
+        sec_create_id_context(&st, h.svc, SEC_F_IDCTX_CIDB, c.get(), &h.sctx);
+    }
     void seal(Held &) {
         View m(text("message"));
         sec_status_desc st{};
@@ -153,6 +167,9 @@ TEST_F(CancelTraced, CancelledInsideModuleRoutines) {
         {"client start on a socket", QVTEST_MPM_START_SEC_CONTEXT, &CancelTraced::start_on_socket, false, false, false},
         {"server receive", QVTEST_MPM_RECEIVE_SEC_CONTEXT, &CancelTraced::receive, false, false, false},
         {"seal", QVTEST_MPM_PREPARE_DATA, &CancelTraced::seal, true, false, false},
+        {"identity context, module's made", QVTEST_MPM_GET_CLIENT_NAME, &CancelTraced::id_from_context, true, false,
+         false},
+        {"identity context from a CIDB", QVTEST_MPM_START, &CancelTraced::id_from_cidb, false, false, true},
         // Given back from a destructor: acting on the cancellation inside the
         // module would end the process, and cutting the call short would
         // lose the buffer.
