@@ -42,7 +42,7 @@ protected:
     }
     void TearDown() override {
         reset();
-        free(SEC_STATE.config.fname);
+        if (SEC_STATE.config.fname != saved_fname_) free(SEC_STATE.config.fname);
         SEC_STATE.config.fname = saved_fname_;
     }
     void reset() {
@@ -211,8 +211,7 @@ TEST_F(ConfigReader, FifoIsRefusedWithoutWaiting) {
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     int rc = qvtest::run_in_child(
         [&] {
-            free(SEC_STATE.config.fname);
-            SEC_STATE.config.fname = strdup(fifo.c_str());
+            SEC_STATE.config.fname = strdup(fifo.c_str());  // the child's copy; it exits
             return static_cast<int>(sec__read_config());
         },
         std::chrono::seconds(10));

@@ -13,6 +13,12 @@
 
 #include "test_support.h"
 
+#if __has_include(<valgrind/valgrind.h>)
+#include <valgrind/valgrind.h>
+#else
+#define RUNNING_ON_VALGRIND 0
+#endif
+
 extern char **environ;
 
 namespace qvtest {
@@ -44,6 +50,16 @@ int run_in_child(const std::function<int()> &body, std::chrono::milliseconds lim
         try {
             rc = body();
         } catch (...) {
+        }
+        // Under valgrind the child's exit would run a leak check over the
+        // parent's heap, whose blocks belonged to threads that the child does
+        // not have: every child would "leak". Ending through exec of a shell
+        // that exits with the child's result skips that check; the parent's
+        // own run still checks its heap, and errors found in the child are
+        // still reported in the log.
+        if (RUNNING_ON_VALGRIND) {
+            std::string code = "exit " + std::to_string(rc);
+            execl("/bin/sh", "sh", "-c", code.c_str(), static_cast<char *>(nullptr));
         }
         _exit(rc);
     }
