@@ -57,7 +57,7 @@ extern "C" bignum_t bn_power(bignum_tc base, bignum_tc exp, bignum_tc mod, bignu
             const uint64_t bb = mag_bit_length(b.mag);
             const bool one = !b.neg && b.mag.size() == 1 && b.mag[0] == 1;
             if (bb > 0 && !one && !e.is_zero() &&
-                (e.mag.size() > 1 || uint64_t(e.mag[0]) * bb >= uint64_t(1) << 29))
+                (e.mag.size() > 1 || uint64_t(e.mag[0]) * bb >= kMaxPowerBits))
                 return fail(VORP_E_TOO_LARGE);
         }
         return place(num_power(b, e, mod ? &m : nullptr), c);
