@@ -280,7 +280,7 @@ TEST(Utf8Conversion, ConversionsInEachLocale) {
     for (auto [locale, kind] : {std::pair{"C.UTF-8", "utf8"}, std::pair{"qvtest_latin1", "latin1"},
                                 std::pair{"qvtest_nocvt", "none"}}) {
         SCOPED_TRACE(locale);
-        auto r = qvtest::run_tool("/proc/self/exe", {"--gtest_filter=Utf8InLocale.Child"},
+        auto r = qvtest::run_tool(qvtest::self_exe(), {"--gtest_filter=Utf8InLocale.Child"},
                                   {{"LOCPATH", dir.path()}, {"QVTEST_LOCALE", locale}, {"QVTEST_KIND", kind}});
         EXPECT_EQ(r.status, 0) << r.out << r.err;
         EXPECT_EQ(r.out.find("[  SKIPPED ]"), std::string::npos) << r.out;

@@ -66,6 +66,12 @@ int run_in_child(const std::function<int()> &body, std::chrono::milliseconds lim
     return wait_bounded(pid, limit);
 }
 
+std::string self_exe() {
+    char exe[4096];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    return n > 0 ? std::string(exe, static_cast<size_t>(n)) : std::string("/proc/self/exe");
+}
+
 ToolRun run_tool(const std::string &program, const std::vector<std::string> &args,
                  const std::map<std::string, std::string> &env, const std::string &stdin_text,
                  std::chrono::milliseconds limit) {

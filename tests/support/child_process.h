@@ -19,6 +19,10 @@ int run_in_child(const std::function<int()> &body, std::chrono::milliseconds lim
 // Waits for pid as run_in_child does.
 int wait_bounded(int pid, std::chrono::milliseconds limit = std::chrono::seconds(30));
 
+// The running test program's own file (not "/proc/self/exe", which a
+// program run under valgrind cannot exec).
+std::string self_exe();
+
 // A program's run: exit status (-1 when it did not exit), standard output
 // and standard error.
 struct ToolRun {
