@@ -115,9 +115,11 @@ TEST(Registration, RunTimeChangesApplyNowAndToLaterRegistrations) {
     EXPECT_EQ(a, (Levels{0, 0, 9, kUntouched, 1, 6}));
 
     // Remembered for a component registered afterwards, after QV_TRACE.
+    // A setting of another category keeps the earlier one.
     EXPECT_EQ(tr_set_levels_1("_RTB:Buffer=5"), TR_OK);
+    EXPECT_EQ(tr_set_levels_1("_RTB:Errors=3"), TR_OK);
     Levels b = register_with("_RTB", "_RTB:Buffer=2,Errors=1");
-    EXPECT_EQ(b, (Levels{1, 0, 2, kUntouched, 5, 6}));
+    EXPECT_EQ(b, (Levels{3, 0, 2, kUntouched, 5, 6}));
 
     // A later "*" replaces the earlier settings of that component.
     EXPECT_EQ(tr_set_levels_1("_RTB:*=4"), TR_OK);

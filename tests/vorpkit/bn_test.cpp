@@ -265,7 +265,7 @@ const BinaryCase kBinaryCases[] = {
          EXPECT_EQ(end, s + std::strlen(s));
          std::string upper = s;
          for (auto &ch : upper) ch = char(std::toupper(ch));
-         upper += "g";  // a non-digit for every radix ends the number
+         upper += "0123456789ABCDEFG"[radix];  // the first non-digit of the radix ends the number
          EXPECT_EQ(placed([&](bignum_t *c) { return bn_fromString(upper.c_str(), radix, c); }), va);
          std::free(s);
      }},
