@@ -50,7 +50,8 @@ void ComponentRegistry::apply(const Component &component,
 
 // Keeps a setting for later registrations, dropping the earlier ones it
 // overrides completely, so that repeated changes do not pile up.
-void ComponentRegistry::remember(const LevelSetting &setting) {
+// Moves the setting in: with room reserved beforehand this cannot fail.
+void ComponentRegistry::remember(LevelSetting &&setting) {
     std::erase_if(run_time_settings_, [&](const LevelSetting &old) {
         bool same_components = setting.component == "*" ||
                                names_equal(old.component, setting.component);
@@ -58,7 +59,7 @@ void ComponentRegistry::remember(const LevelSetting &setting) {
                                names_equal(old.category, setting.category);
         return same_components && same_categories;
     });
-    run_time_settings_.push_back(setting);
+    run_time_settings_.push_back(std::move(setting));
 }
 
 int ComponentRegistry::register_component(std::string_view name, tr_detail_level_t *levels,
@@ -109,11 +110,14 @@ int ComponentRegistry::unregister_component(std::string_view name) {
 int ComponentRegistry::set_levels(std::string_view text) {
     ParsedSettings parsed = parse_level_settings(text);
     std::lock_guard lock(mutex_);
+    // Everything that allocates comes before the first level is written, so
+    // that running out of memory changes nothing: the settings are moved,
+    // not copied, into the room reserved here.
     run_time_settings_.reserve(run_time_settings_.size() + parsed.settings.size());
     for (const Component &c : components_)
         apply(c, parsed.settings);
-    for (const LevelSetting &s : parsed.settings)
-        remember(s);
+    for (LevelSetting &s : parsed.settings)
+        remember(std::move(s));
     return parsed.malformed ? TR_E_BAD_SETTING : TR_OK;
 }
 

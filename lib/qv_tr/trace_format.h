@@ -87,7 +87,8 @@ public:
     // the previous call, then new ones); eof: nothing follows data. Calls sink
     // for each header, record and damaged stretch found, in file order, and
     // returns how many leading bytes of data are done with. Without eof, the
-    // caller keeps the rest and calls again with more bytes appended.
+    // caller keeps the rest and calls again with more bytes appended. Out of
+    // memory, throws std::bad_alloc; the events delivered before are whole.
     size_t parse(std::span<const uint8_t> data, uint64_t base, bool eof, const Sink &sink);
 
     // True when the bytes at offset 0 were not a version-1 file header.

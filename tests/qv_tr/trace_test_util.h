@@ -1,5 +1,6 @@
-// Helpers shared by the trace tests: decoding a whole trace file into plain
-// values that outlive the bytes.
+// Helpers of the trace tests: trace bytes built with the library's encoder,
+// and a whole trace decoded with its reader into values that outlive the
+// bytes.
 #pragma once
 
 #include <cstdint>
@@ -10,14 +11,36 @@
 
 namespace trtest {
 
+using qvtr::PayloadKind;
+using Kind = qvtr::TraceEvent::Kind;
+
+inline std::string header_bytes() {
+    std::string out(qvtr::kFileHeaderSize, '\0');
+    qvtr::encode_file_header(std::span(reinterpret_cast<uint8_t *>(out.data()), out.size()));
+    return out;
+}
+
+// A record stamped pid 4242, tid 4343, 2026-11-22 10:15:03 UTC.
+inline std::string record_bytes(std::string_view comp, uint32_t id, PayloadKind kind,
+                                const std::vector<std::string> &items = {},
+                                uint32_t nanoseconds = 123456789) {
+    std::vector<qvtr::Item> list;
+    for (const std::string &s : items)
+        list.push_back({reinterpret_cast<const uint8_t *>(s.data()), s.size()});
+    qvtr::RecordHeader h{comp, id, 4242, 4343, 1795342503, nanoseconds, kind};
+    std::string out(qvtr::encoded_record_size(comp, list), '\0');
+    qvtr::encode_record(std::span(reinterpret_cast<uint8_t *>(out.data()), out.size()), h, list);
+    return out;
+}
+
 struct Decoded {
-    qvtr::TraceEvent::Kind kind;
+    Kind kind;
     uint64_t offset = 0;
     std::string component;
     uint32_t id = 0, pid = 0, tid = 0;
     uint64_t seconds = 0;
     uint32_t nanoseconds = 0;
-    qvtr::PayloadKind payload = qvtr::PayloadKind::none;
+    PayloadKind payload = PayloadKind::none;
     std::vector<std::string> items;
 };
 
@@ -28,16 +51,9 @@ inline std::vector<Decoded> decode(const std::string &bytes, size_t chunk = 0,
     std::vector<Decoded> out;
     qvtr::TraceReader reader;
     auto sink = [&](const qvtr::TraceEvent &ev) {
-        Decoded d;
-        d.kind = ev.kind;
-        d.offset = ev.offset;
-        d.component = std::string(ev.record.component);
-        d.id = ev.record.id;
-        d.pid = ev.record.pid;
-        d.tid = ev.record.tid;
-        d.seconds = ev.record.seconds;
-        d.nanoseconds = ev.record.nanoseconds;
-        d.payload = ev.record.kind;
+        const qvtr::RecordHeader &r = ev.record;
+        Decoded d{ev.kind, ev.offset, std::string(r.component), r.id, r.pid, r.tid, r.seconds, r.nanoseconds,
+                  r.kind, {}};
         for (auto item : ev.items)
             d.items.emplace_back(item.begin(), item.end());
         out.push_back(std::move(d));
@@ -49,8 +65,7 @@ inline std::vector<Decoded> decode(const std::string &bytes, size_t chunk = 0,
         chunk = bytes.size() + 1;
     for (bool eof = false; !eof;) {
         size_t n = std::min(chunk, bytes.size() - next);
-        pending.insert(pending.end(), bytes.begin() + ptrdiff_t(next),
-                       bytes.begin() + ptrdiff_t(next + n));
+        pending.insert(pending.end(), bytes.begin() + ptrdiff_t(next), bytes.begin() + ptrdiff_t(next + n));
         next += n;
         eof = next == bytes.size();
         size_t used = reader.parse(pending, base, eof, sink);
@@ -62,11 +77,11 @@ inline std::vector<Decoded> decode(const std::string &bytes, size_t chunk = 0,
     return out;
 }
 
-// Only the records, without headers.
+// Only the records, without headers and damage.
 inline std::vector<Decoded> records_of(const std::vector<Decoded> &events) {
     std::vector<Decoded> out;
     for (const Decoded &d : events)
-        if (d.kind == qvtr::TraceEvent::Kind::record)
+        if (d.kind == Kind::record)
             out.push_back(d);
     return out;
 }

@@ -1,0 +1,591 @@
+// libqv_tr in one thread: the QV_TRACE grammar and the level arrays it
+// writes, the trace file format and its reader, the record routines and the
+// file they write, the qvtrace tool, and allocation failure in each.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "alloc_failure.h"
+#include "child_process.h"
+#include "internal.h"
+#include "qv_tr.h"
+#include "test_support.h"
+#include "trace_test_util.h"
+
+namespace {
+
+using namespace trtest;
+using qvtest::run_in_child;
+
+// ---- Level settings ----
+
+// Categories with a gap at id 3, so that a stray write shows up there.
+const tr_category_description kCategories[] = {
+    {0, "Errors", 0, 0}, {1, "Info", 0, 0}, {2, "API", 2, 0}, {4, "Buffer", 0, 1}, {5, "Locked", 4, 6},
+};
+using Levels = std::array<tr_detail_level_t, 6>;
+constexpr tr_detail_level_t U = 0xEE;  // untouched
+constexpr Levels kDefaults{0, 0, 2, U, 1, 6};
+
+Levels register_with(const char *comp, const char *qv_trace) {
+    if (qv_trace)
+        setenv("QV_TRACE", qv_trace, 1);
+    static Levels levels;
+    levels.fill(U);
+    EXPECT_EQ(tr_register_component_1(comp, levels.data(), kCategories, 5), TR_OK);
+    unsetenv("QV_TRACE");
+    return levels;
+}
+
+// The grammar and its application at registration: defaults raised to their
+// minimums, then QV_TRACE from left to right; a malformed part is dropped
+// and flagged, the rest applies.
+TEST(Registration, QvTraceGrammarTable) {
+    struct Case {
+        const char *qv_trace;
+        Levels expected;
+        bool malformed;
+    } cases[] = {
+        {nullptr, kDefaults, false},
+        {"_REG:API=8,Buffer=3", {0, 0, 8, U, 3, 6}, false},
+        {"_reg:api=8;_REG:BUFFER=3", {0, 0, 8, U, 3, 6}, false},
+        {" _REG : API = 8 , Buffer=3 ; ", {0, 0, 8, U, 3, 6}, false},
+        {";;_REG:API=8,,", {0, 0, 8, U, 1, 6}, false},
+        {"_REG:*=9", {9, 9, 9, U, 9, 9}, false},
+        {"_REG:*=0", {0, 0, 0, U, 1, 6}, false},
+        {"*:Info=5", {0, 5, 2, U, 1, 6}, false},
+        {"_REG:*=7,API=1", {7, 7, 1, U, 7, 7}, false},
+        {"_REG:API=1;_REG:API=3", {0, 0, 3, U, 1, 6}, false},
+        {"_OTHER:*=8;_REG:Errors=4", {4, 0, 2, U, 1, 6}, false},
+        {"_REG:Nope=8,Info=2", {0, 2, 2, U, 1, 6}, false},
+        {"_REGX:*=8;_RE:*=8", kDefaults, false},
+        {"_REG:API=255", {0, 0, 255, U, 1, 6}, false},
+        {"_REG:API=007", {0, 0, 7, U, 1, 6}, false},
+        {"_REG:API=256,Info=2", {0, 2, 2, U, 1, 6}, true},
+        {"_REG:API=-1,Info=2", {0, 2, 2, U, 1, 6}, true},
+        {"_REG:API=8x,Info=2", {0, 2, 2, U, 1, 6}, true},
+        {"_REG:API=,Info=2", {0, 2, 2, U, 1, 6}, true},
+        {"_REG:=8,Info=2", {0, 2, 2, U, 1, 6}, true},
+        {"_REG:API,Info=2", {0, 2, 2, U, 1, 6}, true},
+        {"_REG:API=1000,Info=2", {0, 2, 2, U, 1, 6}, true},
+        {"_REG:API=8=9,Info=2", {0, 2, 2, U, 1, 6}, true},
+        {"_REG;_REG:Info=2", {0, 2, 2, U, 1, 6}, true},
+        {":API=8;_REG:Info=2", {0, 2, 2, U, 1, 6}, true},
+    };
+    for (const Case &c : cases) {
+        const char *text = c.qv_trace ? c.qv_trace : "";
+        EXPECT_EQ(register_with("_REG", c.qv_trace), c.expected) << text;
+        EXPECT_EQ(qvtr::parse_level_settings(text).malformed, c.malformed) << text;
+    }
+    EXPECT_EQ(tr_unregister_component_1("_REG"), TR_OK);
+}
+
+TEST(Registration, RunTimeChangesApplyNowAndToLaterRegistrations) {
+    Levels a;
+    a.fill(U);
+    ASSERT_EQ(tr_register_component_1("_RTA", a.data(), kCategories, 5), TR_OK);
+    EXPECT_EQ(tr_set_levels_1("_rta:Info=3,Locked=1"), TR_OK);
+    EXPECT_EQ(a, (Levels{0, 3, 2, U, 1, 6}));
+    EXPECT_EQ(tr_set_levels_1("_RTA:*=0;bad;_RTA:API=9"), TR_E_BAD_SETTING);
+    EXPECT_EQ(a, (Levels{0, 0, 9, U, 1, 6}));
+
+    // Remembered for a component registered afterwards, after QV_TRACE. A
+    // setting of another category keeps the earlier one.
+    EXPECT_EQ(tr_set_levels_1("_RTB:Buffer=5"), TR_OK);
+    EXPECT_EQ(tr_set_levels_1("_RTB:Errors=3"), TR_OK);
+    EXPECT_EQ(register_with("_RTB", "_RTB:Buffer=2,Errors=1"), (Levels{3, 0, 2, U, 5, 6}));
+    // A later "*" replaces the earlier settings of that component.
+    EXPECT_EQ(tr_set_levels_1("_RTB:*=4"), TR_OK);
+    EXPECT_EQ(tr_unregister_component_1("_RTB"), TR_OK);
+    EXPECT_EQ(register_with("_RTB", nullptr), (Levels{4, 4, 4, U, 4, 6}));
+
+    EXPECT_EQ(tr_set_levels_1(""), TR_OK);
+    EXPECT_EQ(tr_set_levels_1(nullptr), TR_E_ARGUMENT);
+    EXPECT_EQ(tr_unregister_component_1("_RTA"), TR_OK);
+    EXPECT_EQ(tr_unregister_component_1("_RTB"), TR_OK);
+}
+
+TEST(Registration, UnregisterAndReregister) {
+    Levels first, second;
+    first.fill(U);
+    second.fill(U);
+    ASSERT_EQ(tr_register_component_1("_UNR", first.data(), kCategories, 5), TR_OK);
+    ASSERT_EQ(tr_register_component_1("_unr", second.data(), kCategories, 5), TR_OK);
+    // The first array is no longer the library's.
+    EXPECT_EQ(tr_set_levels_1("_UNR:Errors=7"), TR_OK);
+    EXPECT_EQ(first[0], 0);
+    EXPECT_EQ(second[0], 7);
+    EXPECT_EQ(tr_unregister_component_1("_UNR"), TR_OK);
+    EXPECT_EQ(second, (Levels{0, 0, 0, U, 0, 0}));
+    EXPECT_EQ(tr_set_levels_1("_UNR:Errors=3"), TR_OK);
+    EXPECT_EQ(second[0], 0);
+    EXPECT_EQ(tr_unregister_component_1("_UNR"), TR_E_NOT_FOUND);
+}
+
+TEST(Registration, BadArguments) {
+    Levels levels;
+    levels.fill(U);
+    std::string long_name(256, 'c');
+    const tr_category_description negative[] = {{0, "A", 1, 0}, {-1, "B", 1, 0}};
+    EXPECT_EQ(tr_register_component_1(nullptr, levels.data(), kCategories, 5), TR_E_ARGUMENT);
+    EXPECT_EQ(tr_register_component_1("", levels.data(), kCategories, 5), TR_E_ARGUMENT);
+    EXPECT_EQ(tr_register_component_1(long_name.c_str(), levels.data(), kCategories, 5), TR_E_ARGUMENT);
+    EXPECT_EQ(tr_register_component_1("_BAD", nullptr, kCategories, 5), TR_E_ARGUMENT);
+    EXPECT_EQ(tr_register_component_1("_BAD", levels.data(), nullptr, 5), TR_E_ARGUMENT);
+    EXPECT_EQ(tr_register_component_1("_BAD", levels.data(), kCategories, -1), TR_E_ARGUMENT);
+    EXPECT_EQ(tr_register_component_1("_BAD", levels.data(), negative, 2), TR_E_ARGUMENT);
+    EXPECT_EQ(levels[0], U);  // nothing written on failure
+    EXPECT_EQ(tr_unregister_component_1("_BAD"), TR_E_NOT_FOUND);
+    EXPECT_EQ(tr_unregister_component_1(nullptr), TR_E_ARGUMENT);
+    // No categories at all is a valid, if useless, registration.
+    EXPECT_EQ(tr_register_component_1("_EMPTY", nullptr, nullptr, 0), TR_OK);
+    EXPECT_EQ(tr_unregister_component_1("_EMPTY"), TR_OK);
+    long_name.resize(255);
+    EXPECT_EQ(tr_register_component_1(long_name.c_str(), levels.data(), kCategories, 1), TR_OK);
+    EXPECT_EQ(tr_unregister_component_1(long_name.c_str()), TR_OK);
+}
+
+// ---- The file format and its reader ----
+
+TEST(TraceFormat, KnownRecordBytes) {
+    std::string rec = record_bytes("_T", 7, PayloadKind::strings, {std::string("a\0", 2)});
+    EXPECT_EQ(qvtest::to_hex(reinterpret_cast<const uint8_t *>(rec.data()), rec.size()),
+              "51565452" "00000034" "02" "02" "0000" "00000007" "00001092" "000010f7"
+              "000000006b02c0a7" "075bcd15" "00000001" "5f54" "00000002" "6100"
+              "b5a2432b");  // checksum as computed by zlib
+    EXPECT_EQ(qvtest::to_hex(reinterpret_cast<const uint8_t *>(header_bytes().data()), 8), "5156544600000001");
+}
+
+TEST(TraceFormat, RoundTripEveryPayloadKind) {
+    std::string big(1 << 20, '\0');
+    for (size_t i = 0; i < big.size(); ++i)
+        big[i] = char(i * 131 + 7);
+    struct Case {
+        std::string comp;
+        uint32_t id;
+        PayloadKind kind;
+        std::vector<std::string> items;
+    } cases[] = {
+        {"_SEA", 11, PayloadKind::none, {}},
+        {"_SEA", 12, PayloadKind::data, {}},
+        {"_SEA", 0xFFFFFFFF, PayloadKind::data, {"", std::string("\0\x01\xff", 3), "xyz"}},
+        {"_SEA", 1, PayloadKind::strings, {std::string("sec_start\0", 10), "", std::string("\0", 1)}},
+        {"_SEA", 6, PayloadKind::data, {big, "tail"}},
+        {std::string(255, 'n'), 2, PayloadKind::strings, {std::string("x\0", 2)}},
+    };
+    std::string file = header_bytes();
+    for (const Case &c : cases)
+        file += record_bytes(c.comp, c.id, c.kind, c.items);
+    for (size_t chunk : {size_t(0), size_t(1000)}) {
+        uint64_t damage = 99;
+        auto events = decode(file, chunk, &damage);
+        EXPECT_EQ(damage, 0u);
+        ASSERT_EQ(events.size(), std::size(cases) + 1);
+        EXPECT_EQ(events[0].kind, Kind::header);
+        for (size_t i = 0; i < std::size(cases); ++i) {
+            const Decoded &d = events[i + 1];
+            SCOPED_TRACE(testing::Message() << "record " << i << ", chunk " << chunk);
+            EXPECT_EQ(d.kind, Kind::record);
+            EXPECT_EQ(d.component, cases[i].comp);
+            EXPECT_EQ(d.id, cases[i].id);
+            EXPECT_EQ(d.payload, cases[i].kind);
+            EXPECT_EQ(d.items, cases[i].items);
+            EXPECT_EQ(std::tie(d.pid, d.tid, d.seconds, d.nanoseconds),
+                      (std::make_tuple(4242u, 4343u, uint64_t{1795342503}, 123456789u)));
+        }
+    }
+}
+
+TEST(TraceFormat, SizeLimits) {
+    std::vector<qvtr::Item> none;
+    EXPECT_EQ(qvtr::encoded_record_size("", none), 0u);
+    EXPECT_EQ(qvtr::encoded_record_size(std::string(256, 'c'), none), 0u);
+    EXPECT_EQ(qvtr::encoded_record_size("C", none), qvtr::kMinRecordSize);
+    static const uint8_t byte = 0;
+    // The largest item that fits exactly, and one byte more.
+    size_t room = qvtr::kMaxRecordSize - qvtr::kMinRecordSize - qvtr::kItemLengthSize;
+    std::vector<qvtr::Item> fits{{&byte, room}}, too_big{{&byte, room + 1}}, wraps{{&byte, 8}, {&byte, SIZE_MAX - 4}};
+    EXPECT_EQ(qvtr::encoded_record_size("C", fits), qvtr::kMaxRecordSize);
+    EXPECT_EQ(qvtr::encoded_record_size("C", too_big), 0u);
+    EXPECT_EQ(qvtr::encoded_record_size("C", wraps), 0u);
+}
+
+// Damage anywhere costs only the bytes it touches: the reader reports where
+// it starts and picks up the next whole record, whatever the chunking.
+TEST(TraceReader, DamageIsReportedAndSkipped) {
+    const std::string hdr = header_bytes();
+    const std::string r1 = record_bytes("_A", 1, PayloadKind::none);
+    const std::string r2 = record_bytes("_A", 2, PayloadKind::data, {"abcdef"});
+    const std::string r3 = record_bytes("_A", 3, PayloadKind::strings, {std::string("s\0", 2)});
+    std::string flipped = r2, bad_kind = r2, long_length = r2;
+    flipped[flipped.size() - 6] ^= 0x40;
+    bad_kind[8] = 7;
+    long_length[6] = 0x7f;  // length beyond what the file holds
+    const std::string garbage = "QVTR\x00\x00\x00\x30garbage QVTF and more";
+    const uint64_t at_r2 = hdr.size() + r1.size();
+    struct Case {
+        const char *name;
+        std::string file;
+        std::vector<uint32_t> ids;      // records read, in order
+        std::vector<uint64_t> damaged;  // offsets reported
+    } cases[] = {
+        {"clean", hdr + r1 + r2 + r3, {1, 2, 3}, {}},
+        {"empty file", "", {}, {}},
+        {"truncated last record", hdr + r1 + r2 + r3.substr(0, r3.size() - 1), {1, 2}, {at_r2 + r2.size()}},
+        {"only the magic of the last record", hdr + r1 + r2.substr(0, 4), {1}, {at_r2}},
+        {"truncated header", hdr.substr(0, 5), {}, {0}},
+        {"garbage in the middle", hdr + r1 + garbage + r2 + r3, {1, 2, 3}, {at_r2}},
+        {"flipped payload bit", hdr + r1 + flipped + r3, {1, 3}, {at_r2}},
+        {"unknown payload kind", hdr + r1 + bad_kind + r3, {1, 3}, {at_r2}},
+        {"length past the end", hdr + r1 + long_length + r3, {1, 3}, {at_r2}},
+        {"record cut short by the next", hdr + r1.substr(0, 20) + r2 + r3, {2, 3}, {hdr.size()}},
+        {"second header between records", hdr + r1 + hdr + r2, {1, 2}, {}},
+        {"no header", r1 + r2, {2}, {0}},
+        {"damage at both ends", garbage + hdr + r1 + r2.substr(0, 9), {1}, {0, garbage.size() + at_r2}},
+    };
+    for (const Case &c : cases) {
+        for (size_t chunk : {size_t(0), size_t(1), size_t(7), size_t(64)}) {
+            SCOPED_TRACE(std::string(c.name) + " chunk " + std::to_string(chunk));
+            std::vector<uint32_t> ids;
+            std::vector<uint64_t> damaged;
+            uint64_t count = 0;
+            for (const Decoded &d : decode(c.file, chunk, &count)) {
+                if (d.kind == Kind::record)
+                    ids.push_back(d.id);
+                if (d.kind == Kind::damage)
+                    damaged.push_back(d.offset);
+            }
+            EXPECT_EQ(ids, c.ids);
+            EXPECT_EQ(damaged, c.damaged);
+            EXPECT_EQ(count, c.damaged.size());
+        }
+    }
+}
+
+// ---- The record routines ----
+
+// They read QV_TRACE_FILE once per process, so each case runs in a child of
+// its own, whose exit status is its first failed check.
+TEST(RecordRoutines, UnsetOrUnusableFileDropsRecords) {
+    qvtest::TempDir dir;
+    const std::string link = dir.path() + "/link";
+    ASSERT_EQ(symlink((dir.path() + "/target").c_str(), link.c_str()), 0);
+    struct Case {
+        const char *value;  // nullptr: unset
+        int rc;
+    } cases[] = {
+        {nullptr, TR_OK},
+        {"", TR_OK},
+        {link.c_str(), TR_E_FILE},  // a planted link is not followed
+        {"missing/trace", TR_E_FILE},
+        {"/dev/full", TR_E_FILE},  // opened, but every write fails
+    };
+    for (const Case &c : cases) {
+        int rc = run_in_child([&] {
+            if (chdir(dir.path().c_str()) != 0)
+                return 1;
+            if (c.value)
+                setenv("QV_TRACE_FILE", c.value, 1);
+            else
+                unsetenv("QV_TRACE_FILE");
+            errno = 1234;
+            if (tr_record_id_1("_N", 1) != c.rc || tr_record_data_1("_N", 2, 1, "ab", size_t{2}) != c.rc ||
+                tr_record_strings_1("_N", 3, 1, "x") != c.rc)
+                return 2;
+            return errno == 1234 ? 0 : 3;
+        });
+        EXPECT_EQ(rc, 0) << (c.value ? c.value : "(unset)");
+    }
+    // Nothing created: neither a file nor the link's target.
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+TEST(RecordRoutines, TwoProcessesAppendEveryKind) {
+    qvtest::TempDir dir;
+    std::string path = dir.path() + "/t.trc", big(100000, 'b');
+    struct timespec before;
+    clock_gettime(CLOCK_REALTIME, &before);
+    for (int run = 0; run < 2; ++run) {
+        int rc = run_in_child([&] {
+            setenv("QV_TRACE_FILE", path.c_str(), 1);
+            uint32_t word = 0x0a0b0c0d;
+            errno = 77;
+            if (tr_record_id_1("_SEA", 11) != TR_OK || errno != 77)
+                return 1;
+            if (tr_record_data_1("_SEA", 12, 3, &word, sizeof word, "", size_t{0}, big.data(), big.size()) != TR_OK)
+                return 2;
+            if (tr_record_strings_1("_SEA", 13, 3, "sec_start", static_cast<const char *>(nullptr), "") != TR_OK)
+                return 3;
+            // Refused whole: nothing of these reaches the file.
+            if (tr_record_data_1("_SEA", 14, 1, static_cast<const void *>(nullptr), size_t{1}) != TR_E_ARGUMENT ||
+                tr_record_id_1(nullptr, 1) != TR_E_ARGUMENT || tr_record_data_1("_SEA", 1, 0xFFFFFFFF) != TR_E_ARGUMENT ||
+                tr_record_id_1(std::string(256, 'c').c_str(), 16) != TR_E_ARGUMENT)
+                return 4;
+            // Not registered: written all the same.
+            if (tr_record_strings_1("_NOT_REGISTERED", 15, 0) != TR_OK)
+                return 5;
+            // The descriptor does not leak into programs the process runs.
+            for (const auto &fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+                std::error_code ec;
+                if (std::filesystem::read_symlink(fd.path(), ec) == path &&
+                    !(fcntl(std::stoi(fd.path().filename()), F_GETFD) & FD_CLOEXEC))
+                    return 6;
+            }
+            return 0;
+        });
+        ASSERT_EQ(rc, 0);
+    }
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    auto events = decode(qvtest::read_file(path));
+    ASSERT_EQ(events.size(), 9u);  // the second process found the file not empty: one header
+    EXPECT_EQ(events[0].kind, Kind::header);
+    const std::vector<std::string> strings{std::string("sec_start\0", 10), "", std::string(1, '\0')};
+    for (size_t first : {1, 5}) {
+        const Decoded *r = &events[first];
+        EXPECT_EQ(r[0].id, 11u);
+        EXPECT_EQ(r[0].payload, PayloadKind::none);
+        EXPECT_EQ(r[0].items.size(), 0u);
+        EXPECT_EQ(r[1].payload, PayloadKind::data);
+        EXPECT_EQ(r[1].items, (std::vector<std::string>{"\x0d\x0c\x0b\x0a", "", big}));
+        EXPECT_EQ(r[2].payload, PayloadKind::strings);
+        EXPECT_EQ(r[2].items, strings);
+        EXPECT_EQ(r[3].component, "_NOT_REGISTERED");
+        EXPECT_EQ(r[3].items.size(), 0u);
+        // The child's own ids (its only thread's id is its process id) and time.
+        EXPECT_NE(r[0].pid, uint32_t(getpid()));
+        EXPECT_EQ(r[0].tid, r[0].pid);
+        EXPECT_GE(r[0].seconds, uint64_t(before.tv_sec));
+        EXPECT_LE(r[0].seconds, uint64_t(before.tv_sec) + 60);
+    }
+    EXPECT_NE(events[1].pid, events[5].pid);
+}
+
+// A write the file system cuts short (the file size limit here, a full disk
+// elsewhere) and one that fails outright: the writer goes on, and the reader
+// finds every whole record around the torn one.
+TEST(RecordRoutines, ShortWriteCostsOnlyItsRecord) {
+    qvtest::TempDir dir;
+    std::string path = dir.path() + "/short.trc", big(100, 'x');
+    int rc = run_in_child([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        setenv("QV_TRACE_FILE", path.c_str(), 1);
+        if (tr_record_id_1("_SEA", 1) != TR_OK)
+            return 1;
+        struct stat sb;
+        struct rlimit old;
+        if (stat(path.c_str(), &sb) != 0 || getrlimit(RLIMIT_FSIZE, &old) != 0)
+            return 2;
+        struct rlimit tight = old;
+        tight.rlim_cur = rlim_t(sb.st_size) + 20;
+        if (setrlimit(RLIMIT_FSIZE, &tight) != 0)
+            return 3;
+        if (tr_record_data_1("_SEA", 2, 1, big.data(), big.size()) != TR_E_FILE)  // 20 bytes land
+            return 4;
+        if (tr_record_id_1("_SEA", 3) != TR_E_FILE)  // nothing lands
+            return 5;
+        if (setrlimit(RLIMIT_FSIZE, &old) != 0)
+            return 6;
+        return tr_record_id_1("_SEA", 4) == TR_OK ? 0 : 7;
+    });
+    ASSERT_EQ(rc, 0);
+    uint64_t damage = 0;
+    std::vector<uint32_t> ids;
+    for (const Decoded &d : records_of(decode(qvtest::read_file(path), 0, &damage)))
+        ids.push_back(d.id);
+    EXPECT_EQ(ids, (std::vector<uint32_t>{1, 4}));
+    EXPECT_EQ(damage, 1u);
+}
+
+// ---- qvtrace ----
+
+qvtest::ToolRun run_qvtrace(const std::vector<std::string> &args) { return qvtest::run_tool(QVTRACE_PATH, args); }
+
+TEST(Qvtrace, PrintsOneLinePerRecordAndEachDamage) {
+    qvtest::TempDir dir;
+    const std::string garbage = "\x01\x02QVTR junk", r1 = record_bytes("_SEA", 11, PayloadKind::none, {}, 5);
+    const std::string r2 = record_bytes("_SEA", 12, PayloadKind::data, {std::string("\x00\x00\x00\x0b", 4), "", "\xff\x10"});
+    const std::string r3 = record_bytes("_SEA", 1, PayloadKind::strings,
+                                        {std::string("sec_start\0", 10), "", std::string("t\tq\"\\\x01\xc3\xa9 end\0", 13)});
+    const std::string r4 = record_bytes("a b\n", 0, PayloadKind::strings);
+    const std::string torn = record_bytes("_SEA", 3, PayloadKind::data, {"abc"});
+    std::string file = header_bytes() + r1 + r2 + garbage + r3 + header_bytes() + r4 + torn.substr(0, torn.size() - 2);
+    const size_t garbage_at = 8 + r1.size() + r2.size(), torn_at = file.size() - torn.size() + 2;
+    qvtest::ToolRun run = run_qvtrace({dir.write("small.trc", file)});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out,
+              "2026-11-22 10:15:03.000000005 UTC _SEA id=11 pid=4242 tid=4343\n"
+              "2026-11-22 10:15:03.123456789 UTC _SEA id=12 pid=4242 tid=4343 0000000b (empty) ff10\n"
+              "damaged record at offset " + std::to_string(garbage_at) + "\n"
+              "2026-11-22 10:15:03.123456789 UTC _SEA id=1 pid=4242 tid=4343 \"sec_start\" (null) "
+              "\"t\\tq\\\"\\\\\\x01\\xc3\\xa9 end\"\n"
+              "2026-11-22 10:15:03.123456789 UTC a\\x20b\\n id=0 pid=4242 tid=4343\n"
+              "damaged record at offset " + std::to_string(torn_at) + "\n");
+    EXPECT_NE(run.err.find("2 damaged"), std::string::npos) << run.err;
+}
+
+TEST(Qvtrace, UsageAndUnreadableFiles) {
+    qvtest::TempDir dir;
+    std::string newer = header_bytes();
+    newer[7] = 9;
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        const char *out_starts;
+        const char *err_has;
+    } cases[] = {
+        {{"--help"}, 0, "usage: qvtrace FILE\n", ""},
+        {{}, 2, "", "usage: qvtrace FILE"},
+        {{"a", "b"}, 2, "", "usage: qvtrace FILE"},
+        {{dir.path() + "/missing"}, 2, "", "/missing: No such file or directory"},
+        {{dir.path()}, 2, "", "Is a directory"},
+        {{dir.write("newer.trc", newer)}, 2, "", "unsupported trace file version 9"},
+        {{dir.write("text.txt", "plain text\n")}, 1, "damaged record at offset 0\n", "no trace file header at offset 0"},
+        {{dir.write("empty.trc", "")}, 0, "", ""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.args.empty() ? "(no arguments)" : c.args[0]);
+        qvtest::ToolRun run = run_qvtrace(c.args);
+        EXPECT_EQ(run.status, c.status);
+        EXPECT_EQ(run.out.substr(0, std::strlen(c.out_starts)), c.out_starts);
+        if (*c.out_starts == '\0') {
+            EXPECT_EQ(run.out, "");
+        }
+        if (*c.err_has) {
+            EXPECT_NE(run.err.find(c.err_has), std::string::npos) << run.err;
+        } else {
+            EXPECT_EQ(run.err, "");
+        }
+    }
+}
+
+// ---- Allocation failure ----
+
+// Every allocation of a routine fails in turn. A run ends in success or
+// TR_E_NO_MEMORY; a failed run writes no level, keeps no setting and writes
+// no byte of a record; nothing leaks. Names are long enough that copying
+// them allocates.
+constexpr const char *kLong = "_ALLOCATION_SWEEP_COMPONENT";
+
+TEST(TrAllocFailure, LevelRoutines) {
+    static Levels lv;
+    const char *kChange = "_ALLOCATION_SWEEP_COMPONENT:Info=4;_ALLOCATION_SWEEP_OTHER:Errors=5";
+    const char *kBack = "_ALLOCATION_SWEEP_COMPONENT:Info=0;_ALLOCATION_SWEEP_OTHER:Errors=0";
+    // The registry and the capacity of its lists live for the process.
+    auto warm = [kBack] {
+        tr_register_component_1(kLong, lv.data(), kCategories, 5);
+        register_with("_ALLOCATION_SWEEP_OTHER", kBack);
+        tr_set_levels_1(kBack);
+        tr_unregister_component_1("_ALLOCATION_SWEEP_OTHER");
+        tr_unregister_component_1(kLong);
+        lv.fill(U);
+        setenv("QV_TRACE", "_ALLOCATION_SWEEP_COMPONENT:API=8,Buffer=3", 1);
+    };
+    qvtest::alloc_failure_sweep([] { return tr_register_component_1(kLong, lv.data(), kCategories, 5); },
+                                [](int rc, bool) {
+                                    Levels untouched;
+                                    untouched.fill(U);
+                                    EXPECT_EQ(lv, rc == TR_OK ? (Levels{0, 0, 8, U, 3, 6}) : untouched);
+                                    EXPECT_EQ(tr_unregister_component_1(kLong), rc == TR_OK ? TR_OK : TR_E_NOT_FOUND);
+                                    EXPECT_TRUE(rc == TR_OK || rc == TR_E_NO_MEMORY) << rc;
+                                    lv.fill(U);
+                                },
+                                warm);
+    unsetenv("QV_TRACE");
+    ASSERT_EQ(tr_register_component_1(kLong, lv.data(), kCategories, 5), TR_OK);
+    qvtest::alloc_failure_sweep([kChange] { return tr_set_levels_1(kChange); },
+                                [kBack](int rc, bool) {
+                                    // A failed change reaches neither the registered nor a later component.
+                                    Levels other = register_with("_ALLOCATION_SWEEP_OTHER", nullptr);
+                                    EXPECT_EQ(tr_unregister_component_1("_ALLOCATION_SWEEP_OTHER"), TR_OK);
+                                    EXPECT_TRUE(rc == TR_OK || rc == TR_E_NO_MEMORY) << rc;
+                                    EXPECT_EQ(lv[1], rc == TR_OK ? 4 : 0);
+                                    EXPECT_EQ(other[0], rc == TR_OK ? 5 : 0);
+                                    tr_set_levels_1(kBack);
+                                });
+    EXPECT_EQ(tr_unregister_component_1(kLong), TR_OK);
+}
+
+// Records: the file is opened first (it lives for the process), then the
+// records that need the heap: a long payload and many strings.
+TEST(TrAllocFailure, RecordRoutines) {
+    if (!qvtest::failing_allocator_active())
+        GTEST_SKIP() << "the failing allocator is not in use";
+    qvtest::TempDir dir;
+    const std::string path = dir.path() + "/sweep.trc", big(3000, 'b');
+    int rc = run_in_child([&] {
+        setenv("QV_TRACE_FILE", path.c_str(), 1);
+        auto file_size = [&] {
+            struct stat st {};
+            stat(path.c_str(), &st);
+            return st.st_size;
+        };
+        off_t size = 0;
+        auto check = [&](int rc, bool) {
+            off_t now = file_size();
+            EXPECT_EQ(rc == TR_OK, now > size) << rc;
+            EXPECT_TRUE(rc == TR_OK || rc == TR_E_NO_MEMORY) << rc;
+            size = now;
+        };
+        qvtest::alloc_failure_sweep([&] { return tr_record_data_1(kLong, 1, 2, big.data(), big.size(), "x", size_t{1}); },
+                                    check, [&] {
+                                        tr_record_id_1(kLong, 0);
+                                        size = file_size();
+                                    });
+        qvtest::alloc_failure_sweep(
+            [] {
+                return tr_record_strings_1(kLong, 2, 17, "a", "b", "c", "d", "e", "f", "g", "h", "i", "j", "k", "l", "m",
+                                           "n", "o", "p", "q");
+            },
+            check);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(rc, 0);
+    uint64_t damage = 9;
+    std::vector<uint32_t> ids;
+    for (const Decoded &d : records_of(decode(qvtest::read_file(path), 0, &damage)))
+        ids.push_back(d.id);
+    EXPECT_EQ(ids, (std::vector<uint32_t>{0, 1, 2}));
+    EXPECT_EQ(damage, 0u);
+}
+
+// The reader throws std::bad_alloc; what it delivered before is whole, a
+// prefix of what a run with memory delivers.
+TEST(TrAllocFailure, TraceReader) {
+    const std::string bytes = header_bytes() + record_bytes("_A", 1, PayloadKind::data, {"abc", "de"}) + "junk" +
+                              record_bytes("_A", 2, PayloadKind::strings, {std::string("s\0", 2)}) +
+                              record_bytes("_A", 3, PayloadKind::none);
+    std::span<const uint8_t> data(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+    std::vector<std::pair<Kind, uint64_t>> seen, all;
+    seen.reserve(16);
+    const qvtr::TraceReader::Sink sink = [&](const qvtr::TraceEvent &ev) { seen.emplace_back(ev.kind, ev.offset); };
+    auto read = [&] {
+        seen.clear();
+        try {
+            qvtr::TraceReader().parse(data, 0, true, sink);
+            return TR_OK;
+        } catch (const std::bad_alloc &) {
+            return TR_E_NO_MEMORY;
+        }
+    };
+    ASSERT_EQ(read(), TR_OK);
+    all = seen;
+    ASSERT_EQ(all.size(), 5u);
+    qvtest::alloc_failure_sweep(read, [&](int rc, bool) {
+        EXPECT_EQ(rc == TR_OK, seen == all);
+        EXPECT_TRUE(std::equal(seen.begin(), seen.end(), all.begin(), all.begin() + ptrdiff_t(std::min(seen.size(), all.size()))));
+    });
+}
+
+}  // namespace
