@@ -6,14 +6,13 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <vector>
 
+#include "child_process.h"
 #include "random_internal.h"
 #include "test_support.h"
 #include "vorpkit.h"
@@ -87,21 +86,19 @@ Bytes trng_bytes(Vorp_trng_t &t, size_t n) {
 
 // ---- Helpers of the true-random generator ----
 
-TEST(RandomHelpers, Log2MatchesTheDefinition) {
-    // Spot values: 2^k, the table's ends, and a value whose low bits drop.
+TEST(RandomHelpers, Log2AndCompress) {
+    // 1000 * log2 from the top seven bits: 2^k, the table's ends, and values
+    // whose low bits drop.
     const std::pair<uint32_t, uint32_t> spots[] = {{0, 0},       {1, 0},       {2, 1000},     {3, 1585},
                                                    {64, 6000},   {65, 6022},   {127, 6989},   {128, 7000},
                                                    {129, 7000},  {4243, 12044}, {0xffffffff, 31989}};
     for (auto [v, want] : spots) EXPECT_EQ(rng::log2(v), want) << v;
     for (uint32_t v = 1; v < 100000; v += (v < 4096 ? 1 : 97)) {
         int e = 31 - __builtin_clz(v);
-        uint32_t m = e >= 6 ? v >> (e - 6) : v << (6 - e);
-        auto want = static_cast<uint32_t>(1000 * e + std::lround(1000 * std::log2(m / 64.0)));
-        ASSERT_EQ(rng::log2(v), want) << v;
+        double top = e >= 6 ? v >> (e - 6) : v << (6 - e);
+        ASSERT_EQ(rng::log2(v), 1000 * e + std::lround(1000 * std::log2(top / 64))) << v;
     }
-}
-
-TEST(RandomHelpers, CompressFoldsTheDigestIntoEightBytes) {
+    // The digest folded into eight bytes.
     Bytes pool(256);
     for (size_t i = 0; i < pool.size(); ++i) pool[i] = static_cast<uint8_t>(i * 7);
     uint8_t out[8] = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -111,51 +108,6 @@ TEST(RandomHelpers, CompressFoldsTheDigestIntoEightBytes) {
 }
 
 // ---- True-random generator ----
-
-TEST(Trng, ZeroLengthOnlySetsTheSampleCount) {
-    Vorp_trng_t t{}, zero{};
-    Vorp_trng(&t, nullptr, 0);
-    EXPECT_EQ(t.nsam, 64u);
-    t.nsam = 0;
-    EXPECT_EQ(std::memcmp(&t, &zero, sizeof t), 0);
-}
-
-TEST(Trng, BytesComeFromTheEndOfTheAccumulatorBackwards) {
-    Vorp_trng_t t{};
-    Bytes first = trng_bytes(t, 3);
-    ASSERT_EQ(t.bytes, 5u);
-    Bytes rest(t.accu, t.accu + 5);
-    Bytes second = trng_bytes(t, 5);
-    EXPECT_EQ(t.bytes, 0u);
-    // Written from the end: first = accu[5..8), second = accu[0..5).
-    EXPECT_EQ(second, rest);
-    EXPECT_NE(first, Bytes(3, 0));
-}
-
-TEST(Trng, BadArgumentsSetErrno) {
-    Vorp_trng_t t{};
-    Vorp_errno = 0;
-    Vorp_trng(nullptr, nullptr, 0);
-    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
-    Vorp_errno = 0;
-    Vorp_trng(&t, nullptr, 4);
-    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
-    EXPECT_EQ(t.bytes, 0u);
-}
-
-// A clock without jitter: every counted symbol is the same and the estimate
-// is 0. Each round must end, take its entropy from the operating system, and
-// two fresh states must not give the same bytes.
-TEST(Trng, ZeroEntropyClockFallsBackToTheOperatingSystem) {
-    ScriptedSources sources(no_jitter);
-    Vorp_trng_t a{}, b{};
-    Bytes ka = trng_bytes(a, 16), kb = trng_bytes(b, 16);
-    EXPECT_NE(ka, kb);
-    EXPECT_EQ(g_os_calls, 4u);  // one per round of 8 bytes
-    // The first check (64 samples) still sees a little entropy and raises
-    // the sample count; the later checks see none.
-    EXPECT_EQ(a.nsam, 4243u);
-}
 
 // The generator as specified, on a clock whose every sample is `sample`
 // (0: the clock gives none), with the fallback this library adds: a round
@@ -297,36 +249,15 @@ TEST(Trng, JitteryClockNeedsNoOperatingSystemHelp) {
     }
 }
 
-// With the machine's own clock: separate calls and separate processes give
-// different bytes, whatever path the rounds take.
+// With the machine's own clock: separate states give different bytes, and
+// so do two copies of one state, as a fork leaves them (here in a child),
+// whatever path the rounds take.
 TEST(Trng, RealClockDiffersAcrossStatesAndProcesses) {
-    auto draw = [] {
-        Vorp_trng_t t{};
-        return trng_bytes(t, 16);
-    };
-    std::vector<Bytes> seen{draw(), draw()};
-    for (int child = 0; child < 2; ++child) {
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
-        pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            close(fds[0]);
-            Bytes b = draw();
-            _exit(write(fds[1], b.data(), b.size()) == 16 ? 0 : 1);
-        }
-        close(fds[1]);
-        Bytes b(16);
-        ssize_t got = read(fds[0], b.data(), b.size());
-        close(fds[0]);
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        ASSERT_EQ(got, 16);
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-        seen.push_back(b);
-    }
-    for (size_t i = 0; i < seen.size(); ++i)
-        for (size_t j = i + 1; j < seen.size(); ++j) EXPECT_NE(seen[i], seen[j]) << i << " vs " << j;
+    Vorp_trng_t a{}, b{};
+    const Bytes first = trng_bytes(a, 16);
+    EXPECT_NE(first, trng_bytes(b, 16));
+    Vorp_trng_t c = a;
+    EXPECT_EQ(qvtest::run_in_child([&] { return trng_bytes(c, 16) == trng_bytes(a, 16) ? 1 : 0; }), 0);
 }
 
 // ---- Pseudo-random generator ----
@@ -348,18 +279,13 @@ struct PrngModel {
 };
 
 TEST(Prng, SeedBytesAreStoredReversedAndWrapping) {
-    struct {
-        size_t len;
-    } cases[] = {{5}, {32}, {40}};
-    for (auto c : cases) {
+    for (size_t len : {5, 32, 40}) {
         Vorp_prng_t st{};
         std::memset(st.seed, 0xee, sizeof st.seed);
-        Bytes data(c.len);
-        for (size_t i = 0; i < c.len; ++i) data[i] = static_cast<uint8_t>(i + 1);
-        Vorp_seedPrng(&st, data.data(), static_cast<qv_uint32_t>(c.len));
-        Bytes want(32, 0xee);
-        for (size_t i = 0; i < c.len; ++i) want[(c.len - 1 - i) % 32] = data[i];
-        EXPECT_EQ(Bytes(st.seed, st.seed + 32), want) << c.len;
+        Bytes data(len), want(32, 0xee);
+        for (size_t i = 0; i < len; ++i) want[(len - 1 - i) % 32] = data[i] = static_cast<uint8_t>(i + 1);
+        Vorp_seedPrng(&st, data.data(), static_cast<qv_uint32_t>(len));
+        EXPECT_EQ(Bytes(st.seed, st.seed + 32), want) << len;
         EXPECT_EQ(st.ri, 1u);
     }
 }
@@ -434,18 +360,22 @@ TEST(Prng, UnseededStateSeedsItselfFromTheTrueRandomGenerator) {
     EXPECT_EQ(c.ri, 1u);
 }
 
-TEST(Prng, BadArgumentsSetErrno) {
+// A missing state, or nowhere to write: VORP_E_BAD_ARGUMENT and nothing
+// written or seeded.
+TEST(Trng, BadArgumentsOfBothGenerators) {
+    Vorp_trng_t t{};
     Vorp_prng_t st{};
-    Vorp_errno = 0;
-    Vorp_prng(nullptr, nullptr, 0);
-    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
-    Vorp_errno = 0;
-    Vorp_prng(&st, nullptr, 1);
-    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
-    EXPECT_EQ(st.ri, 0u);
-    Vorp_errno = 0;
-    Vorp_seedPrng(nullptr, "x", 1);
-    EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
+    const std::function<void()> calls[] = {
+        [] { Vorp_trng(nullptr, nullptr, 0); }, [&] { Vorp_trng(&t, nullptr, 4); },
+        [] { Vorp_prng(nullptr, nullptr, 0); }, [&] { Vorp_prng(&st, nullptr, 1); },
+        [] { Vorp_seedPrng(nullptr, "x", 1); },
+    };
+    for (const auto &call : calls) {
+        Vorp_errno = 0;
+        call();
+        EXPECT_EQ(Vorp_errno, VORP_E_BAD_ARGUMENT);
+    }
+    EXPECT_EQ(t.bytes + t.nsam + st.ri, 0u);
 }
 
 }  // namespace
