@@ -50,8 +50,9 @@ void ComponentRegistry::apply(const Component &component,
 
 // Keeps a setting for later registrations, dropping the earlier ones it
 // overrides completely, so that repeated changes do not pile up.
-// Moves the setting in: with room reserved beforehand this cannot fail.
-void ComponentRegistry::remember(LevelSetting &&setting) {
+// Takes the setting by moving it in: with room reserved beforehand this
+// cannot fail.
+void ComponentRegistry::remember(LevelSetting setting) {
     std::erase_if(run_time_settings_, [&](const LevelSetting &old) {
         bool same_components = setting.component == "*" ||
                                names_equal(old.component, setting.component);

@@ -57,7 +57,7 @@ private:
 
     ComponentRegistry() = default;
     static void apply(const Component &component, const std::vector<LevelSetting> &settings);
-    void remember(LevelSetting &&setting);
+    void remember(LevelSetting setting);
 
     std::mutex mutex_;
     std::vector<Component> components_;
