@@ -226,6 +226,12 @@ TEST(TraceReader, DamageIsReportedAndSkipped) {
     flipped[flipped.size() - 6] ^= 0x40;
     bad_kind[8] = 7;
     long_length[6] = 0x7f;  // length beyond what the file holds
+    // A second item whose length field the record has no room for, under a
+    // right checksum.
+    std::string extra_item = r2;
+    extra_item[39] = 2;
+    qvtr::store_be32(reinterpret_cast<uint8_t *>(extra_item.data()) + extra_item.size() - 4,
+                     qvtr::crc32({reinterpret_cast<const uint8_t *>(extra_item.data()), extra_item.size() - 4}));
     const std::string garbage = "QVTR\x00\x00\x00\x30garbage QVTF and more";
     const uint64_t at_r2 = hdr.size() + r1.size();
     struct Case {
@@ -243,6 +249,7 @@ TEST(TraceReader, DamageIsReportedAndSkipped) {
         {"flipped payload bit", hdr + r1 + flipped + r3, {1, 3}, {at_r2}},
         {"unknown payload kind", hdr + r1 + bad_kind + r3, {1, 3}, {at_r2}},
         {"length past the end", hdr + r1 + long_length + r3, {1, 3}, {at_r2}},
+        {"item count past the items", hdr + r1 + extra_item + r3, {1, 3}, {at_r2}},
         {"record cut short by the next", hdr + r1.substr(0, 20) + r2 + r3, {2, 3}, {hdr.size()}},
         {"second header between records", hdr + r1 + hdr + r2, {1, 2}, {}},
         {"no header", r1 + r2, {2}, {0}},

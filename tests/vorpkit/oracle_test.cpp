@@ -508,6 +508,25 @@ TEST(VorpAllocFailure, KeyRecordsAndHashStates) {
     }
 }
 
+// The random generators allocate nothing, so they cannot run out of memory:
+// past the test's own allocation, no run sees a failure.
+TEST(VorpAllocFailure, RandomGeneratorsAllocateNothing) {
+    qvtest::alloc_failure_sweep(
+        [] {
+            void *own = std::malloc(1);
+            Vorp_trng_t t{};
+            Vorp_prng_t p{};
+            p.trngMix = 8;
+            uint8_t out[64];
+            Vorp_trng(&t, out, 8);
+            Vorp_seedPrng(&p, nullptr, 8);
+            Vorp_prng(&p, out, sizeof out);
+            std::free(own);
+            return own ? 0 : 1;
+        },
+        [](int rc, bool failed) { EXPECT_EQ(failed, rc != 0); });
+}
+
 // ---- The length field of the final block ----
 
 // Checked against a model written here: OpenSSL's raw compression functions
