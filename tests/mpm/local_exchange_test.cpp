@@ -125,34 +125,29 @@ TEST_F(LocalExchange, MutualInOneProcess) {
     ASSERT_EQ(116u, reply.size());
     EXPECT_EQ("02010001", to_hex(std::vector<uint8_t>(reply.begin(), reply.begin() + 4)));
     EXPECT_EQ(3, reply[80]);
-    qv_uint32_t minor, flags = 0;
-    qv_int32_t lifetime = 0;
-    for (void *ctx : {p.client.get(), p.server.get()}) {
-        ASSERT_EQ(0u, m.mpm_get_ctx_flags(&minor, ctx, &flags));
-        EXPECT_EQ(0x1fu, flags);  // mutual, replay, sequence, integrity, confidentiality
-        ASSERT_EQ(0u, m.mpm_get_ctx_lifetime(&minor, ctx, &lifetime));
-        EXPECT_EQ(0x7fffffff, lifetime);
-        char mnemonic[17] = {};
-        ASSERT_EQ(0u, m.mpm_get_ctx_mpm(&minor, ctx, mnemonic));
-        EXPECT_STREQ("local", mnemonic);
-    }
-    EXPECT_EQ(0x1fu, p.rflags);
-}
-
-TEST_F(LocalExchange, ClientWithoutSocketIsOneWay) {
-    Pair p(m);
-    ASSERT_EQ(1u, p.start("svc", 0, false));
-    ASSERT_EQ(0u, p.receive(p.hello.bytes()));
-    ASSERT_EQ(0u, p.complete(p.reply.bytes()));
-    qv_uint32_t minor, flags = 0;
-    for (void *ctx : {p.client.get(), p.server.get()}) {
-        ASSERT_EQ(0u, m.mpm_get_ctx_flags(&minor, ctx, &flags));
-        EXPECT_EQ(0x1eu, flags);
-    }
-    // Nothing vouched for the service: the client cannot name it.
-    qv_uint32_t status;
-    peer_name(m, p.client.get(), &status);
+    // A client that gave no socket checks nothing and cannot name the
+    // service; its flags say so on both sides.
+    Pair one_way(m);
+    ASSERT_EQ(1u, one_way.start("svc", 0, false));
+    ASSERT_EQ(0u, one_way.receive(one_way.hello.bytes()));
+    ASSERT_EQ(0u, one_way.complete(one_way.reply.bytes()));
+    qv_uint32_t minor, flags = 0, status;
+    peer_name(m, one_way.client.get(), &status);
     EXPECT_EQ(kWrongState, status);
+    EXPECT_EQ(0x1fu, p.rflags);
+    EXPECT_EQ(0x1eu, one_way.rflags);
+    for (Pair *q : {&p, &one_way}) {
+        for (void *ctx : {q->client.get(), q->server.get()}) {
+            ASSERT_EQ(0u, m.mpm_get_ctx_flags(&minor, ctx, &flags));
+            EXPECT_EQ(q->rflags, flags);  // 0x1: mutual; replay, sequence, integrity, confidentiality
+            qv_int32_t lifetime = 0;
+            ASSERT_EQ(0u, m.mpm_get_ctx_lifetime(&minor, ctx, &lifetime));
+            EXPECT_EQ(0x7fffffff, lifetime);
+            char mnemonic[17] = {};
+            ASSERT_EQ(0u, m.mpm_get_ctx_mpm(&minor, ctx, mnemonic));
+            EXPECT_STREQ("local", mnemonic);
+        }
+    }
 }
 
 // Runs step as uid: in a child that became uid, or here when uid is ours.
