@@ -135,14 +135,16 @@ TEST_F(LocalThroughLibrary, ContextLife) {
 
     // A sealed message changed in transit, or replayed; a signature replayed
     // or over other data.
+    sec_buffer_desc refused{0, nullptr};
     static_cast<char *>(b[kSealed].value)[b[kSealed].length - 1] ^= 1;
-    EXPECT_EQ(SEC_S_MPM_FAILURE, sec_process_data(&st, s, &b[kSealed], &b[kPlain]));
+    EXPECT_EQ(SEC_S_MPM_FAILURE, sec_process_data(&st, s, &b[kSealed], &refused));
     EXPECT_EQ(14u, st.maj_stat);
     static_cast<char *>(b[kSealed].value)[b[kSealed].length - 1] ^= 1;
-    EXPECT_EQ(SEC_S_MPM_FAILURE, sec_process_data(&st, s, &b[kSealed], &b[kPlain]));
+    EXPECT_EQ(SEC_S_MPM_FAILURE, sec_process_data(&st, s, &b[kSealed], &refused));
     EXPECT_EQ(15u, st.maj_stat);
     EXPECT_EQ(SEC_S_BAD_SIGNATURE, sec_verify_data_v(&st, s, &b[kSig], 1, &vec));
-    EXPECT_EQ(0, life());
+    EXPECT_EQ(nullptr, refused.value);
+    EXPECT_EQ(0, life(kStages, kEndClient));
 }
 
 // With the n-th allocation failing: the failing call returns the no-memory
