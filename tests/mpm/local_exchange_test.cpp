@@ -131,6 +131,10 @@ TEST_F(LocalExchange, MutualInOneProcess) {
     ASSERT_EQ(1u, one_way.start("svc", 0, false));
     ASSERT_EQ(0u, one_way.receive(one_way.hello.bytes()));
     ASSERT_EQ(0u, one_way.complete(one_way.reply.bytes()));
+    // Each exchange has fresh nonces on both sides.
+    auto nonce = [](const std::vector<uint8_t> &t) { return to_hex(std::vector<uint8_t>(t.begin() + 4, t.begin() + 36)); };
+    EXPECT_NE(nonce(p.hello.bytes()), nonce(one_way.hello.bytes()));
+    EXPECT_NE(nonce(p.reply.bytes()), nonce(one_way.reply.bytes()));
     qv_uint32_t minor, flags = 0, status;
     peer_name(m, one_way.client.get(), &status);
     EXPECT_EQ(kWrongState, status);
@@ -361,8 +365,13 @@ TEST_F(LocalExchange, SocketRequirements) {
         EXPECT_EQ(static_cast<qv_uint32_t>(EAFNOSUPPORT), p.minor);
         EXPECT_EQ(0, p.hello.length());
     }
-    {  // Mutual authentication without a socket, or without a target.
+    {  // Mutual authentication without a socket, or without a target; no
+       // output buffer or handle slot.
         Pair p(m);
+        EXPECT_EQ(kBadArgument, m.mpm_start_sec_context(&p.minor, p.svc.handle(), nullptr, nullptr, 0, p.client.slot(),
+                                                        nullptr));
+        EXPECT_EQ(kBadArgument, m.mpm_start_sec_context(&p.minor, p.svc.handle(), nullptr, nullptr, 0, nullptr,
+                                                        p.hello.get()));
         EXPECT_EQ(kMutualRequired, p.start("svc", kRequireMutual, false));
         EXPECT_EQ(kBadArgument, p.start("", kRequireMutual, false));
         EXPECT_EQ(nullptr, p.client.get());
