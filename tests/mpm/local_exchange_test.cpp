@@ -1,8 +1,8 @@
 // The "local" module driven through dlopen as the library drives it:
 // context establishment in one process and across processes and users,
-// tokens that lie, are cut short or corrupted; sealed messages and
-// signatures, and their refusal when changed, replayed, reordered,
-// reflected or used after fork.
+// tokens that lie, are cut short or corrupted; who may serve a target name;
+// sealed messages and signatures, and their refusal when changed, replayed,
+// reordered, reflected or used after fork.
 #include <gtest/gtest.h>
 #include <grp.h>
 #include <pwd.h>
@@ -13,6 +13,7 @@
 #include <functional>
 
 #include "child_process.h"
+#include "local_mech.h"
 #include "local_module.h"
 
 namespace qvtest {
@@ -431,6 +432,58 @@ TEST_F(LocalExchange, RoutinesOutOfTurn) {
     EXPECT_EQ(kBadHandle, m.mpm_prepare_data(&minor, p.svc.handle(), kIntegrity, &in, out.get()));
     EXPECT_EQ(kBadHandle, m.mpm_end(&minor, 0, p.client.get()));
     EXPECT_EQ(kBadHandle, m.mpm_end_context(&minor, nullptr));
+}
+
+// Who may answer a client that requires mutual authentication for a target:
+// root, the client's own user, and the users the services file lists for the
+// service or, when it lists none, the user of the service's name. The file
+// counts only when root owns it and only root can write it. The module's own
+// file is fixed at build time: this calls the rule with a file the test writes.
+TEST(LocalWire, ServiceUsersRule) {
+    if (geteuid() != 0) GTEST_SKIP() << "the services file must be owned by root: the test writes one as root";
+    constexpr uint32_t kDaemon = 1;
+    constexpr qv_uint32_t kUser = qvlocal::kMinorUserNotAllowed, kFile = qvlocal::kMinorServicesFileUnusable;
+    enum Kind { kNone, kText, kGroupWritable, kOtherOwner, kSymlink, kDirectory };
+    struct Case {
+        const char *what;
+        Kind kind;
+        const char *text, *target;
+        uint32_t service_uid, client_uid;
+        qv_uint32_t minor;  // 0: allowed
+    } cases[] = {
+        {"no file, stranger", kNone, "", "svc", kDaemon, kNobody, kUser},
+        {"no file, root", kNone, "", "svc", 0, kNobody, 0},
+        {"no file, the client's own user", kNone, "", "svc", kDaemon, kDaemon, 0},
+        {"no file, user of the service's name", kNone, "", "daemon", kDaemon, kNobody, 0},
+        {"no file, name with host", kNone, "", "daemon@node1", kDaemon, kNobody, 0},
+        {"listed", kText, "svc daemon\n", "svc", kDaemon, kNobody, 0},
+        {"listed by uid, with comments", kText, "# who\n\n  svc\t#65534 \nother daemon\n", "svc", kNobody, 0, 0},
+        {"another service's user", kText, "svc daemon\nother nobody\n", "svc", kNobody, 0, kUser},
+        {"a list replaces the name rule", kText, "daemon nobody\n", "daemon", kDaemon, 0, kUser},
+        {"unknown user listed", kText, "svc no-such-user-qv\n", "svc", kDaemon, 0, kUser},
+        {"three fields", kText, "svc daemon extra\n", "svc", kDaemon, 0, kFile},
+        {"one field", kText, "svc\n", "svc", kDaemon, 0, kFile},
+        {"group-writable", kGroupWritable, "svc daemon\n", "svc", kDaemon, 0, kFile},
+        {"owned by another user", kOtherOwner, "svc daemon\n", "svc", kDaemon, 0, kFile},
+        {"symbolic link", kSymlink, "svc daemon\n", "svc", kDaemon, 0, kFile},
+        {"directory", kDirectory, "", "svc", kDaemon, 0, kFile},
+        {"unusable file, root still serves", kGroupWritable, "", "svc", 0, kNobody, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        TempDir dir;
+        std::string path = dir.path() + "/local-services", real = dir.write("real", c.text);
+        ASSERT_EQ(0, chmod(real.c_str(), c.kind == kGroupWritable ? 0664 : 0644));
+        ASSERT_EQ(0, c.kind == kOtherOwner ? chown(real.c_str(), kNobody, kNobody) : 0);
+        ASSERT_EQ(0, c.kind == kNone        ? 0
+                     : c.kind == kSymlink   ? symlink(real.c_str(), path.c_str())
+                     : c.kind == kDirectory ? mkdir(path.c_str(), 0755)
+                                            : rename(real.c_str(), path.c_str()));
+        qv_uint32_t minor = 0;
+        EXPECT_EQ(c.minor == 0 ? 0u : kServiceNotAllowed,
+                  qvlocal::service_user_allowed(path.c_str(), c.target, c.service_uid, c.client_uid, &minor));
+        EXPECT_EQ(c.minor, minor);
+    }
 }
 
 class LocalProtection : public ::testing::Test {
