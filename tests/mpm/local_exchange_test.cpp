@@ -671,6 +671,7 @@ TEST_F(LocalProtection, Signatures) {
     EXPECT_EQ(0u, verify(client, back, whole));
     // A vector element with a length and no bytes.
     EXPECT_EQ(kBadArgument, sign(client, {{nullptr, 1}}, &split));
+    EXPECT_EQ(kBadArgument, verify(server, s1, {{nullptr, 1}}));
 }
 
 }  // namespace
