@@ -179,7 +179,7 @@ extern "C" qv_uint32_t mpm_complete_sec_context(qv_uint32_t *min_stat, sec_buffe
         ctx->hello.clear();
         ctx->peer_known = ctx->has_socket;
         ctx->peer = std::move(service);
-        ctx->peer_service = reply.service;
+        ctx->peer_service = std::move(reply.service);  // no allocation once the keys are set
         ctx->flags = kProtectionFlags | (ctx->require_mutual ? kCtxMutual : 0);
         ctx->phase = Phase::kComplete;
         return kOk;

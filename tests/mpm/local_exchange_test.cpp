@@ -1,35 +1,35 @@
-// The "local" module's context establishment, driven through dlopen as the
-// library drives it: in one process over a socket pair, across processes
-// (fork) with the kernel's peer credentials, services and clients run as
-// another user, and tokens that lie, are cut short or are corrupted.
+// The "local" module driven through dlopen as the library drives it:
+// context establishment in one process and across processes and users,
+// tokens that lie, are cut short or corrupted; who may serve a target name;
+// sealed messages and signatures, and their refusal when changed, replayed,
+// reordered, reflected or used after fork.
 #include <gtest/gtest.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <thread>
+#include <functional>
 
 #include "child_process.h"
+#include "local_mech.h"
 #include "local_module.h"
 
 namespace qvtest {
 namespace {
 
-constexpr size_t kUidAt = 68, kGidAt = 72, kPidAt = 76;
 constexpr qv_uint32_t kRequireMutual = 0x2;
 constexpr uid_t kNobody = 65534;
 
-std::string this_host() {
-    char buf[256] = {};
-    gethostname(buf, sizeof buf - 1);
-    return buf;
+std::string user_at_host(uid_t uid) {
+    char host[256] = {};
+    gethostname(host, sizeof host - 1);
+    passwd *pw = getpwuid(uid);
+    return (pw != nullptr ? std::string(pw->pw_name) : "#" + std::to_string(uid)) + "@" + host;
 }
 
-// The name the module gives the peer of ctx (the client on the service side,
-// the service on the client side); empty when it refuses.
+// The name the module gives the peer of ctx; empty when it refuses.
 std::string peer_name(LocalModule &m, void *ctx, qv_uint32_t *status = nullptr) {
     char buf[256];
     qv_int32_t len = sizeof buf;
@@ -38,30 +38,35 @@ std::string peer_name(LocalModule &m, void *ctx, qv_uint32_t *status = nullptr) 
     return s == 0 ? std::string(buf) : std::string();
 }
 
-std::string user_at_host(uid_t uid) {
-    passwd *pw = getpwuid(uid);
-    return (pw != nullptr ? std::string(pw->pw_name) : "#" + std::to_string(uid)) + "@" + this_host();
-}
-
 sockaddr_un unix_address(const std::string &path) {
     sockaddr_un sa{};
     sa.sun_family = AF_UNIX;
     std::strncpy(sa.sun_path, path.c_str(), sizeof sa.sun_path - 1);
     return sa;
 }
+const sockaddr *as_sockaddr(const sockaddr_un &sa) { return reinterpret_cast<const sockaddr *>(&sa); }
 
 // Drops this (child) process to another user; false when it cannot.
 bool become(uid_t uid) { return setgroups(0, nullptr) == 0 && setgid(uid) == 0 && setuid(uid) == 0; }
 
-// One client and one service context, each with its own end of a socket pair
-// made by this process, so each side's kernel view of the other is this
-// process: both sides can check each other.
+std::vector<uint8_t> with_byte(std::vector<uint8_t> v, size_t at, int value) {
+    v.at(at) = static_cast<uint8_t>(value);
+    return v;
+}
+std::vector<uint8_t> flipped(std::vector<uint8_t> v, size_t at, int mask = 1) {
+    return with_byte(v, at, v.at(at) ^ mask);
+}
+
+// One client and one server context, each with its own end of a socket pair
+// made by this process: each side's kernel view of the other is this process.
 struct Pair {
-    explicit Pair(LocalModule &mod, const char *login = nullptr)
-        : m(mod), client_svc(mod), server_svc(mod, login), client(mod), server(mod), hello(mod), reply(mod) {}
+    explicit Pair(LocalModule &mod, const char *login = nullptr, int cfd = -1, int sfd = -1)
+        : m(mod), svc(mod, login), client(mod), server(mod), hello(mod), reply(mod) {
+        if (cfd >= 0) dup2(cfd, sp.fd[0]), dup2(sfd, sp.fd[1]);
+    }
     LocalModule &m;
     SocketPair sp;
-    Service client_svc, server_svc;
+    Service svc;
     Context client, server;
     ModBuffer hello, reply;
     qv_uint32_t minor = 0, rflags = 0;
@@ -70,15 +75,20 @@ struct Pair {
         if (attach) {
             EXPECT_EQ(0u, client.attach(sp.fd[0]));
         }
-        return m.mpm_start_sec_context(&minor, client_svc.handle(), const_cast<char *>(target),
+        return m.mpm_start_sec_context(&minor, svc.handle(), const_cast<char *>(target),
                                        const_cast<char *>("localhost"), flags, client.slot(), hello.get());
     }
+    // A refused hello frees the server context: each call attaches anew.
     qv_uint32_t receive(std::vector<uint8_t> token, bool attach = true) {
         if (attach) {
             EXPECT_EQ(0u, server.attach(sp.fd[1]));
         }
         sec_buffer_desc in = in_buffer(token);
-        return m.mpm_receive_sec_context(&minor, server_svc.handle(), &in, server.slot(), reply.get(), &rflags);
+        qv_uint32_t s = m.mpm_receive_sec_context(&minor, svc.handle(), &in, server.slot(), reply.get(), &rflags);
+        if (s != 0) {
+            EXPECT_EQ(nullptr, server.get());
+        }
+        return s;
     }
     qv_uint32_t complete(std::vector<uint8_t> token) {
         sec_buffer_desc in = in_buffer(token);
@@ -87,8 +97,8 @@ struct Pair {
         EXPECT_EQ(0, out.length());
         return s;
     }
-    void establish() {
-        ASSERT_EQ(1u, start());
+    void establish(const char *target = "svc", qv_uint32_t flags = 0) {
+        ASSERT_EQ(1u, start(target, flags));
         ASSERT_EQ(0u, receive(hello.bytes()));
         ASSERT_EQ(0u, complete(reply.bytes()));
     }
@@ -101,153 +111,80 @@ protected:
 
 TEST_F(LocalExchange, MutualInOneProcess) {
     Pair p(m, "svc");
-    ASSERT_EQ(1u, p.start("svc", kRequireMutual));
-    ASSERT_EQ(0u, p.receive(p.hello.bytes()));
-    ASSERT_EQ(0u, p.complete(p.reply.bytes()));
-    EXPECT_EQ(81u + 3, p.hello.bytes().size());
-    EXPECT_EQ(113u + 3, p.reply.bytes().size());
-    qv_uint32_t minor, flags = 0;
-    qv_int32_t lifetime = 0;
-    for (void *ctx : {p.client.get(), p.server.get()}) {
-        ASSERT_EQ(0u, m.mpm_get_ctx_flags(&minor, ctx, &flags));
-        EXPECT_EQ(0x1fu, flags);  // mutual, replay, sequence, integrity, confidentiality
-        ASSERT_EQ(0u, m.mpm_get_ctx_lifetime(&minor, ctx, &lifetime));
-        EXPECT_EQ(0x7fffffff, lifetime);
-        char mnemonic[17] = {};
-        ASSERT_EQ(0u, m.mpm_get_ctx_mpm(&minor, ctx, mnemonic));
-        EXPECT_STREQ("local", mnemonic);
-    }
-    EXPECT_EQ(0x1fu, p.rflags);
-}
-
-TEST_F(LocalExchange, ClientWithoutSocketIsOneWay) {
-    Pair p(m);
-    ASSERT_EQ(1u, p.start("svc", 0, false));
-    ASSERT_EQ(0u, p.receive(p.hello.bytes()));
-    ASSERT_EQ(0u, p.complete(p.reply.bytes()));
-    qv_uint32_t minor, flags = 0;
-    ASSERT_EQ(0u, m.mpm_get_ctx_flags(&minor, p.client.get(), &flags));
-    EXPECT_EQ(0x1eu, flags);
-    ASSERT_EQ(0u, m.mpm_get_ctx_flags(&minor, p.server.get(), &flags));
-    EXPECT_EQ(0x1eu, flags);  // the client said it would not check the service
-    // Nothing vouched for the service: the client cannot name it.
-    qv_uint32_t status;
-    peer_name(m, p.client.get(), &status);
+    p.establish("svc", kRequireMutual);
+    // The hello as documented: type, version, flags, then after nonce and
+    // key the sender's uid, gid, pid big-endian and the target's length.
+    std::vector<uint8_t> want = {1, 1, 0, 1};
+    for (uint32_t v : {static_cast<uint32_t>(geteuid()), static_cast<uint32_t>(getegid()),
+                       static_cast<uint32_t>(getpid())})
+        for (int s = 24; s >= 0; s -= 8) want.push_back(static_cast<uint8_t>(v >> s));
+    want.insert(want.end(), {3, 's', 'v', 'c'});
+    std::vector<uint8_t> hello = p.hello.bytes(), reply = p.reply.bytes();
+    ASSERT_EQ(84u, hello.size());
+    hello.erase(hello.begin() + 4, hello.begin() + 68);
+    EXPECT_EQ(to_hex(want), to_hex(hello));
+    ASSERT_EQ(116u, reply.size());
+    EXPECT_EQ("02010001", to_hex(std::vector<uint8_t>(reply.begin(), reply.begin() + 4)));
+    EXPECT_EQ(3, reply[80]);
+    // A client that gave no socket checks nothing and cannot name the
+    // service; its flags say so on both sides.
+    Pair one_way(m);
+    ASSERT_EQ(1u, one_way.start("svc", 0, false));
+    ASSERT_EQ(0u, one_way.receive(one_way.hello.bytes()));
+    ASSERT_EQ(0u, one_way.complete(one_way.reply.bytes()));
+    // Each exchange has fresh nonces on both sides.
+    auto nonce = [](const std::vector<uint8_t> &t) { return to_hex(std::vector<uint8_t>(t.begin() + 4, t.begin() + 36)); };
+    EXPECT_NE(nonce(p.hello.bytes()), nonce(one_way.hello.bytes()));
+    EXPECT_NE(nonce(p.reply.bytes()), nonce(one_way.reply.bytes()));
+    qv_uint32_t minor, flags = 0, status;
+    peer_name(m, one_way.client.get(), &status);
     EXPECT_EQ(kWrongState, status);
-}
-
-// The service side of a cross-process exchange, run in a child: accepts one
-// client, establishes, checks who the client is, then unseals one message,
-// seals an answer and verifies one signature. Exit code 0 = all good, else
-// the step that failed.
-int serve_one(LocalModule &m, int listen_fd, uid_t expected_uid) {
-    int fd = accept(listen_fd, nullptr, nullptr);
-    if (fd < 0) return 10;
-    Service svc(m);
-    Context ctx(m);
-    if (ctx.attach(fd) != 0) return 11;
-    std::vector<uint8_t> frame;
-    if (!recv_frame(fd, frame)) return 12;
-    sec_buffer_desc in = in_buffer(frame);
-    ModBuffer reply(m);
-    qv_uint32_t minor, rflags;
-    if (m.mpm_receive_sec_context(&minor, svc.handle(), &in, ctx.slot(), reply.get(), &rflags) != 0) return 13;
-    if (!send_frame(fd, reply.bytes())) return 14;
-    char id[64];
-    qv_int32_t id_len = sizeof id;
-    if (m.mpm_get_client_id(&minor, ctx.get(), &id_len, id) != 0 || id_len < 9) return 15;
-    uint32_t uid = static_cast<uint32_t>(static_cast<uint8_t>(id[1])) << 24 |
-                   static_cast<uint32_t>(static_cast<uint8_t>(id[2])) << 16 |
-                   static_cast<uint32_t>(static_cast<uint8_t>(id[3])) << 8 | static_cast<uint8_t>(id[4]);
-    if (uid != expected_uid) return 16;
-    if (!recv_frame(fd, frame)) return 17;
-    in = in_buffer(frame);
-    ModBuffer plain(m);
-    if (m.mpm_process_data(&minor, ctx.get(), &in, plain.get()) != 0) return 18;
-    std::vector<uint8_t> expect = {'p', 'i', 'n', 'g'};
-    if (plain.bytes() != expect) return 19;
-    std::vector<uint8_t> pong = {'p', 'o', 'n', 'g'};
-    sec_buffer_desc pong_in = in_buffer(pong);
-    ModBuffer sealed(m);
-    if (m.mpm_prepare_data(&minor, ctx.get(), kConfidentiality, &pong_in, sealed.get()) != 0) return 20;
-    if (!send_frame(fd, sealed.bytes())) return 21;
-    std::vector<uint8_t> sig;
-    if (!recv_frame(fd, sig)) return 22;
-    sec_buffer_desc sig_in = in_buffer(sig);
-    iovec v{expect.data(), expect.size()};
-    if (m.mpm_verify_data_v(&minor, ctx.get(), &sig_in, 1, &v) != 0) return 23;
-    close(fd);
-    return 0;
-}
-
-// A service in a child process, listening on path. The listening socket is
-// made and bound by this test's user; listen is called after the child has
-// become service_uid, so the kernel reports that user to connecting clients.
-// A pre-forked service listens in one process and answers in another.
-pid_t spawn_service(LocalModule &m, const std::string &path, uid_t service_uid, bool preforked, uid_t client_uid) {
-    pid_t child = fork();
-    if (child != 0) return child;
-    int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
-    const sockaddr_un sa = unix_address(path);
-    if (bind(lfd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa) != 0) _exit(9);
-    if (service_uid != geteuid() && !become(service_uid)) _exit(8);
-    if (listen(lfd, 1) != 0) _exit(9);
-    if (!preforked) _exit(serve_one(m, lfd, client_uid));
-    pid_t worker = fork();
-    if (worker == 0) _exit(serve_one(m, lfd, client_uid));
-    _exit(wait_bounded(worker));
-}
-
-struct ClientResult {
-    qv_uint32_t status = 0, minor = 0, flags = 0;
-    std::string service;  // the service's name as the client learned it
-};
-
-// The client's half: establishes over a connection to path and, when that
-// succeeds, runs the exchange serve_one expects.
-ClientResult run_client(LocalModule &m, const std::string &path, qv_uint32_t flags, const char *target) {
-    ClientResult r;
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    const sockaddr_un sa = unix_address(path);
-    EXPECT_TRUE(wait_until([&] { return connect(fd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa) == 0; }));
-    Service svc(m);
-    Context ctx(m);
-    EXPECT_EQ(0u, ctx.attach(fd));
-    ModBuffer hello(m);
-    qv_uint32_t minor;
-    EXPECT_EQ(1u, m.mpm_start_sec_context(&minor, svc.handle(), const_cast<char *>(target),
-                                          const_cast<char *>("localhost"), flags, ctx.slot(), hello.get()));
-    EXPECT_TRUE(send_frame(fd, hello.bytes()));
-    std::vector<uint8_t> reply;
-    EXPECT_TRUE(recv_frame(fd, reply));
-    sec_buffer_desc in = in_buffer(reply);
-    ModBuffer none(m);
-    r.status = m.mpm_complete_sec_context(&r.minor, &in, ctx.get(), none.get());
-    if (r.status != 0) {
-        close(fd);
-        return r;
+    EXPECT_EQ(0x1fu, p.rflags);
+    EXPECT_EQ(0x1eu, one_way.rflags);
+    for (Pair *q : {&p, &one_way}) {
+        for (void *ctx : {q->client.get(), q->server.get()}) {
+            ASSERT_EQ(0u, m.mpm_get_ctx_flags(&minor, ctx, &flags));
+            EXPECT_EQ(q->rflags, flags);  // 0x1: mutual; replay, sequence, integrity, confidentiality
+            qv_int32_t lifetime = 0;
+            ASSERT_EQ(0u, m.mpm_get_ctx_lifetime(&minor, ctx, &lifetime));
+            EXPECT_EQ(0x7fffffff, lifetime);
+            char mnemonic[17] = {};
+            ASSERT_EQ(0u, m.mpm_get_ctx_mpm(&minor, ctx, mnemonic));
+            EXPECT_STREQ("local", mnemonic);
+        }
     }
-    m.mpm_get_ctx_flags(&minor, ctx.get(), &r.flags);
-    r.service = peer_name(m, ctx.get());
-
-    std::vector<uint8_t> ping = {'p', 'i', 'n', 'g'};
-    sec_buffer_desc ping_in = in_buffer(ping);
-    ModBuffer sealed(m);
-    EXPECT_EQ(0u, m.mpm_prepare_data(&minor, ctx.get(), kIntegrity, &ping_in, sealed.get()));
-    EXPECT_TRUE(send_frame(fd, sealed.bytes()));
-    std::vector<uint8_t> answer;
-    EXPECT_TRUE(recv_frame(fd, answer));
-    in = in_buffer(answer);
-    ModBuffer plain(m);
-    EXPECT_EQ(0u, m.mpm_process_data(&minor, ctx.get(), &in, plain.get()));
-    EXPECT_EQ((std::vector<uint8_t>{'p', 'o', 'n', 'g'}), plain.bytes());
-    iovec v{ping.data(), ping.size()};
-    ModBuffer sig(m);
-    EXPECT_EQ(0u, m.mpm_sign_data_v(&minor, ctx.get(), 1, &v, sig.get()));
-    EXPECT_TRUE(send_frame(fd, sig.bytes()));
-    close(fd);
-    return r;
 }
+
+// Runs step as uid: in a child that became uid, or here when uid is ours.
+bool as_user(uid_t uid, const std::function<bool()> &step) {
+    if (uid == geteuid()) return step();
+    return run_in_child([&] { return become(uid) && step() ? 0 : 1; }) == 0;
+}
+
+// A connection whose ends the kernel credits to the user that listened
+// (service_uid) and the one that connected (client_uid), both ends held by
+// this process. The listener's process is not the one that answers, as
+// with a pre-forked service.
+struct UserSockets {
+    UserSockets(uid_t service_uid, uid_t client_uid) {
+        TempDir dir;
+        const sockaddr_un sa = unix_address(dir.path() + "/svc.sock");
+        int lfd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        client = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        // The other user must reach the socket.
+        EXPECT_TRUE(bind(lfd, as_sockaddr(sa), sizeof sa) == 0 && chmod(dir.path().c_str(), 0711) == 0 &&
+                    chmod(sa.sun_path, 0666) == 0);
+        EXPECT_TRUE(as_user(service_uid, [&] { return listen(lfd, 1) == 0; }));
+        EXPECT_TRUE(as_user(client_uid, [&] { return connect(client, as_sockaddr(sa), sizeof sa) == 0; }));
+        server = accept(lfd, nullptr, nullptr);
+        close(lfd);
+    }
+    ~UserSockets() {
+        close(client);
+        close(server);
+    }
+    int client = -1, server = -1;
+};
 
 // Who may answer a client that requires mutual authentication: the kernel
 // names the user that listens, and that user must be allowed to serve the
@@ -257,146 +194,61 @@ TEST_F(LocalExchange, ServicesAcrossProcessesAndUsers) {
     const uid_t me = geteuid();
     struct Case {
         const char *what;
-        bool other_user, preforked;
+        uid_t service;
         qv_uint32_t flags;
         const char *target;
         qv_uint32_t status, minor;
     } cases[] = {
-        {"own user", false, false, kRequireMutual, "svc", 0, 0},
-        {"own user, pre-forked", false, true, kRequireMutual, "svc", 0, 0},
-        {"impostor", true, false, kRequireMutual, "svc", kServiceNotAllowed, 1},
-        {"impostor, pre-forked", true, true, kRequireMutual, "svc@localhost", kServiceNotAllowed, 1},
-        {"service named after its user", true, true, kRequireMutual, "nobody", 0, 0},
-        {"impostor, client does not require", true, false, 0, "svc", 0, 0},
+        {"own user", me, kRequireMutual, "svc", 0, 0},
+        {"impostor", kNobody, kRequireMutual, "svc", kServiceNotAllowed, 1},
+        {"impostor, target with host", kNobody, kRequireMutual, "svc@localhost", kServiceNotAllowed, 1},
+        {"service named after its user", kNobody, kRequireMutual, "nobody@node1", 0, 0},
+        {"impostor, client does not require", kNobody, 0, "svc", 0, 0},
     };
-    bool skipped = false;
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        if (c.other_user && me != 0) {
-            skipped = true;
-            continue;
-        }
-        TempDir dir;
-        std::string path = dir.path() + "/svc.sock";
-        const uid_t service_uid = c.other_user ? kNobody : me;
-        pid_t child = spawn_service(m, path, service_uid, c.preforked, me);
-        ASSERT_GE(child, 0);
-        ClientResult r = run_client(m, path, c.flags, c.target);
-        EXPECT_EQ(c.status, r.status);
-        EXPECT_EQ(c.minor, r.minor);
-        int served = wait_bounded(child);
-        if (c.status == 0) {
-            EXPECT_EQ(0, served);
-            // The client knows who served it, checked or not; only a check
-            // against the target sets the mutual flag.
-            EXPECT_EQ(user_at_host(service_uid), r.service);
-            EXPECT_EQ(c.flags == kRequireMutual ? 0x1u : 0u, r.flags & 0x1u);
-        }
-    }
-    if (skipped) GTEST_SKIP() << "the cases with a service run as another user need root";
-}
-
-// The kernel gives both ends of a socket pair the credentials of the process
-// that made it: the maker authenticates to a child that inherited an end.
-TEST_F(LocalExchange, PairMakerAuthenticatesToChild) {
-    {
-        SocketPair sp;
-        pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            close(sp.fd[0]);
-            sp.fd[0] = -1;
-            Service svc(m);
-            Context ctx(m);
-            std::vector<uint8_t> hello;
-            if (ctx.attach(sp.fd[1]) != 0 || !recv_frame(sp.fd[1], hello)) _exit(1);
-            sec_buffer_desc in = in_buffer(hello);
-            ModBuffer reply(m);
-            qv_uint32_t minor, rflags;
-            if (m.mpm_receive_sec_context(&minor, svc.handle(), &in, ctx.slot(), reply.get(), &rflags) != 0) _exit(2);
-            _exit(send_frame(sp.fd[1], reply.bytes()) ? 0 : 3);
-        }
-        Service svc(m);
-        Context ctx(m);
-        ModBuffer hello(m);
-        qv_uint32_t minor;
-        ASSERT_EQ(1u, m.mpm_start_sec_context(&minor, svc.handle(), nullptr, nullptr, 0, ctx.slot(), hello.get()));
-        ASSERT_TRUE(send_frame(sp.fd[0], hello.bytes()));
-        std::vector<uint8_t> reply;
-        ASSERT_TRUE(recv_frame(sp.fd[0], reply));
-        sec_buffer_desc in = in_buffer(reply);
-        ModBuffer none(m);
-        EXPECT_EQ(0u, m.mpm_complete_sec_context(&minor, &in, ctx.get(), none.get()));
-        EXPECT_EQ(0, wait_bounded(child));
+        if (c.service != me && me != 0) GTEST_SKIP() << "a service run as another user needs root";
+        UserSockets us(c.service, me);
+        Pair p(m, nullptr, us.client, us.server);
+        ASSERT_EQ(1u, p.start(c.target, c.flags));
+        ASSERT_EQ(0u, p.receive(p.hello.bytes()));
+        EXPECT_EQ(c.status, p.complete(p.reply.bytes()));
+        EXPECT_EQ(c.minor, p.minor);
+        if (c.status != 0) continue;
+        // The client knows who served it, checked or not; only a check
+        // against the target sets the mutual flag.
+        EXPECT_EQ(user_at_host(c.service), peer_name(m, p.client.get()));
+        qv_uint32_t minor, flags = 0;
+        EXPECT_EQ(0u, m.mpm_get_ctx_flags(&minor, p.client.get(), &flags));
+        EXPECT_EQ(c.flags == kRequireMutual ? 0x1fu : 0x1eu, flags);
     }
 }
 
 // A client is the user the kernel says connected, at the time it connected,
-// whatever its hello claims: a child that inherited a root process's
-// connected end and became nobody is root; nobody connecting itself is nobody.
+// whatever its hello claims: nobody's connection is nobody's though root
+// writes the hello; a child that inherited root's connected end and became
+// nobody is root though its hello claims nobody.
 TEST_F(LocalExchange, ClientIsWhoTheKernelSaysConnected) {
-    if (geteuid() != 0) GTEST_SKIP() << "running a client as another user needs root";
-    struct Case {
-        const char *what;
-        bool inherited;
-        size_t claim_at;  // 0: the hello as written
-        uid_t client;
-    } cases[] = {
-        {"inherited end, became nobody", true, 0, 0},
-        {"inherited end, became nobody, claims root", true, kUidAt, 0},
-        {"nobody claims uid 0", false, kUidAt, kNobody},
-        {"nobody claims gid 0", false, kGidAt, kNobody},
-        {"nobody claims pid 0", false, kPidAt, kNobody},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        TempDir dir;
-        const sockaddr_un sa = unix_address(dir.path() + "/svc.sock");
-        int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
-        ASSERT_EQ(0, bind(lfd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa));
-        ASSERT_EQ(0, listen(lfd, 1));
-        // nobody must reach the socket to connect by itself.
-        ASSERT_EQ(0, chmod(dir.path().c_str(), 0711));
-        ASSERT_EQ(0, chmod(sa.sun_path, 0666));
-        int cfd = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (c.inherited) {
-            ASSERT_EQ(0, connect(cfd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa));
-        }
-        pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            if (!become(kNobody)) _exit(1);
-            if (!c.inherited && connect(cfd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa) != 0) _exit(2);
-            Service svc(m);
-            Context ctx(m);
-            ModBuffer hello(m);
-            qv_uint32_t minor;
-            if (m.mpm_start_sec_context(&minor, svc.handle(), nullptr, nullptr, 0, ctx.slot(), hello.get()) != 1)
-                _exit(3);
-            std::vector<uint8_t> bytes = hello.bytes();
-            if (c.claim_at != 0) std::fill_n(bytes.begin() + static_cast<long>(c.claim_at), 4, 0);
-            _exit(send_frame(cfd, bytes) ? 0 : 4);
-        }
-        close(cfd);
-        int fd = accept(lfd, nullptr, nullptr);
-        ASSERT_GE(fd, 0);
-        Service svc(m);
-        Context ctx(m);
-        ASSERT_EQ(0u, ctx.attach(fd));
-        std::vector<uint8_t> hello;
-        ASSERT_TRUE(recv_frame(fd, hello));
-        sec_buffer_desc in = in_buffer(hello);
-        ModBuffer reply(m);
-        qv_uint32_t minor, rflags;
-        EXPECT_EQ(0u, m.mpm_receive_sec_context(&minor, svc.handle(), &in, ctx.slot(), reply.get(), &rflags));
-        EXPECT_EQ(user_at_host(c.client), peer_name(m, ctx.get()));
-        if (c.client != 0) {
-            EXPECT_EQ(36u, m.mpm_user_valid(&minor, ctx.get(), const_cast<char *>("root")));
-        }
-        EXPECT_EQ(0, wait_bounded(child));
-        close(fd);
-        close(lfd);
+    if (geteuid() != 0) GTEST_SKIP() << "a client run as another user needs root";
+    qv_uint32_t minor;
+    {
+        UserSockets us(0, kNobody);
+        Pair p(m, nullptr, us.client, us.server);
+        p.establish();
+        EXPECT_EQ(user_at_host(kNobody), peer_name(m, p.server.get()));
+        EXPECT_EQ(kUserNotValid, m.mpm_user_valid(&minor, p.server.get(), const_cast<char *>("root")));
+        EXPECT_EQ(0u, m.mpm_user_valid(&minor, p.server.get(), const_cast<char *>("nobody")));
     }
+    UserSockets us(0, 0);
+    Pair p(m, nullptr, us.client, us.server);
+    EXPECT_EQ(0, run_in_child([&] {
+        if (!become(kNobody) || p.start(nullptr, 0, false) != 1) return 1;
+        return send_msg(us.client, p.hello.bytes()) ? 0 : 2;
+    }));
+    std::vector<uint8_t> hello;
+    ASSERT_TRUE(recv_msg(us.server, hello));
+    ASSERT_EQ(0u, p.receive(hello));
+    EXPECT_EQ(user_at_host(0), peer_name(m, p.server.get()));
 }
 
 // The descriptor number a context was given may come to name another socket
@@ -421,79 +273,69 @@ TEST_F(LocalExchange, DescriptorThatNamesAnotherSocketIsRefused) {
     }
 }
 
-TEST_F(LocalExchange, ChangedReplyFailsKeyConfirmation) {
-    // Nonce, public key, service name and the tag itself are all covered.
-    for (size_t at : {4u, 35u, 36u, 67u, 81u, 84u, 115u}) {
-        SCOPED_TRACE(at);
+// Tokens changed in transit: each refused with its status and minor status.
+// A refused reply leaves the client waiting for the real one.
+TEST_F(LocalExchange, ChangedTokensAreRefused) {
+    using Change = std::vector<uint8_t> (*)(std::vector<uint8_t>);
+    struct Case {
+        const char *what;
+        bool in_reply;
+        Change change;
+        qv_uint32_t status, minor;
+    } cases[] = {
+        {"hello type", false, [](auto t) { return with_byte(t, 0, 2); }, kBadToken, 2},
+        {"hello version", false, [](auto t) { return with_byte(t, 1, 2); }, kBadToken, 3},
+        {"hello version 0", false, [](auto t) { return with_byte(t, 1, 0); }, kBadToken, 3},
+        {"NUL in the target", false, [](auto t) { return with_byte(t, 81, 0); }, kBadToken, 5},
+        {"target length past the end", false, [](auto t) { return with_byte(t, 80, 4); }, kBadToken, 1},
+        {"byte after the hello", false, [](auto t) { t.push_back(0); return t; }, kBadToken, 4},
+        {"client key of low order", false, [](auto t) { std::fill_n(t.begin() + 36, 32, 0); return t; },
+         kKeyExchange, 0},
+        {"reply type", true, [](auto t) { return with_byte(t, 0, 1); }, kBadToken, 2},
+        {"byte after the reply", true, [](auto t) { t.push_back(0); return t; }, kBadToken, 4},
+        {"service key of low order", true, [](auto t) { std::fill_n(t.begin() + 36, 32, 0); return t; },
+         kKeyExchange, 0},
+        // The confirmation tag covers nonce, key, the claims, the service
+        // name and itself.
+        {"reply nonce", true, [](auto t) { return flipped(t, 4); }, kKeyExchange, 7},
+        {"reply key", true, [](auto t) { return flipped(t, 67); }, kKeyExchange, 7},
+        {"reply claims", true, [](auto t) { return flipped(t, 78); }, kKeyExchange, 7},
+        {"reply name", true, [](auto t) { return flipped(t, 83); }, kKeyExchange, 7},
+        {"reply tag", true, [](auto t) { return flipped(t, 115); }, kKeyExchange, 7},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
         Pair p(m, "svc");
         ASSERT_EQ(1u, p.start());
+        if (!c.in_reply) {
+            EXPECT_EQ(c.status, p.receive(c.change(p.hello.bytes())));
+            EXPECT_EQ(c.minor, p.minor);
+            continue;
+        }
         ASSERT_EQ(0u, p.receive(p.hello.bytes()));
-        std::vector<uint8_t> reply = p.reply.bytes();
-        ASSERT_LT(at, reply.size());
-        reply[at] ^= 0x20;
-        EXPECT_EQ(kKeyExchange, p.complete(reply));
+        EXPECT_EQ(c.status, p.complete(c.change(p.reply.bytes())));
+        EXPECT_EQ(c.minor, p.minor);
+        EXPECT_EQ(0u, p.complete(p.reply.bytes()));
     }
-    // A changed hello gives the service other keys than the client's.
-    Pair p(m);
-    ASSERT_EQ(1u, p.start());
-    std::vector<uint8_t> hello = p.hello.bytes();
-    hello[10] ^= 0x01;
-    ASSERT_EQ(0u, p.receive(hello));
-    EXPECT_EQ(kKeyExchange, p.complete(p.reply.bytes()));
-}
-
-TEST_F(LocalExchange, TruncatedOrExtendedTokensAreRefused) {
+    // Cut short anywhere.
     Pair p(m, "svc");
     ASSERT_EQ(1u, p.start());
     const std::vector<uint8_t> hello = p.hello.bytes();
-    for (size_t n = 0; n <= hello.size(); ++n) {
-        std::vector<uint8_t> cut(hello.begin(), hello.begin() + static_cast<long>(n));
-        if (n == hello.size()) cut.push_back(0);
-        SCOPED_TRACE(n);
-        Context server(m);
-        ASSERT_EQ(0u, server.attach(p.sp.fd[1]));
-        sec_buffer_desc in = in_buffer(cut);
-        ModBuffer reply(m);
-        qv_uint32_t minor, rflags;
-        EXPECT_EQ(kBadToken, m.mpm_receive_sec_context(&minor, p.server_svc.handle(), &in, server.slot(), reply.get(),
-                                                       &rflags));
-        EXPECT_EQ(n == hello.size() ? 4u : 1u, minor);
-        EXPECT_EQ(nullptr, server.get());
+    for (size_t n = 0; n < hello.size(); ++n) {
+        EXPECT_EQ(kBadToken, p.receive(std::vector<uint8_t>(hello.begin(), hello.begin() + static_cast<long>(n))));
+        EXPECT_EQ(1u, p.minor) << n;
     }
     ASSERT_EQ(0u, p.receive(hello));
     const std::vector<uint8_t> reply = p.reply.bytes();
-    // A refused reply leaves the client waiting for the real one.
-    for (size_t n = 0; n <= reply.size(); ++n) {
-        std::vector<uint8_t> cut(reply.begin(), reply.begin() + static_cast<long>(n));
-        if (n == reply.size()) cut.push_back(0);
-        SCOPED_TRACE(n);
-        EXPECT_EQ(kBadToken, p.complete(cut));
+    for (size_t n = 0; n < reply.size(); ++n) {
+        EXPECT_EQ(kBadToken, p.complete(std::vector<uint8_t>(reply.begin(), reply.begin() + static_cast<long>(n))));
+        EXPECT_EQ(1u, p.minor) << n;
     }
-    EXPECT_EQ(0u, p.complete(reply));
-}
-
-TEST_F(LocalExchange, MalformedFieldsAreRefused) {
-    struct Case {
-        size_t at;
-        uint8_t value;
-        qv_uint32_t reason;
-    } cases[] = {{0, 0x02, 2}, {0, 0x00, 2}, {1, 0x02, 3}, {1, 0x00, 3}, {81, 0x00, 5}};
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.at);
-        Pair p(m);
-        ASSERT_EQ(1u, p.start("abc"));
-        std::vector<uint8_t> hello = p.hello.bytes();
-        hello[c.at] = c.value;
-        EXPECT_EQ(kBadToken, p.receive(hello));
-        EXPECT_EQ(c.reason, p.minor);
-    }
-    // A name length that runs past the end.
-    Pair p(m);
-    ASSERT_EQ(1u, p.start("abc"));
-    std::vector<uint8_t> hello = p.hello.bytes();
-    hello[80] = 4;
-    EXPECT_EQ(kBadToken, p.receive(hello));
-    EXPECT_EQ(1u, p.minor);
+    // A changed hello gives the service other keys than the client's.
+    Pair q(m);
+    ASSERT_EQ(1u, q.start());
+    ASSERT_EQ(0u, q.receive(flipped(q.hello.bytes(), 10)));
+    EXPECT_EQ(kKeyExchange, q.complete(q.reply.bytes()));
 }
 
 TEST_F(LocalExchange, TargetMustBeTheLoggedInService) {
@@ -511,7 +353,6 @@ TEST_F(LocalExchange, TargetMustBeTheLoggedInService) {
 }
 
 TEST_F(LocalExchange, SocketRequirements) {
-    qv_uint32_t minor;
     {  // A service without the client's socket cannot check anything.
         Pair p(m);
         ASSERT_EQ(1u, p.start());
@@ -525,33 +366,37 @@ TEST_F(LocalExchange, SocketRequirements) {
         EXPECT_EQ(static_cast<qv_uint32_t>(EAFNOSUPPORT), p.minor);
         EXPECT_EQ(0, p.hello.length());
     }
-    {  // Mutual authentication asked for without a socket.
+    {  // Mutual authentication without a socket, or without a target; no
+       // output buffer or handle slot.
         Pair p(m);
-        EXPECT_EQ(kMutualRequired, p.start("svc", 0x2, false));
+        EXPECT_EQ(kBadArgument, m.mpm_start_sec_context(&p.minor, p.svc.handle(), nullptr, nullptr, 0, p.client.slot(),
+                                                        nullptr));
+        EXPECT_EQ(kBadArgument, m.mpm_start_sec_context(&p.minor, p.svc.handle(), nullptr, nullptr, 0, nullptr,
+                                                        p.hello.get()));
+        EXPECT_EQ(kMutualRequired, p.start("svc", kRequireMutual, false));
+        EXPECT_EQ(kBadArgument, p.start("", kRequireMutual, false));
         EXPECT_EQ(nullptr, p.client.get());
     }
     {  // A socket that is not a UNIX-domain one, though marked local.
         Pair p(m);
         ASSERT_EQ(1u, p.start());
         int udp = socket(AF_INET, SOCK_DGRAM, 0);
-        ASSERT_GE(udp, 0);
         ASSERT_EQ(0u, p.server.attach(udp));
         EXPECT_EQ(kNoSocket, p.receive(p.hello.bytes(), false));
         EXPECT_EQ(static_cast<qv_uint32_t>(EAFNOSUPPORT), p.minor);
         close(udp);
     }
-    {  // Attribute codes other than 1, and bad socket information.
-        Context c(m);
-        sec_socket_info_desc info{3, kLocalSocket, nullptr};
-        EXPECT_EQ(kBadArgument, m.mpm_set_ctx_attribute(&minor, nullptr, 2, &info, c.slot()));
-        EXPECT_EQ(kBadArgument, m.mpm_set_ctx_attribute(&minor, nullptr, 1, nullptr, c.slot()));
-        info.fd = -1;
-        EXPECT_EQ(kBadArgument, m.mpm_set_ctx_attribute(&minor, nullptr, 1, &info, c.slot()));
-        info.fd = 1000;  // names nothing: there is no socket to remember
-        EXPECT_EQ(kNoSocket, m.mpm_set_ctx_attribute(&minor, nullptr, 1, &info, c.slot()));
-        EXPECT_EQ(static_cast<qv_uint32_t>(EBADF), minor);
-        EXPECT_EQ(nullptr, c.get());
-    }
+    Context c(m);
+    qv_uint32_t minor;
+    sec_socket_info_desc info{3, kLocalSocket, nullptr};
+    EXPECT_EQ(kBadArgument, m.mpm_set_ctx_attribute(&minor, nullptr, 2, &info, c.slot()));
+    EXPECT_EQ(kBadArgument, m.mpm_set_ctx_attribute(&minor, nullptr, 1, nullptr, c.slot()));
+    info.fd = -1;
+    EXPECT_EQ(kBadArgument, m.mpm_set_ctx_attribute(&minor, nullptr, 1, &info, c.slot()));
+    info.fd = 1000;  // names nothing: there is no socket to remember
+    EXPECT_EQ(kNoSocket, m.mpm_set_ctx_attribute(&minor, nullptr, 1, &info, c.slot()));
+    EXPECT_EQ(static_cast<qv_uint32_t>(EBADF), minor);
+    EXPECT_EQ(nullptr, c.get());
 }
 
 TEST_F(LocalExchange, RoutinesOutOfTurn) {
@@ -576,18 +421,257 @@ TEST_F(LocalExchange, RoutinesOutOfTurn) {
     EXPECT_EQ(static_cast<int>(kOtherProcess),
               run_in_child([&] { return static_cast<int>(p.complete(p.reply.bytes())); }));
     // An established service context takes no second hello.
-    ModBuffer again(m);
     std::vector<uint8_t> copy = hello;
     sec_buffer_desc hin = in_buffer(copy);
     qv_uint32_t rflags;
-    EXPECT_EQ(kWrongState,
-              m.mpm_receive_sec_context(&minor, p.server_svc.handle(), &hin, p.server.slot(), again.get(), &rflags));
+    EXPECT_EQ(kWrongState, m.mpm_receive_sec_context(&minor, p.svc.handle(), &hin, p.server.slot(), out.get(), &rflags));
     ASSERT_EQ(0u, p.complete(p.reply.bytes()));
     EXPECT_EQ(kWrongState, p.complete(p.reply.bytes()));
     // Handles of the wrong kind.
-    EXPECT_EQ(kBadHandle, m.mpm_get_ctx_flags(&minor, p.server_svc.handle(), &flags));
+    EXPECT_EQ(kBadHandle, m.mpm_get_ctx_flags(&minor, p.svc.handle(), &flags));
+    EXPECT_EQ(kBadHandle, m.mpm_prepare_data(&minor, p.svc.handle(), kIntegrity, &in, out.get()));
     EXPECT_EQ(kBadHandle, m.mpm_end(&minor, 0, p.client.get()));
     EXPECT_EQ(kBadHandle, m.mpm_end_context(&minor, nullptr));
+}
+
+// Who may answer a client that requires mutual authentication for a target:
+// root, the client's own user, and the users the services file lists for the
+// service or, when it lists none, the user of the service's name. The file
+// counts only when root owns it and only root can write it. The module's own
+// file is fixed at build time: this calls the rule with a file the test writes.
+TEST(LocalWire, ServiceUsersRule) {
+    if (geteuid() != 0) GTEST_SKIP() << "the services file must be owned by root: the test writes one as root";
+    constexpr uint32_t kDaemon = 1;
+    constexpr qv_uint32_t kUser = qvlocal::kMinorUserNotAllowed, kFile = qvlocal::kMinorServicesFileUnusable;
+    enum Kind { kNone, kText, kGroupWritable, kOtherOwner, kSymlink, kDirectory };
+    struct Case {
+        const char *what;
+        Kind kind;
+        const char *text, *target;
+        uint32_t service_uid, client_uid;
+        qv_uint32_t minor;  // 0: allowed
+    } cases[] = {
+        {"no file, stranger", kNone, "", "svc", kDaemon, kNobody, kUser},
+        {"no file, root", kNone, "", "svc", 0, kNobody, 0},
+        {"no file, the client's own user", kNone, "", "svc", kDaemon, kDaemon, 0},
+        {"no file, user of the service's name", kNone, "", "daemon", kDaemon, kNobody, 0},
+        {"no file, name with host", kNone, "", "daemon@node1", kDaemon, kNobody, 0},
+        {"listed", kText, "svc daemon\n", "svc", kDaemon, kNobody, 0},
+        {"listed by uid, with comments", kText, "# who\n\n  svc\t#65534 \nother daemon\n", "svc", kNobody, 0, 0},
+        {"another service's user", kText, "svc daemon\nother nobody\n", "svc", kNobody, 0, kUser},
+        {"a list replaces the name rule", kText, "daemon nobody\n", "daemon", kDaemon, 0, kUser},
+        {"unknown user listed", kText, "svc no-such-user-qv\n", "svc", kDaemon, 0, kUser},
+        {"three fields", kText, "svc daemon extra\n", "svc", kDaemon, 0, kFile},
+        {"one field", kText, "svc\n", "svc", kDaemon, 0, kFile},
+        {"group-writable", kGroupWritable, "svc daemon\n", "svc", kDaemon, 0, kFile},
+        {"owned by another user", kOtherOwner, "svc daemon\n", "svc", kDaemon, 0, kFile},
+        {"symbolic link", kSymlink, "svc daemon\n", "svc", kDaemon, 0, kFile},
+        {"directory", kDirectory, "", "svc", kDaemon, 0, kFile},
+        {"unusable file, root still serves", kGroupWritable, "", "svc", 0, kNobody, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        TempDir dir;
+        std::string path = dir.path() + "/local-services", real = dir.write("real", c.text);
+        ASSERT_EQ(0, chmod(real.c_str(), c.kind == kGroupWritable ? 0664 : 0644));
+        ASSERT_EQ(0, c.kind == kOtherOwner ? chown(real.c_str(), kNobody, kNobody) : 0);
+        ASSERT_EQ(0, c.kind == kNone        ? 0
+                     : c.kind == kSymlink   ? symlink(real.c_str(), path.c_str())
+                     : c.kind == kDirectory ? mkdir(path.c_str(), 0755)
+                                            : rename(real.c_str(), path.c_str()));
+        qv_uint32_t minor = 0;
+        EXPECT_EQ(c.minor == 0 ? 0u : kServiceNotAllowed,
+                  qvlocal::service_user_allowed(path.c_str(), c.target, c.service_uid, c.client_uid, &minor));
+        EXPECT_EQ(c.minor, minor);
+    }
+}
+
+class LocalProtection : public ::testing::Test {
+protected:
+    void SetUp() override {
+        p.establish();
+        client = p.client.get(), server = p.server.get();
+    }
+
+    std::vector<uint8_t> seal(void *ctx, std::vector<uint8_t> data, qv_uint32_t mode) {
+        sec_buffer_desc in = in_buffer(data);
+        ModBuffer out(m);
+        qv_uint32_t mn;
+        EXPECT_EQ(0u, m.mpm_prepare_data(&mn, ctx, mode, &in, out.get()));
+        return out.bytes();
+    }
+    qv_uint32_t open(void *ctx, std::vector<uint8_t> sealed, std::vector<uint8_t> *plain = nullptr) {
+        sec_buffer_desc in = in_buffer(sealed);
+        ModBuffer out(m);
+        qv_uint32_t s = m.mpm_process_data(&minor, ctx, &in, out.get());
+        if (s != 0) {
+            EXPECT_EQ(0, out.length());
+        }
+        if (plain != nullptr) *plain = out.bytes();
+        return s;
+    }
+    qv_uint32_t sign(void *ctx, std::vector<iovec> v, std::vector<uint8_t> *sig) {
+        ModBuffer out(m);
+        qv_uint32_t s = m.mpm_sign_data_v(&minor, ctx, static_cast<qv_int32_t>(v.size()), v.data(), out.get());
+        *sig = out.bytes();
+        return s;
+    }
+    qv_uint32_t verify(void *ctx, std::vector<uint8_t> sig, std::vector<iovec> v) {
+        sec_buffer_desc in = in_buffer(sig);
+        return m.mpm_verify_data_v(&minor, ctx, &in, static_cast<qv_int32_t>(v.size()), v.data());
+    }
+
+    LocalModule m;
+    Pair p{m};
+    void *client = nullptr, *server = nullptr;
+    qv_uint32_t minor = 0;
+};
+
+TEST_F(LocalProtection, BothModesBothDirections) {
+    const std::vector<uint8_t> message = {'s', 'e', 'c', 'r', 'e', 't', ' ', 'd', 'a', 't', 'a'};
+    for (qv_uint32_t mode : {kIntegrity, kConfidentiality}) {
+        for (bool from_client : {true, false}) {
+            std::vector<uint8_t> sealed = seal(from_client ? client : server, message, mode), plain;
+            ASSERT_EQ(message.size() + 26, sealed.size());
+            EXPECT_EQ(1, sealed[0]);
+            EXPECT_EQ(mode == kIntegrity ? 1 : 2, sealed[1]);
+            bool visible = std::search(sealed.begin(), sealed.end(), message.begin(), message.end()) != sealed.end();
+            EXPECT_EQ(mode == kIntegrity, visible);
+            ASSERT_EQ(0u, open(from_client ? server : client, sealed, &plain));
+            EXPECT_EQ(message, plain);
+        }
+    }
+    // Sequence numbers count per direction, across modes.
+    std::vector<uint8_t> third = seal(client, {}, kIntegrity);
+    ASSERT_EQ(26u, third.size());
+    EXPECT_EQ(2, third[9]);
+    EXPECT_EQ(0u, open(server, third));
+    // A message of another context between the same peers.
+    Pair other(m);
+    other.establish();
+    EXPECT_EQ(kBadMessage, open(server, seal(other.client.get(), {'x'}, kIntegrity)));
+    // Modes other than exactly one of the two bits, and bad buffers.
+    std::vector<uint8_t> data = {1, 2};
+    sec_buffer_desc in = in_buffer(data), negative{-1, data.data()}, null_value{2, nullptr};
+    ModBuffer out(m);
+    for (qv_uint32_t mode : {0u, kIntegrity | kConfidentiality, 0x1u})
+        EXPECT_EQ(kBadArgument, m.mpm_prepare_data(&minor, client, mode, &in, out.get()));
+    EXPECT_EQ(kBadArgument, m.mpm_prepare_data(&minor, client, kIntegrity, &negative, out.get()));
+    EXPECT_EQ(kBadArgument, m.mpm_process_data(&minor, server, &null_value, out.get()));
+}
+
+TEST_F(LocalProtection, EveryChangedByteIsDetected) {
+    for (qv_uint32_t mode : {kIntegrity, kConfidentiality}) {
+        const std::vector<uint8_t> sealed = seal(client, {1, 2, 3, 4, 5}, mode);
+        for (size_t at = 0; at < sealed.size(); ++at) {
+            // Version, mode and tag bytes have their own reasons.
+            EXPECT_EQ(kBadMessage, open(server, flipped(sealed, at, 0x04)));
+            EXPECT_EQ(at == 0 ? 3u : at == 1 ? 6u : 7u, minor) << at;
+        }
+        for (size_t n = 0; n < sealed.size(); ++n) {
+            EXPECT_EQ(kBadMessage, open(server, {sealed.begin(), sealed.begin() + static_cast<long>(n)}));
+            EXPECT_EQ(n < 26 ? 1u : 7u, minor) << n;
+        }
+        // None of that moved the receiver on: the genuine message is next.
+        EXPECT_EQ(0u, open(server, sealed));
+    }
+}
+
+TEST_F(LocalProtection, ReplayedReorderedAndReflectedMessages) {
+    std::vector<uint8_t> m0 = seal(client, {'a'}, kConfidentiality);
+    std::vector<uint8_t> m1 = seal(client, {'b'}, kIntegrity);
+    std::vector<uint8_t> m2 = seal(client, {'c'}, kConfidentiality);
+    EXPECT_EQ(kOutOfOrder, open(server, m1));
+    EXPECT_EQ(0u, open(server, m0));
+    EXPECT_EQ(kReplayed, open(server, m0));
+    EXPECT_EQ(kOutOfOrder, open(server, m2));
+    EXPECT_EQ(0u, open(server, m1));
+    EXPECT_EQ(0u, open(server, m2));
+    EXPECT_EQ(kReplayed, open(server, m1));
+    // A message sent back to its sender does not pass as the peer's.
+    EXPECT_EQ(kBadMessage, open(client, m0));
+    EXPECT_EQ(7u, minor);
+}
+
+// After fork the child holds a copy of the keys and sequence numbers: it
+// must not seal, sign, open or verify with them (it would reuse the parent's
+// nonces, and both would accept the peer's next message). The parent goes on.
+TEST_F(LocalProtection, ContextsRefuseWorkInAForkedChild) {
+    std::vector<uint8_t> from_server = seal(server, {'s'}, kConfidentiality), plain;
+    int child = run_in_child([&] {
+        std::vector<uint8_t> data = {1, 2, 3}, sig;
+        sec_buffer_desc in = in_buffer(data), sealed = in_buffer(from_server);
+        ModBuffer out(m);
+        iovec v{data.data(), data.size()};
+        qv_uint32_t got[] = {
+            m.mpm_prepare_data(&minor, client, kConfidentiality, &in, out.get()),
+            m.mpm_process_data(&minor, client, &sealed, out.get()),
+            sign(client, {v}, &sig),
+            m.mpm_verify_data_v(&minor, server, &in, 1, &v),
+        };
+        // Exit status: 0, or the 1-based number of the call that was not refused.
+        for (size_t i = 0; i < std::size(got); ++i)
+            if (got[i] != kOtherProcess) return static_cast<int>(i + 1);
+        if (out.length() + static_cast<int>(sig.size()) != 0) return 100;
+        // Contexts the child makes are its own.
+        Pair fresh(m);
+        fresh.establish();
+        return open(fresh.server.get(), seal(fresh.client.get(), {'f'}, kIntegrity)) == 0 ? 0 : 101;
+    });
+    EXPECT_EQ(0, child);
+    EXPECT_EQ(0u, open(client, from_server, &plain));
+    EXPECT_EQ(0u, open(server, seal(client, {'c'}, kIntegrity)));
+}
+
+TEST_F(LocalProtection, Signatures) {
+    std::string a = "first part ", b = "second part", joined = a + b, changed = joined;
+    changed[5] ^= 1;
+    const std::vector<iovec> whole = {{a.data(), a.size()}, {b.data(), b.size()}};
+    std::vector<uint8_t> s0, s1, s2, back, split;
+    ASSERT_EQ(0u, sign(client, whole, &s0));
+    ASSERT_EQ(41u, s0.size());
+    // A changed vector, or the same bytes split otherwise, fails with minor
+    // 7 and does not move the verifier on.
+    const std::vector<std::vector<iovec>> forgeries = {
+        {{changed.data(), a.size()}, {changed.data() + a.size(), b.size()}},
+        {{joined.data(), joined.size()}},
+        {{joined.data(), joined.size()}, {nullptr, 0}},
+        {{joined.data(), 3}, {joined.data() + 3, joined.size() - 3}},
+        {{a.data(), a.size()}, {nullptr, 0}, {b.data(), b.size()}},
+    };
+    for (const std::vector<iovec> &v : forgeries) {
+        EXPECT_EQ(kBadSignature, verify(server, s0, v));
+        EXPECT_EQ(7u, minor);
+    }
+    EXPECT_EQ(0u, verify(server, s0, whole));
+    ASSERT_EQ(0u, sign(client, whole, &s1));
+    ASSERT_EQ(0u, sign(client, whole, &s2));
+    // Each row: the signature, its verifier, the minor status (0: accepted).
+    struct Row {
+        std::vector<uint8_t> sig;
+        void *ctx;
+        qv_uint32_t minor;
+    } rows[] = {
+        {s0, server, 8},                                             // replayed
+        {s2, server, 9},                                             // ahead of s1
+        {{s1.begin(), s1.begin() + 40}, server, 1},                  // short
+        {{}, server, 1},                                             // empty
+        {with_byte(s1, 0, 1), server, 3},                            // version 1: the concatenation only
+        {[&] { auto l = s1; l.push_back(0); return l; }(), server, 4},  // too long
+        {s1, client, 7},                                             // sent back to its signer
+        {s1, server, 0},
+    };
+    for (const Row &r : rows) {
+        EXPECT_EQ(r.minor == 0 ? 0u : kBadSignature, verify(r.ctx, r.sig, whole));
+        EXPECT_EQ(r.minor, minor);
+    }
+    EXPECT_EQ(0u, verify(server, s2, whole));
+    // The service's own signatures go the other way with other keys.
+    ASSERT_EQ(0u, sign(server, whole, &back));
+    EXPECT_EQ(0u, verify(client, back, whole));
+    // A vector element with a length and no bytes.
+    EXPECT_EQ(kBadArgument, sign(client, {{nullptr, 1}}, &split));
+    EXPECT_EQ(kBadArgument, verify(server, s1, {{nullptr, 1}}));
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
 // The "local" mechanism module as the library sees it: opened with dlopen,
 // every routine looked up by name and called with the module's argument
-// order. Plus the pieces the tests share: buffers released through the
-// module, socket pairs, framed transport for two processes, and contexts
-// established over a socket.
+// order. Plus what the tests share: buffers released through the module,
+// socket pairs, messages over a socket, and service and context handles.
 #pragma once
 
 #include <dlfcn.h>
@@ -22,38 +21,21 @@
 
 namespace qvtest {
 
+#define QV_LOCAL_ROUTINES(X)                                                                                     \
+    X(mpm_init) X(mpm_start) X(mpm_end) X(mpm_set_ctx_attribute) X(mpm_service_cleanup) X(mpm_start_sec_context) \
+    X(mpm_get_target_name) X(mpm_complete_sec_context) X(mpm_get_ctx_lifetime) X(mpm_get_ctx_flags)             \
+    X(mpm_prepare_data) X(mpm_process_data) X(mpm_end_context) X(mpm_login_as_service) X(mpm_login_as_user)      \
+    X(mpm_renew_identity) X(mpm_receive_sec_context) X(mpm_get_client_name) X(mpm_get_mapped_name)               \
+    X(mpm_get_client_id) X(mpm_release_buffer) X(mpm_create_id_context) X(mpm_sign_data_v) X(mpm_verify_data_v)  \
+    X(mpm_get_ctx_mpm) X(mpm_user_valid)
+
 class LocalModule {
 public:
     LocalModule() : path_(module_path("mpm_local.so")) {
         handle_ = dlopen(path_.c_str(), RTLD_NOW);
         if (handle_ == nullptr) throw std::runtime_error(std::string("cannot open ") + path_ + ": " + dlerror());
-#define QV_LOOKUP(name) name = sym<decltype(&::name)>(#name)
-        QV_LOOKUP(mpm_init);
-        QV_LOOKUP(mpm_start);
-        QV_LOOKUP(mpm_end);
-        QV_LOOKUP(mpm_set_ctx_attribute);
-        QV_LOOKUP(mpm_service_cleanup);
-        QV_LOOKUP(mpm_start_sec_context);
-        QV_LOOKUP(mpm_get_target_name);
-        QV_LOOKUP(mpm_complete_sec_context);
-        QV_LOOKUP(mpm_get_ctx_lifetime);
-        QV_LOOKUP(mpm_get_ctx_flags);
-        QV_LOOKUP(mpm_prepare_data);
-        QV_LOOKUP(mpm_process_data);
-        QV_LOOKUP(mpm_end_context);
-        QV_LOOKUP(mpm_login_as_service);
-        QV_LOOKUP(mpm_login_as_user);
-        QV_LOOKUP(mpm_renew_identity);
-        QV_LOOKUP(mpm_receive_sec_context);
-        QV_LOOKUP(mpm_get_client_name);
-        QV_LOOKUP(mpm_get_mapped_name);
-        QV_LOOKUP(mpm_get_client_id);
-        QV_LOOKUP(mpm_release_buffer);
-        QV_LOOKUP(mpm_create_id_context);
-        QV_LOOKUP(mpm_sign_data_v);
-        QV_LOOKUP(mpm_verify_data_v);
-        QV_LOOKUP(mpm_get_ctx_mpm);
-        QV_LOOKUP(mpm_user_valid);
+#define QV_LOOKUP(name) name = sym<decltype(&::name)>(#name);
+        QV_LOCAL_ROUTINES(QV_LOOKUP)
 #undef QV_LOOKUP
         mpm_init();
     }
@@ -61,32 +43,9 @@ public:
     LocalModule(const LocalModule &) = delete;
     LocalModule &operator=(const LocalModule &) = delete;
 
-    decltype(&::mpm_init) mpm_init;
-    decltype(&::mpm_start) mpm_start;
-    decltype(&::mpm_end) mpm_end;
-    decltype(&::mpm_set_ctx_attribute) mpm_set_ctx_attribute;
-    decltype(&::mpm_service_cleanup) mpm_service_cleanup;
-    decltype(&::mpm_start_sec_context) mpm_start_sec_context;
-    decltype(&::mpm_get_target_name) mpm_get_target_name;
-    decltype(&::mpm_complete_sec_context) mpm_complete_sec_context;
-    decltype(&::mpm_get_ctx_lifetime) mpm_get_ctx_lifetime;
-    decltype(&::mpm_get_ctx_flags) mpm_get_ctx_flags;
-    decltype(&::mpm_prepare_data) mpm_prepare_data;
-    decltype(&::mpm_process_data) mpm_process_data;
-    decltype(&::mpm_end_context) mpm_end_context;
-    decltype(&::mpm_login_as_service) mpm_login_as_service;
-    decltype(&::mpm_login_as_user) mpm_login_as_user;
-    decltype(&::mpm_renew_identity) mpm_renew_identity;
-    decltype(&::mpm_receive_sec_context) mpm_receive_sec_context;
-    decltype(&::mpm_get_client_name) mpm_get_client_name;
-    decltype(&::mpm_get_mapped_name) mpm_get_mapped_name;
-    decltype(&::mpm_get_client_id) mpm_get_client_id;
-    decltype(&::mpm_release_buffer) mpm_release_buffer;
-    decltype(&::mpm_create_id_context) mpm_create_id_context;
-    decltype(&::mpm_sign_data_v) mpm_sign_data_v;
-    decltype(&::mpm_verify_data_v) mpm_verify_data_v;
-    decltype(&::mpm_get_ctx_mpm) mpm_get_ctx_mpm;
-    decltype(&::mpm_user_valid) mpm_user_valid;
+#define QV_DECLARE(name) decltype(&::name) name = nullptr;
+    QV_LOCAL_ROUTINES(QV_DECLARE)
+#undef QV_DECLARE
 
 private:
     template <typename F>
@@ -100,11 +59,10 @@ private:
 };
 
 // Statuses and flags of the module (its README documents them).
-enum : qv_uint32_t {
-    kBadArgument = 4, kBadHandle = 5, kBadToken = 7, kNoSocket = 8, kKeyExchange = 10,
-    kWrongState = 11, kWrongTarget = 13, kBadMessage = 14, kReplayed = 15, kOutOfOrder = 16,
-    kUnknownName = 19, kNotPermitted = 20, kMutualRequired = 21, kServiceNotAllowed = 25, kOtherProcess = 26,
-};
+inline constexpr qv_uint32_t kBadArgument = 4, kBadHandle = 5, kBadToken = 7, kNoSocket = 8, kKeyExchange = 10,
+                             kWrongState = 11, kWrongTarget = 13, kBadMessage = 14, kReplayed = 15,
+                             kOutOfOrder = 16, kUnknownName = 19, kNotPermitted = 20, kMutualRequired = 21,
+                             kServiceNotAllowed = 25, kOtherProcess = 26, kBadSignature = 34, kUserNotValid = 36;
 inline constexpr qv_uint32_t kIntegrity = 0x00100000, kConfidentiality = 0x00200000;
 inline constexpr qv_uint32_t kLocalSocket = 0x01000000, kNetworkSocket = 0x02000000;
 
@@ -136,10 +94,11 @@ inline sec_buffer_desc in_buffer(std::vector<uint8_t> &v) {
     return sec_buffer_desc{static_cast<qv_int32_t>(v.size()), v.empty() ? nullptr : v.data()};
 }
 
+// Sequenced-packet sockets keep each token one message: no framing needed.
 struct SocketPair {
     int fd[2] = {-1, -1};
     SocketPair() {
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fd) != 0) throw std::runtime_error("socketpair");
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fd) != 0) throw std::runtime_error("socketpair");
     }
     ~SocketPair() {
         for (int f : fd)
@@ -147,37 +106,17 @@ struct SocketPair {
     }
 };
 
-// Framed messages over a stream socket, each wait bounded.
-inline bool send_frame(int fd, const std::vector<uint8_t> &bytes) {
-    uint32_t n = static_cast<uint32_t>(bytes.size());
-    std::vector<uint8_t> out(reinterpret_cast<const uint8_t *>(&n), reinterpret_cast<const uint8_t *>(&n) + 4);
-    out.insert(out.end(), bytes.begin(), bytes.end());
-    size_t done = 0;
-    while (done < out.size()) {
-        ssize_t w = write(fd, out.data() + done, out.size() - done);
-        if (w <= 0) return false;
-        done += static_cast<size_t>(w);
-    }
-    return true;
+inline bool send_msg(int fd, const std::vector<uint8_t> &bytes) {
+    return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
-inline bool read_exact(int fd, uint8_t *p, size_t n, int timeout_ms) {
-    size_t done = 0;
-    while (done < n) {
-        pollfd pfd{fd, POLLIN, 0};
-        if (poll(&pfd, 1, timeout_ms) != 1) return false;
-        ssize_t r = read(fd, p + done, n - done);
-        if (r <= 0) return false;
-        done += static_cast<size_t>(r);
-    }
-    return true;
-}
-
-inline bool recv_frame(int fd, std::vector<uint8_t> &bytes, int timeout_ms = 10000) {
-    uint32_t n;
-    if (!read_exact(fd, reinterpret_cast<uint8_t *>(&n), 4, timeout_ms) || n > (1u << 24)) return false;
-    bytes.resize(n);
-    return n == 0 || read_exact(fd, bytes.data(), n, timeout_ms);
+// One message, waiting at most timeout_ms; false on timeout or end of stream.
+inline bool recv_msg(int fd, std::vector<uint8_t> &bytes, int timeout_ms = 10000) {
+    pollfd pfd{fd, POLLIN, 0};
+    bytes.resize(1 << 16);
+    ssize_t n = poll(&pfd, 1, timeout_ms) == 1 ? recv(fd, bytes.data(), bytes.size(), 0) : -1;
+    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return n > 0;
 }
 
 // A service handle of the module.
