@@ -133,21 +133,6 @@ TEST_F(Signing, Verification) {
     EXPECT_EQ(st_.maj_stat, 0u);
     EXPECT_EQ(st_.desc[0], '\0');
 
-    // A context pair over the second module signs; the first module's
-    // context refuses the signature before its module sees it.
-    sec_token_t a_client = ex_.client_ctx, a_server = ex_.server_ctx;
-    ex_ = Exchange{};
-    establish(mech_list({kCodeB}));
-    ASSERT_EQ(ex_.client_rc, 0);
-    Out sig;
-    ASSERT_EQ(sign(ex_.client_ctx, sig), 0);
-    EXPECT_EQ(sig.bytes(), seal_header(kCodeB) + module_signature(parts_));
-    EXPECT_EQ(verify(ex_.server_ctx, sig.get()), 0);
-    unsigned long calls = m_.calls(QVTEST_MPM_VERIFY_DATA_V);
-    EXPECT_EQ(verify(a_server, sig.get()), SEC_S_BAD_MECHANISM);
-    EXPECT_EQ(last_message(), MSG_2650_028);
-    EXPECT_EQ(m_.calls(QVTEST_MPM_VERIFY_DATA_V), calls);
-    for (sec_token_t t : {a_client, a_server}) EXPECT_EQ(sec_end_context(&st_, t, nullptr), 0);
 }
 
 TEST_F(Signing, EmptyVectorsAndModuleOutput) {
