@@ -100,6 +100,7 @@ TEST(MessageFormat, Rendering) {
         PRINTF_CASE("%p %p", (void *)0x1234, (void *)nullptr),
         PRINTF_CASE("%c%c%3c", 'o', 'k', '!'),
         PRINTF_CASE("100%% done in %d%%", 5),
+        PRINTF_CASE("%%d is %d", 5),
         PRINTF_CASE("%*d|%-*d|%.*f|%*s", 5, 42, 4, 7, 2, 3.14159, -6, "ab"),
         PRINTF_CASE("%2$*1$d|%3$.*1$s", 6, 42, "abcdefgh"),
         PRINTF_CASE("0x%1$08x and 0x%2$08x: %3$d", 0x1fu, 0xcafeu, 9),
