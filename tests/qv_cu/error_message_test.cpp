@@ -89,6 +89,7 @@ TEST(MessageFormat, Rendering) {
         PRINTF_CASE("%2$s before %1$s", "a", "b"),
         PRINTF_CASE("%1$s %1$s %1$s", "x"),
         PRINTF_CASE("[%5d] [%-5d] [%05d] [%+d] [% d] [%.4d]", 42, 42, 42, 42, 42, 42),
+        PRINTF_CASE("[%0+5d] [%0 d]", 42, 7),  // flags after a zero
         PRINTF_CASE("[%.3s] [%10.2s] [%-6s]", "abcdef", "xyz", "ab"),
         PRINTF_CASE("%x %X %o %#o %#x %#X", 255u, 255u, 8u, 8u, 255u, 0xabu),
         PRINTF_CASE("%u %d", 4294967295u, INT_MIN),
