@@ -144,6 +144,7 @@ TEST(MessageFormat, ArgumentTypesFromDefaultText) {
         {"%s %y %d", {VaType::String}},             // after a malformed conversion
         {"%*.*f", {VaType::Int, VaType::Int, VaType::Double}},
         {"0x%1$08x %2$016xll", {VaType::UInt, VaType::ULongLong}},
+        {"%jx %zx %tx %qx", {VaType::UIntMax, VaType::Size, VaType::PtrDiff, VaType::ULongLong}},
         {"%Lf %d", {}},
         {"%ls", {}},
         {"%n", {}},
