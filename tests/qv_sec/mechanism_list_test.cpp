@@ -1,3 +1,7 @@
+// Mechanism lists: the client's offer under the preferred and imposed
+// mechanism variables, lists made from mnemonics, the server's
+// reconciliation, editing the imposed mechanisms, and the environment
+// strings behind them. Lists are compared byte for byte.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -5,70 +9,47 @@
 #include <string>
 #include <vector>
 
-#include "byte_io.h"
 #include "library_init.h"
 #include "mechanism_list.h"
 #include "messages.h"
-#include "sec_test_util.h"
 #include "mpm.h"
-#include "test_support.h"
+#include "mpm_test_fixture.h"
+#include "sec_buffer.h"
 
 namespace {
 
+using qvtest::current_error_args;
+using qvtest::last_message;
+using Bytes = std::vector<uint8_t>;
 using Codes = std::vector<qv_uint32_t>;
 
-struct List {
-    sec_buffer_desc b{0, nullptr};
-    ~List() { free(b.value); }
-    // The codes of a list the library wrote: type 0x81, version 1.
-    Codes codes() const {
-        ByteReader r = ByteReader::of(b);
-        uint8_t type = 0, version = 0;
-        EXPECT_TRUE(r.u8(type) && r.u8(version));
-        EXPECT_EQ(type, 0x81);
-        EXPECT_EQ(version, 1);
-        EXPECT_EQ(r.remaining() % 4, 0u);
-        Codes out;
-        qv_uint32_t c = 0;
-        while (r.u32be(c)) out.push_back(c);
-        return out;
-    }
-};
-
-std::vector<uint8_t> list_bytes(const Codes &codes, uint8_t version = 1) {
-    ByteWriter w;
-    w.u8(0x81);
-    w.u8(version);
-    for (auto c : codes) w.u32be(c);
-    return w.data();
+Bytes list_bytes(const Codes &codes, uint8_t version = 1) {
+    Bytes b{0x81, version};
+    for (qv_uint32_t c : codes)
+        for (int shift = 24; shift >= 0; shift -= 8) b.push_back(static_cast<uint8_t>(c >> shift));
+    return b;
 }
 
-class MechanismLists : public ::testing::Test {
+void set_env(const char *name, const char *value) {
+    if (value) setenv(name, value, 1); else unsetenv(name);
+}
+
+class MechanismLists : public qvtest::MpmFixture {
 protected:
     void SetUp() override {
-        sec_init_once();
+        MpmFixture::SetUp();
         unsetenv(kEnvPreferredMech);
         unsetenv(kEnvImposedMechs);
-        use_config("1 alpha 0x10 /none/a.so i\n2 beta 0x20 /none/b.so i\n3 pref 0x30 /none/p.so i\n"
-                   "4 gamma 0x40 /none/c.so i\n");
+        configure("1 alpha 0x10 /none/a.so i\n2 beta 0x20 /none/b.so i\n3 pref 0x30 /none/p.so i\n"
+                  "4 gamma 0x40 /none/c.so i\n");
+        SecMutexGuard hold(&SEC_STATE.lock);
+        ASSERT_EQ(sec__read_reserve_select(nullptr), 0u);
     }
     void TearDown() override {
         unsetenv(kEnvPreferredMech);
         unsetenv(kEnvImposedMechs);
+        MpmFixture::TearDown();
     }
-    void use_config(const std::string &text) {
-        SecMutexGuard hold(&SEC_STATE.lock);
-        free(SEC_STATE.config.fname);
-        SEC_STATE.config.fname = strdup(dir_.write("qvsec.cfg", text).c_str());
-        sec__free_config_recs(SEC_STATE.config.cfg_recs);
-        SEC_STATE.config.cfg_recs = nullptr;
-        SEC_STATE.config.rtime = 0;
-        ASSERT_EQ(sec__read_reserve_select(nullptr), 0u);
-    }
-    static void set_env(const char *name, const char *value) {
-        if (value) setenv(name, value, 1); else unsetenv(name);
-    }
-    qvtest::TempDir dir_;
 };
 
 TEST_F(MechanismLists, ClientOffer) {
@@ -95,107 +76,70 @@ TEST_F(MechanismLists, ClientOffer) {
         SCOPED_TRACE(std::string(c.preferred ? c.preferred : "-") + "/" + (c.imposed ? c.imposed : "-"));
         set_env(kEnvPreferredMech, c.preferred);
         set_env(kEnvImposedMechs, c.imposed);
-        List l;
+        qvtest::SecBuffer l;
         qv_int32_t count = -1;
-        ASSERT_EQ(sec_get_auth_methods(&l.b, &count), c.rc);
-        if (c.rc == 0) {
-            EXPECT_EQ(l.codes(), c.offer);
-            EXPECT_EQ(count, static_cast<qv_int32_t>(c.offer.size()));
-        } else {
-            EXPECT_EQ(l.b.value, nullptr);
-            EXPECT_EQ(l.b.length, 0);
-            EXPECT_EQ(count, 0);
-            EXPECT_EQ(last_message(), MSG_2650_076);
-        }
+        cu_set_no_error_1();
+        ASSERT_EQ(sec_get_auth_methods(l.get(), &count), c.rc);
+        EXPECT_EQ(l.bytes(), c.rc == 0 ? list_bytes(c.offer) : Bytes{});
+        EXPECT_EQ(count, static_cast<qv_int32_t>(c.offer.size()));
+        EXPECT_EQ(last_message(), c.rc != 0 ? MSG_2650_076 : -1);
     }
-}
-
-TEST_F(MechanismLists, OfferBytes) {
-    List l;
-    qv_int32_t count = 0;
-    ASSERT_EQ(sec_get_auth_methods(&l.b, &count), 0);
-    EXPECT_EQ(qvtest::to_hex(static_cast<uint8_t *>(l.b.value), l.b.length), "8101000000100000002000000030" "00000040");
-}
-
-TEST_F(MechanismLists, NoAuthenticationNeedsNoConfiguration) {
-    {
-        SecMutexGuard hold(&SEC_STATE.lock);
-        free(SEC_STATE.config.fname);
-        SEC_STATE.config.fname = strdup("/nonexistent/qvsec.cfg");
-        SEC_STATE.config.rtime = 0;
-    }
-    set_env(kEnvPreferredMech, "none");
-    List l;
-    qv_int32_t count = -1;
-    EXPECT_EQ(sec_get_auth_methods(&l.b, &count), 0);
-    EXPECT_EQ(l.b.length, 2);
-    EXPECT_EQ(count, 0);
-    // Anything else needs it.
+    set_env(kEnvImposedMechs, nullptr);
     set_env(kEnvPreferredMech, nullptr);
-    List l2;
-    EXPECT_EQ(sec_get_auth_methods(&l2.b, &count), 21);
-    EXPECT_EQ(l2.b.value, nullptr);
-}
-
-TEST_F(MechanismLists, OfferArgumentChecks) {
+    qvtest::SecBuffer l;
     qv_int32_t count = 0;
-    List l;
     EXPECT_EQ(sec_get_auth_methods(nullptr, &count), 4);
-    EXPECT_EQ(last_error_text(),
-              "2650-060 libqv_sec: Incorrect parameters provided to sec_get_auth_methods.\n"
-              "\tPositional parameter number: 1\n\tParameter value: 0x0\n");
-    EXPECT_EQ(sec_get_auth_methods(&l.b, nullptr), 4);
-    EXPECT_EQ(last_error_text(), "2650-002 Caller provided invalid arguments to sec_get_auth_methods().");
+    EXPECT_EQ(current_error_args(), "sec_get_auth_methods,1,0");
+    EXPECT_EQ(sec_get_auth_methods(l.get(), nullptr), 4);
+    EXPECT_EQ(last_message(), MSG_2650_002);
+
+    // Asking for no authentication needs no configuration; anything else does.
+    configure("");
+    set_env(kEnvPreferredMech, "none");
+    EXPECT_EQ(sec_get_auth_methods(l.get(), &count), 0);
+    EXPECT_EQ(l.take(), list_bytes({}));
+    set_env(kEnvPreferredMech, nullptr);
+    EXPECT_EQ(sec_get_auth_methods(l.get(), &count), 21);
+    EXPECT_TRUE(l.empty());
 }
 
 TEST_F(MechanismLists, CreateFromMnemonics) {
+    char alpha[] = "alpha";
     struct Case {
         const char *mstring;
+        bool count, buffer;
         int rc, message;
         Codes codes;
+        const char *args;
     } cases[] = {
-        {"  alpha none \t alpha  ", 0, -1, {0x10, 0}},
-        {"gamma beta", 0, -1, {0x40, 0x20}},
-        {"   ", 0, -1, {}},
-        {"alpha unknown", 8, MSG_2650_080, {}},
-        {"abcdefghijklmnopq", 8, MSG_2650_076, {}},
-        {"abcdefghijklmnop", 8, MSG_2650_080, {}},
+        {"  alpha none \t alpha  ", true, true, 0, -1, {0x10, 0}, ""},
+        {"gamma beta", true, true, 0, -1, {0x40, 0x20}, ""},
+        {"   ", true, true, 0, -1, {}, ""},
+        {"alpha unknown", true, true, 8, MSG_2650_080, {}, "unknown"},
+        {"abcdefghijklmnopq", true, true, 8, MSG_2650_076, {}, "abcdefghijklmnopq"},
+        {"abcdefghijklmnop", true, true, 8, MSG_2650_080, {}, "abcdefghijklmnop"},
+        {"", true, true, 4, MSG_2650_060, {}, "sec_create_mech_buffer,1,"},
+        // The third parameter is checked before the second.
+        {alpha, false, false, 4, MSG_2650_060, {}, "sec_create_mech_buffer,3,0"},
+        {alpha, false, true, 4, MSG_2650_060, {}, "sec_create_mech_buffer,2,0"},
     };
     for (auto &c : cases) {
         SCOPED_TRACE(c.mstring);
-        List l;
+        qvtest::SecBuffer l;
         qv_int32_t count = -1;
         cu_set_no_error_1();
         std::string s = c.mstring;
-        ASSERT_EQ(sec_create_mech_buffer(s.data(), &count, &l.b), c.rc);
+        ASSERT_EQ(sec_create_mech_buffer(s.data(), c.count ? &count : nullptr, c.buffer ? l.get() : nullptr), c.rc);
         EXPECT_EQ(last_message(), c.message);
-        if (c.rc == 0) {
-            EXPECT_EQ(l.codes(), c.codes);
-            EXPECT_EQ(count, static_cast<qv_int32_t>(c.codes.size()));
-        } else {
-            EXPECT_EQ(l.b.value, nullptr);
-            EXPECT_EQ(count, 0);
-        }
+        EXPECT_EQ(current_error_args().rfind(c.args, 0), 0u) << current_error_args();
+        EXPECT_EQ(l.bytes(), c.rc == 0 ? list_bytes(c.codes) : Bytes{});
+        EXPECT_EQ(count, c.rc == 4 ? -1 : static_cast<qv_int32_t>(c.codes.size()));  // untouched on bad arguments
     }
-}
-
-TEST_F(MechanismLists, CreateArgumentOrder) {
-    char alpha[] = "alpha";
-    char empty[] = "";
-    qv_int32_t count = 0;
-    List l;
-    EXPECT_EQ(sec_create_mech_buffer(empty, &count, &l.b), 4);
-    EXPECT_NE(last_error_text().find("Positional parameter number: 1\n"), std::string::npos);
-    // The third parameter is checked before the second.
-    EXPECT_EQ(sec_create_mech_buffer(alpha, nullptr, nullptr), 4);
-    EXPECT_NE(last_error_text().find("Positional parameter number: 3\n"), std::string::npos);
-    EXPECT_EQ(sec_create_mech_buffer(alpha, nullptr, &l.b), 4);
-    EXPECT_NE(last_error_text().find("Positional parameter number: 2\n"), std::string::npos);
 }
 
 TEST_F(MechanismLists, Reconcile) {
     struct Case {
-        std::vector<uint8_t> offer;
+        Bytes offer;
         int rc, message;
         Codes shared;
     } cases[] = {
@@ -210,36 +154,26 @@ TEST_F(MechanismLists, Reconcile) {
     };
     for (auto &c : cases) {
         SCOPED_TRACE(qvtest::to_hex(c.offer));
-        sec_buffer_desc in{static_cast<qv_int32_t>(c.offer.size()), c.offer.data()};
-        List out;
+        qvtest::BufferView in(c.offer);
+        qvtest::SecBuffer out;
         cu_set_no_error_1();
-        ASSERT_EQ(sec_reconcile_auth_methods(&in, &out.b), c.rc);
+        ASSERT_EQ(sec_reconcile_auth_methods(in.get(), out.get()), c.rc);
         EXPECT_EQ(last_message(), c.message);
-        if (c.rc == 0) {
-            EXPECT_EQ(out.codes(), c.shared);
-        } else {
-            EXPECT_EQ(out.b.value, nullptr);
-        }
+        EXPECT_EQ(out.bytes(), c.rc == 0 ? list_bytes(c.shared) : Bytes{});
     }
-    List out;
-    EXPECT_EQ(sec_reconcile_auth_methods(nullptr, &out.b), 4);
-    EXPECT_EQ(last_error_text(), "2650-002 Caller provided invalid arguments to sec_reconcile_auth_methods().");
-}
-
-TEST_F(MechanismLists, ReconcileWithoutConfiguredMechanisms) {
-    use_config("# nothing configured\n");
-    auto offer = list_bytes({0x10});
-    sec_buffer_desc in{static_cast<qv_int32_t>(offer.size()), offer.data()};
-    List out;
-    ASSERT_EQ(sec_reconcile_auth_methods(&in, &out.b), 0);
-    EXPECT_EQ(out.b.length, 2);
+    qvtest::SecBuffer out;
+    EXPECT_EQ(sec_reconcile_auth_methods(nullptr, out.get()), 4);
+    EXPECT_EQ(last_message(), MSG_2650_002);
+    configure("# nothing configured\n");
+    qvtest::BufferView in(list_bytes({0x10}));
+    ASSERT_EQ(sec_reconcile_auth_methods(in.get(), out.get()), 0);
+    EXPECT_EQ(out.bytes(), list_bytes({}));
 }
 
 TEST_F(MechanismLists, ImposedMechanismEditing) {
-    auto apply = [](qv_int32_t (*fn)(sec_buffer_t), const Codes &codes) {
-        auto bytes = list_bytes(codes);
-        sec_buffer_desc b{static_cast<qv_int32_t>(bytes.size()), bytes.data()};
-        return fn(&b);
+    auto apply = [](qv_int32_t (*fn)(sec_buffer_t), const Bytes &bytes) {
+        qvtest::BufferView b(bytes);
+        return fn(b.get());
     };
     auto env = [] {
         const char *v = getenv(kEnvImposedMechs);
@@ -248,34 +182,35 @@ TEST_F(MechanismLists, ImposedMechanismEditing) {
     EXPECT_EQ(sec_clear_imposed_mechs(), 0);
     EXPECT_EQ(env(), "<unset>");  // emptied only when set
 
-    EXPECT_EQ(apply(sec_set_imposed_mechs, {0x20, 0x99, 0x10}), 0);
+    EXPECT_EQ(apply(sec_set_imposed_mechs, list_bytes({0x20, 0x99, 0x10})), 0);
     EXPECT_EQ(env(), "beta alpha");
-    EXPECT_EQ(apply(sec_add_imposed_mechs, {0x10, 0x40, 0}), 0);
+    EXPECT_EQ(apply(sec_add_imposed_mechs, list_bytes({0x10, 0x40, 0})), 0);
     EXPECT_EQ(env(), "beta alpha gamma none");
     setenv(kEnvImposedMechs, "  gamma\t\tbeta ", 1);
-    EXPECT_EQ(apply(sec_add_imposed_mechs, {0x40}), 0);
+    EXPECT_EQ(apply(sec_add_imposed_mechs, list_bytes({0x40})), 0);
     EXPECT_EQ(env(), "gamma beta");  // rewritten in canonical form
-    EXPECT_EQ(apply(sec_add_imposed_mechs, {}), 0);
+    EXPECT_EQ(apply(sec_add_imposed_mechs, list_bytes({})), 0);
     EXPECT_EQ(env(), "gamma beta");
-    EXPECT_EQ(apply(sec_set_imposed_mechs, {}), 0);
+    EXPECT_EQ(apply(sec_set_imposed_mechs, list_bytes({})), 0);
     EXPECT_EQ(env(), "");
-    EXPECT_EQ(apply(sec_set_imposed_mechs, {0x30}), 0);
+    EXPECT_EQ(apply(sec_set_imposed_mechs, list_bytes({0x30})), 0);
     EXPECT_EQ(sec_clear_imposed_mechs(), 0);
     EXPECT_EQ(env(), "");
 
     EXPECT_EQ(sec_set_imposed_mechs(nullptr), 4);
+    EXPECT_EQ(current_error_args(), "sec_set_imposed_mechs,1,0");
     EXPECT_EQ(sec_add_imposed_mechs(nullptr), 4);
-    EXPECT_EQ(last_message(), MSG_2650_060);
-    auto bad = list_bytes({0x10}, 3);
-    sec_buffer_desc b{static_cast<qv_int32_t>(bad.size()), bad.data()};
-    EXPECT_EQ(sec_add_imposed_mechs(&b), 9);
+    EXPECT_EQ(current_error_args(), "sec_add_imposed_mechs,1,0");
+    EXPECT_EQ(apply(sec_add_imposed_mechs, list_bytes({0x10}, 3)), 9);
+    EXPECT_EQ(apply(sec_set_imposed_mechs, {0x81}), 7);
 }
 
-TEST_F(MechanismLists, EnvironmentStrings) {
+// The internal helpers behind the imposed mechanisms: the environment
+// strings with their length limits, "none" in a mnemonic string, and codes
+// back to mnemonics.
+TEST_F(MechanismLists, Helpers) {
     char name[] = "QV_SEC_IMP_MECHS";
-    std::string long_name(65, 'N');
-    std::string long_value(257, 'v');
-    std::string max_value(256, 'v');
+    std::string long_name(65, 'N'), long_value(257, 'v'), max_value(256, 'v');
     char *out = nullptr;
     EXPECT_EQ(sec__create_varval(name, max_value.data(), &out), 0);
     EXPECT_EQ(std::string(out), "QV_SEC_IMP_MECHS=" + max_value);
@@ -284,44 +219,35 @@ TEST_F(MechanismLists, EnvironmentStrings) {
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(sec__create_varval(long_name.data(), max_value.data(), &out), 21);
     EXPECT_EQ(last_message(), MSG_2650_074);
-    EXPECT_EQ(sec__create_varval(nullptr, max_value.data(), &out), 0);
-    EXPECT_EQ(out, nullptr);
     EXPECT_EQ(sec__create_empty_varval(name, &out), 0);
     EXPECT_STREQ(out, "QV_SEC_IMP_MECHS=");
     // Too long, reported, but still built.
     EXPECT_EQ(sec__create_empty_varval(long_name.data(), &out), 21);
     ASSERT_NE(out, nullptr);
     EXPECT_EQ(std::strlen(out), 65u);
-}
 
-TEST_F(MechanismLists, ContainsNone) {
-    struct Case {
+    struct {
         const char *s;
         bool none;
-    } cases[] = {{nullptr, false}, {"", false}, {"none", true}, {" alpha\tnone ", true},
-                 {"nonee", false},  {"None", false}, {"abcdefghijklmnopq none", false}};
-    for (auto &c : cases) {
-        std::string s = c.s ? c.s : "";
-        EXPECT_EQ(sec__contains_mech_none(c.s ? s.data() : nullptr) != 0, c.none) << (c.s ? c.s : "NULL");
+    } nones[] = {{"", false}, {" alpha\tnone ", true}, {"nonee", false}, {"abcdefghijklmnopq none", false}};
+    for (auto &c : nones) {
+        std::string s = c.s;
+        EXPECT_EQ(sec__contains_mech_none(s.data()) != 0, c.none) << c.s;
     }
-}
+    EXPECT_EQ(sec__contains_mech_none(nullptr), 0);
 
-TEST_F(MechanismLists, CodesToMnemonics) {
-    auto bytes = list_bytes({0x10, 0x77, 0, 0x40});
-    sec_buffer_desc b{static_cast<qv_int32_t>(bytes.size()), bytes.data()};
-    char out[256];
-    std::strcpy(out, "untouched");
+    qvtest::BufferView codes(list_bytes({0x10, 0x77, 0, 0x40}));
+    char text[256] = "untouched";
     SecMutexGuard hold(&SEC_STATE.lock);
-    EXPECT_EQ(sec__translate_mech_codes(&b, 3, out), 0);
-    EXPECT_STREQ(out, "alpha none");
+    EXPECT_EQ(sec__translate_mech_codes(codes.get(), 3, text), 0);
+    EXPECT_STREQ(text, "alpha none");
     // A count beyond the buffer reads only what is there.
-    EXPECT_EQ(sec__translate_mech_codes(&b, 100, out), 0);
-    EXPECT_STREQ(out, "alpha none gamma");
-    auto unknown = list_bytes({0x77});
-    sec_buffer_desc u{static_cast<qv_int32_t>(unknown.size()), unknown.data()};
-    std::strcpy(out, "untouched");
-    EXPECT_EQ(sec__translate_mech_codes(&u, 1, out), 0);
-    EXPECT_STREQ(out, "untouched");
+    EXPECT_EQ(sec__translate_mech_codes(codes.get(), 100, text), 0);
+    EXPECT_STREQ(text, "alpha none gamma");
+    qvtest::BufferView unknown(list_bytes({0x77}));
+    std::strcpy(text, "untouched");
+    EXPECT_EQ(sec__translate_mech_codes(unknown.get(), 1, text), 0);
+    EXPECT_STREQ(text, "untouched");
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Signing data vectors on one side of a context and verifying them on the
-// other: the argument and token checks of both routines with their messages,
-// the signature buffer's bytes, mismatches, another mechanism's signature,
-// empty vectors and the module's failures passed on. The fixture's tear-down
+// other: the signature buffer's bytes, changed data and signatures, another
+// mechanism's signature, empty vectors, the module's failures passed on, and
+// the argument and token checks of both routines. The fixture's tear-down
 // checks that no module handle or buffer is left behind.
 #include <gtest/gtest.h>
 
@@ -42,6 +42,7 @@ protected:
         ASSERT_EQ(ex_.client_rc, 0);
         ASSERT_EQ(ex_.server_rc, 0);
         v_ = vector_of(parts_);
+        ASSERT_EQ(sign(ex_.client_ctx, good_), 0) << last_error_text();
     }
     qv_int32_t sign(sec_token_t ctx, Out &sig) {
         return sec_sign_data_v(&st_, ctx, static_cast<qv_int32_t>(v_.size()), v_.data(), sig.get());
@@ -53,147 +54,119 @@ protected:
     std::vector<Bytes> parts_{text("first part"), {}, text("third")};
     std::vector<iovec> v_;
     sec_status_desc st_{};
+    Out good_;  // the client's signature of parts_
 };
 
 TEST_F(Signing, ClientSignsAndServerVerifies) {
-    Out sig;
-    st_.maj_stat = 99;
-    ASSERT_EQ(sign(ex_.client_ctx, sig), 0) << last_error_text();
-    EXPECT_EQ(st_.maj_stat, 0u);
-    EXPECT_EQ(sig.bytes(), seal_header(kCodeA) + module_signature(parts_));
-    // The module got the context's own handle and the caller's vector.
-    const qvtest_mpm_call_t &srec = m_.record(QVTEST_MPM_SIGN_DATA_V);
-    EXPECT_EQ(srec.args[0], reinterpret_cast<uintptr_t>(static_cast<sec_ctx_token_t>(ex_.client_ctx)->mdata.mtoken));
-    EXPECT_EQ(srec.args[1], 3u);
-    EXPECT_EQ(srec.args[2], reinterpret_cast<uintptr_t>(v_.data()));
-
+    EXPECT_EQ(good_.bytes(), seal_header(kCodeA) + module_signature(parts_));
+    EXPECT_EQ(m_.record(QVTEST_MPM_SIGN_DATA_V).args[1], 3u);
+    EXPECT_EQ(m_.record(QVTEST_MPM_SIGN_DATA_V).args[2], reinterpret_cast<uintptr_t>(v_.data()));
     // Through the wire: the server verifies a copy, and so does the signer.
-    View wire(sig.bytes());
+    View wire(good_.bytes());
+    st_.maj_stat = 99;
     EXPECT_EQ(verify(ex_.server_ctx, wire.get()), 0) << last_error_text();
+    EXPECT_EQ(st_.maj_stat, 0u);
     const qvtest_mpm_call_t &vrec = m_.record(QVTEST_MPM_VERIFY_DATA_V);
     EXPECT_EQ(Bytes(vrec.in, vrec.in + vrec.in_len), module_signature(parts_));
-    EXPECT_EQ(vrec.args[0], reinterpret_cast<uintptr_t>(static_cast<sec_ctx_token_t>(ex_.server_ctx)->mdata.mtoken));
-    EXPECT_EQ(wire.bytes, sig.bytes());  // only read
-    EXPECT_EQ(verify(ex_.client_ctx, sig.get()), 0);
-
+    EXPECT_EQ(wire.bytes, good_.bytes());  // only read
+    EXPECT_EQ(verify(ex_.client_ctx, good_.get()), 0);
     // The server signs back.
     Out back;
     ASSERT_EQ(sign(ex_.server_ctx, back), 0);
     EXPECT_EQ(verify(ex_.client_ctx, back.get()), 0);
-    EXPECT_EQ(sec_release_buffer(sig.get()), 0);
-    EXPECT_TRUE(sig.empty());
+    EXPECT_EQ(sec_release_buffer(back.get()), 0);
+    EXPECT_TRUE(back.empty());
 }
 
-TEST_F(Signing, ChangedDataOrSignatureFailsWithTheModulesCode) {
-    Out sig;
-    ASSERT_EQ(sign(ex_.client_ctx, sig), 0);
-    const Bytes good = sig.bytes();
-
+// Each row changes the signature or the data and verifies on the server.
+TEST_F(Signing, Verification) {
+    const Bytes body = module_signature(parts_);
     struct Case {
         const char *what;
         std::function<void(Bytes &sig, std::vector<Bytes> &parts)> change;
         int rc;
+        int message;       // -1: the module's failure, in the status record
+        bool module_asked;
     } cases[] = {
-        {"a byte of the data", [](Bytes &, std::vector<Bytes> &p) { p[2][0] ^= 1; }, SEC_S_BAD_SIGNATURE},
-        {"an element dropped", [](Bytes &, std::vector<Bytes> &p) { p.pop_back(); }, SEC_S_BAD_SIGNATURE},
-        {"a byte of the signature", [](Bytes &s, std::vector<Bytes> &) { s.back() ^= 0x80; }, SEC_S_BAD_SIGNATURE},
-        {"the signature cut short", [](Bytes &s, std::vector<Bytes> &) { s.pop_back(); }, SEC_S_BAD_SIGNATURE},
-        {"nothing behind the header", [](Bytes &s, std::vector<Bytes> &) { s.resize(6); }, SEC_S_BAD_SIGNATURE},
+        {"a byte of the data", [](Bytes &, std::vector<Bytes> &p) { p[2][0] ^= 1; }, SEC_S_BAD_SIGNATURE, -1, true},
+        {"an element dropped", [](Bytes &, std::vector<Bytes> &p) { p.pop_back(); }, SEC_S_BAD_SIGNATURE, -1, true},
+        {"a byte of the signature", [](Bytes &s, std::vector<Bytes> &) { s.back() ^= 0x80; }, SEC_S_BAD_SIGNATURE,
+         -1, true},
+        {"the signature cut short", [](Bytes &s, std::vector<Bytes> &) { s.pop_back(); }, SEC_S_BAD_SIGNATURE, -1,
+         true},
+        {"nothing behind the header", [](Bytes &s, std::vector<Bytes> &) { s.resize(6); }, SEC_S_BAD_SIGNATURE, -1,
+         true},
         // The module signs the bytes in order, not where they sit.
         {"bytes moved between elements", [](Bytes &, std::vector<Bytes> &p) { p[1] = std::exchange(p[0], Bytes{}); },
-         0},
+         0, -1, true},
+        {"any version byte", [](Bytes &s, std::vector<Bytes> &) { s[1] = 0x7f; }, 0, -1, true},
+        {"another mechanism", [&](Bytes &s, std::vector<Bytes> &) { s = seal_header(kCodeB) + body; },
+         SEC_S_BAD_MECHANISM, MSG_2650_028, false},
+        {"mechanism 0", [&](Bytes &s, std::vector<Bytes> &) { s = seal_header(0) + body; }, SEC_S_BAD_MECHANISM,
+         MSG_2650_028, false},
+        {"not a seal buffer", [&](Bytes &s, std::vector<Bytes> &) { s[0] = SEC_BUF_CCDB; }, SEC_S_BAD_BUFFER,
+         MSG_2650_005, false},
+        {"short header", [](Bytes &s, std::vector<Bytes> &) { s.resize(5); }, SEC_S_BAD_BUFFER, MSG_2650_005, false},
+        {"type byte only", [](Bytes &s, std::vector<Bytes> &) { s.resize(1); }, SEC_S_BAD_BUFFER, MSG_2650_005, false},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        Bytes s = good;
+        Bytes s = good_.bytes();
         std::vector<Bytes> parts = parts_;
         c.change(s, parts);
         std::vector<iovec> v = vector_of(parts);
         View in(s);
-        qv_int32_t rc = sec_verify_data_v(&st_, ex_.server_ctx, in.get(), static_cast<qv_int32_t>(v.size()), v.data());
-        EXPECT_EQ(rc, c.rc);
-        if (c.rc == 0) continue;
-        EXPECT_EQ(st_.maj_stat, static_cast<qv_uint32_t>(SEC_S_BAD_SIGNATURE));
-        EXPECT_EQ(st_.mech_code, kCodeA);
-        EXPECT_STREQ(st_.desc, "mpm_verify_data_v");
+        unsigned long calls = m_.calls(QVTEST_MPM_VERIFY_DATA_V);
+        cu_set_no_error_1();
+        EXPECT_EQ(sec_verify_data_v(&st_, ex_.server_ctx, in.get(), static_cast<qv_int32_t>(v.size()), v.data()),
+                  c.rc);
+        EXPECT_EQ(last_message(), c.message);
+        EXPECT_EQ(m_.calls(QVTEST_MPM_VERIFY_DATA_V) - calls, c.module_asked ? 1u : 0u);
+        if (c.rc == SEC_S_BAD_SIGNATURE) {
+            EXPECT_EQ(st_.maj_stat, static_cast<qv_uint32_t>(SEC_S_BAD_SIGNATURE));
+            EXPECT_EQ(st_.mech_code, kCodeA);
+            EXPECT_STREQ(st_.desc, "mpm_verify_data_v");
+        }
     }
     // A good verification after failures starts from a clear status record.
-    EXPECT_EQ(verify(ex_.server_ctx, sig.get()), 0);
+    EXPECT_EQ(verify(ex_.server_ctx, good_.get()), 0);
     EXPECT_EQ(st_.maj_stat, 0u);
     EXPECT_EQ(st_.desc[0], '\0');
+
 }
 
-TEST_F(Signing, SignatureOfAnotherMechanismOrNotASealBuffer) {
-    Out sig;
-    ASSERT_EQ(sign(ex_.client_ctx, sig), 0);
-    const Bytes all = sig.bytes();
-    const Bytes body(all.begin() + 6, all.end());
-    struct Case {
-        Bytes buffer;
-        int rc;
-        int message;
-    } cases[] = {
-        {seal_header(kCodeB) + body, SEC_S_BAD_MECHANISM, MSG_2650_028},
-        {seal_header(0) + body, SEC_S_BAD_MECHANISM, MSG_2650_028},
-        {Bytes{SEC_BUF_CCDB, 2} + be32(kCodeA) + body, SEC_S_BAD_BUFFER, MSG_2650_005},
-        {Bytes{SEC_BUF_SEAL, 2, 0, 1, 0}, SEC_S_BAD_BUFFER, MSG_2650_005},
-        {Bytes{SEC_BUF_SEAL}, SEC_S_BAD_BUFFER, MSG_2650_005},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(::testing::PrintToString(c.buffer));
-        View in(c.buffer);
-        EXPECT_EQ(verify(ex_.server_ctx, in.get()), c.rc);
-        EXPECT_EQ(last_message(), c.message);
-    }
-    EXPECT_EQ(m_.calls(QVTEST_MPM_VERIFY_DATA_V), 0u);
-    // Any version byte is accepted.
-    View other_version(seal_header(kCodeA, 0x7f) + body);
-    EXPECT_EQ(verify(ex_.server_ctx, other_version.get()), 0);
-}
-
-TEST_F(Signing, SignatureOfTheSecondModuleOnAFirstModuleContext) {
-    // A context pair over the second module signs; the first module's
-    // context refuses the signature before its module sees it.
-    sec_token_t a_client = ex_.client_ctx, a_server = ex_.server_ctx;
-    ex_ = Exchange{};
-    establish(mech_list({kCodeB}));
-    ASSERT_EQ(ex_.client_rc, 0);
-    Out sig;
-    ASSERT_EQ(sign(ex_.client_ctx, sig), 0);
-    EXPECT_EQ(sig.bytes(), seal_header(kCodeB) + module_signature(parts_));
-    EXPECT_EQ(verify(ex_.server_ctx, sig.get()), 0);
-    EXPECT_EQ(verify(a_server, sig.get()), SEC_S_BAD_MECHANISM);
-    EXPECT_EQ(last_message(), MSG_2650_028);
-    EXPECT_EQ(m_.calls(QVTEST_MPM_VERIFY_DATA_V), 0u);
-    for (sec_token_t t : {a_client, a_server}) EXPECT_EQ(sec_end_context(&st_, t, nullptr), 0);
-}
-
-TEST_F(Signing, EmptyVectors) {
+TEST_F(Signing, EmptyVectorsAndModuleOutput) {
     // Signing nothing gives an empty signature without asking the module.
     Out sig;
     sig.d = sec_buffer_desc{3, nullptr};
     EXPECT_EQ(sec_sign_data_v(&st_, ex_.client_ctx, 0, nullptr, sig.get()), 0);
     EXPECT_TRUE(sig.empty());
-    EXPECT_EQ(m_.calls(QVTEST_MPM_SIGN_DATA_V), 0u);
+    EXPECT_EQ(m_.calls(QVTEST_MPM_SIGN_DATA_V), 1u);
     // An empty signature is refused even for an empty vector.
     EXPECT_EQ(sec_verify_data_v(&st_, ex_.server_ctx, sig.get(), 0, nullptr), SEC_S_BAD_BUFFER);
     EXPECT_EQ(last_message(), MSG_2650_083);
-
     // A vector of empty elements is signed by the module.
     iovec empties[2] = {{nullptr, 0}, {nullptr, 0}};
     ASSERT_EQ(sec_sign_data_v(&st_, ex_.client_ctx, 2, empties, sig.get()), 0);
     EXPECT_EQ(sig.bytes(), seal_header(kCodeA) + module_signature({}));
     EXPECT_EQ(sec_verify_data_v(&st_, ex_.server_ctx, sig.get(), 2, empties), 0);
-
     // An empty vector goes to the module on verification, with whatever
     // signature came: here the header alone, an empty inner signature.
     View header(seal_header(kCodeA));
     EXPECT_EQ(sec_verify_data_v(&st_, ex_.server_ctx, header.get(), 0, nullptr), SEC_S_BAD_SIGNATURE);
     EXPECT_EQ(m_.record(QVTEST_MPM_VERIFY_DATA_V).in_len, 0);
     EXPECT_EQ(m_.record(QVTEST_MPM_VERIFY_DATA_V).args[2], 0u);
-    m_.behaviour(QVTEST_MPM_VERIFY_DATA_V).maj_stat = 0;
-    View nothing_signed(seal_header(kCodeA) + module_signature({}));
-    EXPECT_EQ(sec_verify_data_v(&st_, ex_.server_ctx, nothing_signed.get(), 0, nullptr), 0);
+
+    // The module's output is wrapped whatever its length.
+    for (int len : {0, 1, 200}) {
+        SCOPED_TRACE(len);
+        qvtest_mpm_behaviour_t &b = m_.behaviour(QVTEST_MPM_SIGN_DATA_V);
+        b.output_len = len;
+        for (int i = 0; i < len; ++i) b.output[i] = static_cast<unsigned char>(i * 7);
+        Out s;
+        ASSERT_EQ(sign(ex_.client_ctx, s), 0);
+        EXPECT_EQ(s.bytes(), seal_header(kCodeA) + Bytes(b.output, b.output + len));
+    }
 }
 
 TEST_F(Signing, ModuleFailuresArePassedOn) {
@@ -201,135 +174,87 @@ TEST_F(Signing, ModuleFailuresArePassedOn) {
         int routine;
         qv_uint32_t maj;
         int rc;
-        const char *desc;
     } cases[] = {
-        {QVTEST_MPM_SIGN_DATA_V, 24, SEC_S_MPM_NO_SIGNATURE, "mpm_sign_data_v"},
-        {QVTEST_MPM_SIGN_DATA_V, 34, SEC_S_MPM_FAILURE, "mpm_sign_data_v"},
-        {QVTEST_MPM_SIGN_DATA_V, 0x55, SEC_S_MPM_FAILURE, "mpm_sign_data_v"},
-        {QVTEST_MPM_VERIFY_DATA_V, 24, SEC_S_MPM_NO_SIGNATURE, "mpm_verify_data_v"},
-        {QVTEST_MPM_VERIFY_DATA_V, 34, SEC_S_BAD_SIGNATURE, "mpm_verify_data_v"},
-        {QVTEST_MPM_VERIFY_DATA_V, 36, SEC_S_MPM_FAILURE, "mpm_verify_data_v"},
+        {QVTEST_MPM_SIGN_DATA_V, 24, SEC_S_MPM_NO_SIGNATURE},   {QVTEST_MPM_SIGN_DATA_V, 34, SEC_S_MPM_FAILURE},
+        {QVTEST_MPM_SIGN_DATA_V, 0x55, SEC_S_MPM_FAILURE},      {QVTEST_MPM_VERIFY_DATA_V, 24, SEC_S_MPM_NO_SIGNATURE},
+        {QVTEST_MPM_VERIFY_DATA_V, 34, SEC_S_BAD_SIGNATURE},    {QVTEST_MPM_VERIFY_DATA_V, 36, SEC_S_MPM_FAILURE},
     };
-    Out good;
-    ASSERT_EQ(sign(ex_.client_ctx, good), 0);
     for (const Case &c : cases) {
         SCOPED_TRACE(c.maj);
         m_.behaviour(c.routine).maj_stat = c.maj;
         m_.behaviour(c.routine).min_stat = 7;
-        qv_int32_t rc;
-        if (c.routine == QVTEST_MPM_SIGN_DATA_V) {
-            Out sig;
-            rc = sign(ex_.client_ctx, sig);
-            EXPECT_TRUE(sig.empty());
-        } else {
-            rc = verify(ex_.server_ctx, good.get());
-        }
-        EXPECT_EQ(rc, c.rc);
+        bool signing = c.routine == QVTEST_MPM_SIGN_DATA_V;
+        Out sig;
+        EXPECT_EQ(signing ? sign(ex_.client_ctx, sig) : verify(ex_.server_ctx, good_.get()), c.rc);
+        EXPECT_TRUE(sig.empty());
         EXPECT_EQ(st_.maj_stat, c.maj);
         EXPECT_EQ(st_.min_stat, 7u);
         EXPECT_EQ(st_.mech_code, kCodeA);
-        EXPECT_STREQ(st_.desc, c.desc);
+        EXPECT_STREQ(st_.desc, signing ? "mpm_sign_data_v" : "mpm_verify_data_v");
         m_.behaviour(c.routine).maj_stat = 0;
     }
 }
 
-TEST_F(Signing, ModuleOutputIsWrappedWhateverItsLength) {
-    for (int len : {0, 1, 200}) {
-        SCOPED_TRACE(len);
-        qvtest_mpm_behaviour_t &b = m_.behaviour(QVTEST_MPM_SIGN_DATA_V);
-        b.output_len = len;
-        for (int i = 0; i < len; ++i) b.output[i] = static_cast<unsigned char>(i * 7);
-        Out sig;
-        ASSERT_EQ(sign(ex_.client_ctx, sig), 0);
-        EXPECT_EQ(sig.bytes(), seal_header(kCodeA) + Bytes(b.output, b.output + len));
-    }
-}
-
-// ---- Argument and token checks ----
-
-struct ArgCase {
-    const char *what;
-    std::function<qv_int32_t(sec_token_t ctx)> call;
-    int rc;
-    int message;
-    const char *text;  // part of the formatted message
-};
-
-class SigningChecks : public Signing {
-protected:
-    // None of the cases reaches the module.
-    void run(const std::vector<ArgCase> &cases) {
-        unsigned long signs = m_.calls(QVTEST_MPM_SIGN_DATA_V);
-        for (const ArgCase &c : cases) {
-            SCOPED_TRACE(c.what);
-            EXPECT_EQ(c.call(ex_.client_ctx), c.rc);
-            EXPECT_EQ(last_message(), c.message);
-            EXPECT_NE(last_error_text().find(c.text), std::string::npos) << last_error_text();
-        }
-        EXPECT_EQ(m_.calls(QVTEST_MPM_SIGN_DATA_V), signs);
-        EXPECT_EQ(m_.calls(QVTEST_MPM_VERIFY_DATA_V), 0u);
-    }
-    iovec bad_at_2_[3] = {{nullptr, 0}, {const_cast<char *>("x"), 1}, {nullptr, 4}};
-    sec_buffer_desc sig_{0, nullptr};
-};
-
-TEST_F(SigningChecks, SignArguments) {
-    sec_buffer_desc *sig = &sig_;
+// None of the argument rows reaches the module; the message names the
+// routine, the position and the value refused.
+TEST_F(Signing, ArgumentChecks) {
+    iovec bad[3] = {{nullptr, 0}, {const_cast<char *>("x"), 1}, {nullptr, 4}};
     iovec *v = v_.data();
-    iovec *bad = bad_at_2_;
-    run({
-        {"no status", [=, this](sec_token_t c) { return sec_sign_data_v(nullptr, c, 1, v, sig); }, 4, MSG_2650_060,
-         "sec_sign_data_v.\n\tPositional parameter number: 1\n\tParameter value: 0x0\n"},
-        {"no context", [=, this](sec_token_t) { return sec_sign_data_v(&st_, nullptr, 1, v, sig); }, 4, MSG_2650_060,
-         "sec_sign_data_v.\n\tPositional parameter number: 2\n\tParameter value: 0x0\n"},
-        {"negative count", [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, -3, v, sig); }, 4, MSG_2650_060,
-         "Positional parameter number: 3\n\tParameter value: 0xfffffffd\n"},
-        {"no vector", [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, 1, nullptr, sig); }, 4, MSG_2650_060,
-         "Positional parameter number: 4\n\tParameter value: 0x0\n"},
-        {"element with a length and no base",
-         [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, 3, bad, sig); }, 7, MSG_2650_081,
-         "position 2 in the vector"},
-        {"bad element before a missing signature",
-         [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, 3, bad, nullptr); }, 7, MSG_2650_081, "position 2"},
-        {"no signature", [=, this](sec_token_t c) { return sec_sign_data_v(&st_, c, 1, v, nullptr); }, 4, MSG_2650_060,
-         "Positional parameter number: 5\n\tParameter value: 0x0\n"},
-    });
+    sec_buffer_t sig = good_.get();
+    sec_buffer_desc out{0, nullptr}, empty{0, nullptr}, no_value{6, nullptr};
+    struct Case {
+        const char *what;
+        std::function<qv_int32_t(sec_token_t ctx)> call;
+        int rc;
+        int message;
+        const char *args;
+    } cases[] = {
+        {"sign: no status", [&](sec_token_t c) { return sec_sign_data_v(nullptr, c, 1, v, &out); }, 4, MSG_2650_060,
+         "sec_sign_data_v,1,0"},
+        {"sign: no context", [&](sec_token_t) { return sec_sign_data_v(&st_, nullptr, 1, v, &out); }, 4, MSG_2650_060,
+         "sec_sign_data_v,2,0"},
+        {"sign: negative count", [&](sec_token_t c) { return sec_sign_data_v(&st_, c, -3, v, &out); }, 4,
+         MSG_2650_060, "sec_sign_data_v,3,4294967293"},
+        {"sign: no vector", [&](sec_token_t c) { return sec_sign_data_v(&st_, c, 1, nullptr, &out); }, 4,
+         MSG_2650_060, "sec_sign_data_v,4,0"},
+        {"sign: element with a length and no base", [&](sec_token_t c) { return sec_sign_data_v(&st_, c, 3, bad, &out); },
+         7, MSG_2650_081, "2"},
+        {"sign: bad element before a missing signature",
+         [&](sec_token_t c) { return sec_sign_data_v(&st_, c, 3, bad, nullptr); }, 7, MSG_2650_081, "2"},
+        {"sign: no signature", [&](sec_token_t c) { return sec_sign_data_v(&st_, c, 1, v, nullptr); }, 4,
+         MSG_2650_060, "sec_sign_data_v,5,0"},
+        {"verify: no status", [&](sec_token_t c) { return sec_verify_data_v(nullptr, c, sig, 1, v); }, 4,
+         MSG_2650_060, "sec_verify_data_v,1,0"},
+        {"verify: no context", [&](sec_token_t) { return sec_verify_data_v(&st_, nullptr, sig, 1, v); }, 4,
+         MSG_2650_060, "sec_verify_data_v,2,0"},
+        {"verify: no signature", [&](sec_token_t c) { return sec_verify_data_v(&st_, c, nullptr, 1, v); }, 4,
+         MSG_2650_060, "sec_verify_data_v,3,0"},
+        {"verify: negative count", [&](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, -1, v); }, 4,
+         MSG_2650_060, "sec_verify_data_v,4,4294967295"},
+        {"verify: no vector", [&](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, 2, nullptr); }, 4,
+         MSG_2650_060, "sec_verify_data_v,5,0"},
+        {"verify: element with a length and no base",
+         [&](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, 3, bad); }, 7, MSG_2650_081, "2"},
+        {"verify: empty signature", [&](sec_token_t c) { return sec_verify_data_v(&st_, c, &empty, 1, v); }, 7,
+         MSG_2650_083, ""},
+        {"verify: signature without value",
+         [&](sec_token_t c) { return sec_verify_data_v(&st_, c, &no_value, 0, nullptr); }, 7, MSG_2650_083, ""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(c.call(ex_.client_ctx), c.rc);
+        EXPECT_EQ(last_message(), c.message);
+        EXPECT_EQ(qvtest::current_error_args().rfind(c.args, 0), 0u) << qvtest::current_error_args();
+    }
+    EXPECT_EQ(m_.calls(QVTEST_MPM_SIGN_DATA_V), 1u);
+    EXPECT_EQ(m_.calls(QVTEST_MPM_VERIFY_DATA_V), 0u);
     // Only the elements inside count are looked at.
-    EXPECT_EQ(sec_sign_data_v(&st_, ex_.client_ctx, 2, bad_at_2_, &sig_), 0);
-    free(sig_.value);
-}
-
-TEST_F(SigningChecks, VerifyArguments) {
-    Out good;
-    ASSERT_EQ(sign(ex_.client_ctx, good), 0);
-    sec_buffer_t sig = good.get();
-    iovec *v = v_.data();
-    iovec *bad = bad_at_2_;
-    static sec_buffer_desc empty{0, nullptr}, no_value{6, nullptr};
-    run({
-        {"no status", [=, this](sec_token_t c) { return sec_verify_data_v(nullptr, c, sig, 1, v); }, 4, MSG_2650_060,
-         "sec_verify_data_v.\n\tPositional parameter number: 1\n\tParameter value: 0x0\n"},
-        {"no context", [=, this](sec_token_t) { return sec_verify_data_v(&st_, nullptr, sig, 1, v); }, 4, MSG_2650_060,
-         "sec_verify_data_v.\n\tPositional parameter number: 2\n"},
-        {"no signature", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, nullptr, 1, v); }, 4,
-         MSG_2650_060, "Positional parameter number: 3\n\tParameter value: 0x0\n"},
-        {"negative count", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, -1, v); }, 4, MSG_2650_060,
-         "Positional parameter number: 4\n\tParameter value: 0xffffffff\n"},
-        {"no vector", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, 2, nullptr); }, 4, MSG_2650_060,
-         "Positional parameter number: 5\n"},
-        {"element with a length and no base",
-         [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, sig, 3, bad); }, 7, MSG_2650_081,
-         "position 2 in the vector"},
-        {"empty signature", [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, &empty, 1, v); }, 7,
-         MSG_2650_083, "signature buffer error"},
-        {"signature without value",
-         [=, this](sec_token_t c) { return sec_verify_data_v(&st_, c, &no_value, 0, nullptr); }, 7, MSG_2650_083,
-         "sec_verify_data_v routine is invalid"},
-    });
+    Out two;
+    EXPECT_EQ(sec_sign_data_v(&st_, ex_.client_ctx, 2, bad, two.get()), 0);
 }
 
 // Copies of the client's context with one thing wrong.
-TEST_F(SigningChecks, TokenChecks) {
+TEST_F(Signing, TokenChecks) {
     auto copy = [&](auto change) {
         sec_ctx_token_desc t = *static_cast<sec_ctx_token_t>(ex_.client_ctx);
         change(t);
@@ -347,8 +272,6 @@ TEST_F(SigningChecks, TokenChecks) {
          MSG_2650_022},
         {"no module", copy([](auto &t) { t.mdata.mpm = nullptr; }), 23, MSG_2650_023, 23, MSG_2650_023},
     };
-    Out good;
-    ASSERT_EQ(sign(ex_.client_ctx, good), 0);
     for (Case &c : cases) {
         SCOPED_TRACE(c.what);
         sec_buffer_desc sig{5, nullptr};
@@ -356,7 +279,7 @@ TEST_F(SigningChecks, TokenChecks) {
         EXPECT_EQ(last_message(), c.sign_msg);
         // Emptied only once the token has passed.
         EXPECT_EQ(sig.length, c.sign_rc == 23 ? 0 : 5);
-        EXPECT_EQ(verify(&c.token, good.get()), c.verify_rc);
+        EXPECT_EQ(verify(&c.token, good_.get()), c.verify_rc);
         EXPECT_EQ(last_message(), c.verify_msg);
     }
     EXPECT_EQ(m_.calls(QVTEST_MPM_SIGN_DATA_V), 1u);

@@ -2,6 +2,7 @@
 // only: the test program links whichever copy of libqv_cu it tests.
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 #include "qv_cu.h"
@@ -23,6 +24,31 @@ inline CurrentError current_error() {
     char *m = nullptr;
     if (cu_get_errmsg_1(e, &m) == 0 && m != nullptr) out.text = m;
     cu_rel_errmsg_1(m);
+    cu_rel_error_1(e);
+    return out;
+}
+
+// The arguments of the thread's error record joined by commas (strings as
+// they are, numbers in decimal): which routine, position or value a message
+// names, without repeating the message's text.
+inline std::string current_error_args() {
+    std::string out;
+    cu_error_t *e = nullptr;
+    if (cu_get_error_1(&e) != 0 || e == nullptr) return out;
+    for (qv_uint32_t i = 0; e->cu_args != nullptr && i < e->cu_arg_cnt; ++i) {
+        const cu_arg_t &a = e->cu_args[i];
+        char num[32];
+        if (i > 0) out += ',';
+        if (a.cu_arg_type == CU_ARG_STRING) {
+            out += a.cu_arg_value.cu_arg_string != nullptr ? a.cu_arg_value.cu_arg_string : "(null)";
+            continue;
+        }
+        if (a.cu_arg_type == CU_ARG_INT || a.cu_arg_type == CU_ARG_LONG)
+            std::snprintf(num, sizeof num, "%lld", static_cast<long long>(a.cu_arg_value.cu_arg_long));
+        else
+            std::snprintf(num, sizeof num, "%llu", static_cast<unsigned long long>(a.cu_arg_value.cu_arg_ulong));
+        out += num;
+    }
     cu_rel_error_1(e);
     return out;
 }
