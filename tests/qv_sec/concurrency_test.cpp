@@ -409,61 +409,6 @@ TEST_F(MpmConcurrency, CancelledInsideTheModuleLeavesTheLockFree) {
     }
 }
 
-// Calls into a module from threads that come and go (some cancelled at
-// random points), mixed with a writer that takes the entry's lock and now and
-// then makes the module need loading again. No call runs while the writer
-// holds the lock (the module's call count stays still), and in the end the
-// lock is free.
-TEST_F(MpmConcurrency, CallsWritersReloadsAndCancellationsTogether) {
-    sec_mpm_entry_t e = reserve(kCode, qvtest::kTestMpm);
-    lifetime_call(e);  // loaded
-    std::atomic<bool> stop{false}, overlapped{false};
-    std::atomic<int> reloads{0};
-    auto calls = [&] { return mpm_.calls(QVTEST_MPM_GET_CTX_LIFETIME) + mpm_.calls(QVTEST_MPM_GET_CTX_FLAGS); };
-    auto caller = [&, e] {
-        for (int i = 0; !stop; ++i) {
-            if (i % 4 == 0) {
-                flags_call(e);
-            } else {
-                lifetime_call(e);
-            }
-            pthread_testcancel();
-        }
-    };
-    Worker writer([&, e] {
-        for (int i = 0; !stop; ++i) {
-            sec__lock_write(&e->lock);
-            unsigned long before = calls();
-            std::this_thread::sleep_for(100us);
-            if (calls() != before) overlapped = true;
-            // Counted only when loaded, so each counted reload is one load.
-            if (i % 8 == 0 && (__atomic_fetch_and(&e->state, ~SEC_MPM_S_LOADED, __ATOMIC_SEQ_CST) & SEC_MPM_S_LOADED))
-                ++reloads;
-            sec__unlock_write(&e->lock);
-            std::this_thread::sleep_for(200us);
-        }
-    });
-    std::vector<std::unique_ptr<Worker>> callers;
-    for (int i = 0; i < 3; ++i) callers.push_back(std::make_unique<Worker>(caller));
-    auto end = std::chrono::steady_clock::now() + 300ms;
-    for (int round = 0; std::chrono::steady_clock::now() < end; ++round) {
-        std::this_thread::sleep_for(std::chrono::microseconds(500 + round % 7 * 150));
-        auto &victim = callers[static_cast<size_t>(round) % callers.size()];
-        victim->cancel();
-        victim->join();
-        victim = std::make_unique<Worker>(caller);
-    }
-    stop = true;
-    writer.join();
-    for (auto &c : callers) c->join();
-    EXPECT_FALSE(overlapped.load()) << "a module routine ran while the entry was write-locked";
-    EXPECT_TRUE(lock_is_free(e));
-    // Every reload asked for was made by some call, or is made by the next.
-    lifetime_call(e);
-    EXPECT_GE(mpm_.calls(QVTEST_MPM_INIT), static_cast<unsigned long>(reloads.load()) + 1);
-    EXPECT_GT(reloads.load(), 0);
-}
-
 // ---- Contexts and cancellation ----
 
 // Several threads build, use and end contexts under the same two service
