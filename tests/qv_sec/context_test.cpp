@@ -1358,11 +1358,13 @@ protected:
 TEST_F(ApiTrace, ContextIdsAtLevelOne) {
     // start, receive, complete, receive, complete, prepare, process,
     // lifetime (with the common routine-end record), attribute, end, end.
-    EXPECT_EQ(traced_exchange(1), (Ids{60, 62, 70, 72, 65, 67, 70, 72, 65, 67, 85, 87, 90, 92, 80, 1, 75, 77, 95, 97, 95, 97}));
+    EXPECT_EQ(traced_exchange(1),
+              (Ids{60, 62, 70, 72, 65, 67, 70, 72, 65, 67, 85, 87, 90, 92, 80, 1, 75, 77, 95, 97, 95, 97}));
 }
 
 TEST_F(ApiTrace, ContextDataFormsAtLevelEight) {
-    EXPECT_EQ(traced_exchange(8), (Ids{61, 64, 71, 74, 66, 69, 71, 74, 66, 69, 86, 89, 91, 94, 81, 4, 76, 79, 96, 99, 96, 99}));
+    EXPECT_EQ(traced_exchange(8),
+              (Ids{61, 64, 71, 74, 66, 69, 71, 74, 66, 69, 86, 89, 91, 94, 81, 4, 76, 79, 96, 99, 96, 99}));
     size_t from = trace_size();
     sec__trace_detail_levels[SEC_TRC_API] = 8;
     EXPECT_EQ(sec_end_context(nullptr, nullptr, nullptr), 4);
