@@ -29,25 +29,34 @@ protected:
     };
     void end_made() {
         sec_status_desc st{};
-        EXPECT_EQ(sec_end_context(&st, made_.cctx, nullptr), 0);
-        EXPECT_EQ(sec_end_context(&st, made_.sctx, nullptr), 0);
-        for (sec_token_t id : made_.ids) EXPECT_EQ(sec_end_context(&st, id, nullptr), 0);
+        for (sec_token_t t : {made_.cctx, made_.sctx, made_.ids[0], made_.ids[1]})
+            EXPECT_EQ(sec_end_context(&st, t, nullptr), 0);
         EXPECT_EQ(sec_end(&st, 0, made_.svc), 0);
         for (sec_buffer_desc &b : made_.bufs) free(b.value);
         sec__free_privset_info(&made_.ps);
         made_ = Made{};
     }
-
+    qv_int32_t start_client(sec_token_t svc, sec_buffer_t out) {
+        char name[] = "svc", host[] = "host";
+        return sec_start_sec_context(&st_, svc, list_.get(), name, host, 0, &made_.cctx, out);
+    }
     qv_int32_t establish_made() {
-        sec_status_desc &st = last_;
-        char svc[] = "svc", host[] = "host";
-        if (qv_int32_t rc = sec_start_sec_context(&st, client_svc_, list_.get(), svc, host, 0, &made_.cctx, &made_.bufs[0]))
-            return rc;
-        return sec_receive_sec_context(&st, server_svc_, &made_.bufs[0], &made_.sctx, &made_.bufs[1]);
+        if (qv_int32_t rc = start_client(client_svc_, &made_.bufs[0])) return rc;
+        return sec_receive_sec_context(&st_, server_svc_, &made_.bufs[0], &made_.sctx, &made_.bufs[1]);
+    }
+    qv_int32_t wrap_cidb(int groups, sec_buffer_t out) {
+        static char name[] = "alice", mname[] = "bob", g1[] = "g1", g2[] = "staff";
+        static sec_buffer_desc group_list[] = {{3, g1}, {6, g2}};
+        sec_privset_info_desc ps{name, mname, groups, group_list};
+        return sec__wrap_cid_buff(kCodeA, 1, SEC_CIDB_F_MAPPING, &ps, out);
+    }
+    Bytes bytes(int i) const {
+        auto *p = static_cast<const uint8_t *>(made_.bufs[i].value);
+        return Bytes(p, p + made_.bufs[i].length);
     }
 
     Made made_;
-    sec_status_desc last_{};  // the status of the steps' calls
+    sec_status_desc st_{};  // the status of the steps' calls
     // Inputs made before the sweep: the steps themselves allocate nothing.
     View list_{mech_list({kCodeA})};
     View message_{text("message")};
@@ -61,27 +70,19 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
         std::function<void(qv_int32_t rc)> after;
     };
     const Row rows[] = {
-        {"sec_start",
-         [this] {
-             sec_status_desc &st = last_;
-             return sec_start(&st, 0, &made_.svc);
-         },
-         nullptr},
+        {"sec_start", [this] { return sec_start(&st_, 0, &made_.svc); }, nullptr},
         // A service login that found no memory for the name must not leave a
         // token whose contexts hand the module a NULL service name.
         {"sec_login_as_service",
          [this] {
-             sec_status_desc &st = last_;
-             if (qv_int32_t rc = sec_start(&st, SEC_F_DEFER_MPM_START, &made_.svc)) return rc;
+             if (qv_int32_t rc = sec_start(&st_, SEC_F_DEFER_MPM_START, &made_.svc)) return rc;
              char name[] = "qvsvc";
-             return sec_login_as_service(&st, name, made_.svc);
+             return sec_login_as_service(&st_, name, made_.svc);
          },
          [this](qv_int32_t) {
              if (made_.svc == nullptr) return;
-             sec_status_desc st{};
-             char svc[] = "svc", host[] = "host";
-             sec_start_sec_context(&st, made_.svc, list_.get(), svc, host, 0, &made_.cctx, &made_.bufs[2]);
-             sec_renew_identity(&st, 60, made_.svc);
+             start_client(made_.svc, &made_.bufs[2]);
+             sec_renew_identity(&st_, 60, made_.svc);
              if (m_.calls(QVTEST_MPM_LOGIN_AS_SERVICE) > 0) {
                  EXPECT_STREQ(m_.record(QVTEST_MPM_LOGIN_AS_SERVICE).str[0], "qvsvc");
              }
@@ -94,31 +95,42 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
              qv_int32_t n = 0;
              return sec_get_auth_methods(&made_.bufs[0], &n);
          },
-         [this](qv_int32_t rc) {
-             if (rc == 0) {
-                 auto *p = static_cast<const uint8_t *>(made_.bufs[0].value);
-                 EXPECT_EQ(Bytes(p, p + made_.bufs[0].length), mech_list({kCodeA}));
-             }
-         }},
+         [this](qv_int32_t rc) { EXPECT_TRUE(rc != 0 || bytes(0) == mech_list({kCodeA})); }},
         {"establish, seal and open",
          [this] {
              if (qv_int32_t rc = establish_made()) return rc;
-             sec_status_desc &st = last_;
-             if (qv_int32_t rc = sec_prepare_data(&st, made_.cctx, SEC_F_PROTECT_MODE1, message_.get(), &made_.bufs[2]))
+             if (qv_int32_t rc =
+                     sec_prepare_data(&st_, made_.cctx, SEC_F_PROTECT_MODE1, message_.get(), &made_.bufs[2]))
                  return rc;
-             return sec_process_data(&st, made_.sctx, &made_.bufs[2], &made_.bufs[3]);
+             return sec_process_data(&st_, made_.sctx, &made_.bufs[2], &made_.bufs[3]);
          },
          [this](qv_int32_t rc) {
              // The opened bytes are module output handed to the caller.
              if (rc == 0 && made_.bufs[3].value != nullptr) opened_by_caller_ += 1;
          }},
+        {"establish in two rounds",
+         [this] {
+             m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1;  // the client asks for an answer
+             qv_int32_t rc = start_client(client_svc_, &made_.bufs[0]);
+             if (rc != 1) return rc;
+             if ((rc = sec_receive_sec_context(&st_, server_svc_, &made_.bufs[0], &made_.sctx, &made_.bufs[1])) != 0)
+                 return rc;
+             return sec_complete_sec_context(&st_, &made_.bufs[1], &made_.cctx, &made_.bufs[2]);
+         },
+         nullptr},
+        {"establish, sign and verify",
+         [this] {
+             if (qv_int32_t rc = establish_made()) return rc;
+             char data[] = "signed bytes";
+             struct iovec v = {data, sizeof data};
+             if (qv_int32_t rc = sec_sign_data_v(&st_, made_.cctx, 1, &v, &made_.bufs[2])) return rc;
+             return sec_verify_data_v(&st_, made_.sctx, &made_.bufs[2], 1, &v);
+         },
+         nullptr},
         // A failed write leaves no buffer, a failed read no half-read identity.
         {"CIDB written and read back",
          [this] {
-             static char name[] = "alice", mname[] = "bob", g1[] = "g1", g2[] = "staff";
-             static sec_buffer_desc groups[] = {{3, g1}, {6, g2}};
-             sec_privset_info_desc ps{name, mname, 2, groups};
-             if (qv_int32_t rc = sec__wrap_cid_buff(kCodeA, 1, SEC_CIDB_F_MAPPING, &ps, &made_.bufs[0])) return rc;
+             if (qv_int32_t rc = wrap_cidb(2, &made_.bufs[0])) return rc;
              qv_uint32_t mech = 0, flags = 0;
              int version = 0;
              qv_uint64_t node = 0;
@@ -138,8 +150,7 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
         {"establish and create a CIDB",
          [this] {
              if (qv_int32_t rc = establish_made()) return rc;
-             sec_status_desc &st = last_;
-             return sec_create_cidb(&st, SEC_F_CIDB_HOST_LOCAL, made_.sctx, &made_.bufs[2]);
+             return sec_create_cidb(&st_, SEC_F_CIDB_HOST_LOCAL, made_.sctx, &made_.bufs[2]);
          },
          [this](qv_int32_t rc) {
              EXPECT_TRUE(rc == 0 || (made_.bufs[2].value == nullptr && made_.bufs[2].length == 0));
@@ -149,15 +160,11 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
         {"identity contexts from a context and from its CIDB",
          [this] {
              if (qv_int32_t rc = establish_made()) return rc;
-             sec_status_desc &st = last_;
-             if (qv_int32_t rc = sec_create_id_context(&st, server_svc_, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP,
+             if (qv_int32_t rc = sec_create_id_context(&st_, server_svc_, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP,
                                                        made_.sctx, &made_.ids[0]))
                  return rc;
-             static char name[] = "alice", mname[] = "bob", g1[] = "g1";
-             static sec_buffer_desc groups[] = {{3, g1}};
-             sec_privset_info_desc ps{name, mname, 1, groups};
-             if (qv_int32_t rc = sec__wrap_cid_buff(kCodeA, 1, SEC_CIDB_F_MAPPING, &ps, &made_.bufs[2])) return rc;
-             return sec_create_id_context(&st, client_svc_, SEC_F_IDCTX_CIDB, &made_.bufs[2], &made_.ids[1]);
+             if (qv_int32_t rc = wrap_cidb(1, &made_.bufs[2])) return rc;
+             return sec_create_id_context(&st_, client_svc_, SEC_F_IDCTX_CIDB, &made_.bufs[2], &made_.ids[1]);
          },
          [this](qv_int32_t rc) {
              EXPECT_TRUE(rc == 0 || made_.ids[1] == nullptr);
@@ -167,57 +174,50 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
                  EXPECT_STREQ(static_cast<const char *>(t->privset.groups[0].value), "g1");
              }
          }},
-        {"establish in two rounds",
-         [this] {
-             m_.behaviour(QVTEST_MPM_START_SEC_CONTEXT).continue_rounds = 1;  // the client asks for an answer
-             sec_status_desc &st = last_;
-             char svc[] = "svc", host[] = "host";
-             qv_int32_t rc = sec_start_sec_context(&st, client_svc_, list_.get(), svc, host, 0, &made_.cctx, &made_.bufs[0]);
-             if (rc != 1) return rc;
-             if ((rc = sec_receive_sec_context(&st, server_svc_, &made_.bufs[0], &made_.sctx, &made_.bufs[1])) != 0) return rc;
-             return sec_complete_sec_context(&st, &made_.bufs[1], &made_.cctx, &made_.bufs[2]);
-         },
-         nullptr},
-        {"establish, sign and verify",
-         [this] {
-             if (qv_int32_t rc = establish_made()) return rc;
-             sec_status_desc &st = last_;
-             char data[] = "signed bytes";
-             struct iovec v = {data, sizeof data};
-             if (qv_int32_t rc = sec_sign_data_v(&st, made_.cctx, 1, &v, &made_.bufs[2])) return rc;
-             return sec_verify_data_v(&st, made_.sctx, &made_.bufs[2], 1, &v);
-         },
-         nullptr},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         m_.reset();
         long handles = m_.live_handles();
+        auto finish = [&](qv_int32_t rc) {
+            if (row.after) row.after(rc);
+            end_made();
+            m_.reset();
+            cu_set_no_error_1();  // the thread's error record is not a leak
+        };
         qvtest::alloc_failure_sweep(
-            [&] { return row.step(); },
+            row.step,
             [&](int rc, bool) {
                 // 3: the module's own allocation failed (its status says so);
                 // 22: the module lost its output to the failure and asked to
                 // go on with nothing to send.
-                EXPECT_TRUE(rc == 0 || rc == SEC_S_NO_MEMORY || (rc == SEC_S_MPM_FAILURE && last_.maj_stat == 6) ||
+                EXPECT_TRUE(rc == 0 || rc == SEC_S_NO_MEMORY || (rc == SEC_S_MPM_FAILURE && st_.maj_stat == 6) ||
                             rc == SEC_S_BAD_MPM)
                     << "rc " << rc;
-                if (row.after) row.after(rc);
-                end_made();
+                finish(rc);
                 EXPECT_EQ(m_.live_handles(), handles);
-                m_.reset();
                 sec_status_desc scratch{};
                 sec__error_clear(&scratch);
-                cu_set_no_error_1();  // the thread's error record is not a leak
             },
-            [&] {
-                qv_int32_t rc = row.step();
-                if (row.after) row.after(rc);
-                end_made();
-                m_.reset();
-                cu_set_no_error_1();
-            });
+            [&] { finish(row.step()); });
         if (HasFailure()) break;
+    }
+}
+
+// sec_release_buffer wipes what it frees: the whole block, whatever length
+// the caller's record still claims.
+TEST(ReleaseBuffer, WipesTheWholeBlockBeforeFreeingIt) {
+    if (!qvtest::failing_allocator_active()) GTEST_SKIP() << "needs the test allocator to see freed blocks";
+    for (qv_int32_t length : {48, 5, 0}) {
+        SCOPED_TRACE(length);
+        void *block = std::malloc(48);
+        ASSERT_NE(block, nullptr);
+        std::memset(block, 0xa5, 48);
+        sec_buffer_desc buf{length, block};
+        qvtest::watch_free(block, 48);
+        EXPECT_EQ(sec_release_buffer(&buf), 0);
+        EXPECT_EQ(qvtest::freed_bytes(), std::string(48, '\0'));
+        EXPECT_TRUE(buf.value == nullptr && buf.length == 0);
     }
 }
 

@@ -52,9 +52,6 @@ inline Bytes mech_list(const std::vector<qv_uint32_t> &codes, uint8_t version = 
 using View = qvtest::BufferView;
 using Out = qvtest::SecBuffer;
 
-inline qv_uint32_t state_of(sec_token_t t) { return static_cast<sec_ctx_token_t>(t)->state; }
-inline unsigned seq_of(sec_token_t t) { return static_cast<sec_ctx_token_t>(t)->seq_no; }
-
 // One exchange in one process: every CCDB that crossed, in order, and the
 // last return code of each side.
 struct Exchange {

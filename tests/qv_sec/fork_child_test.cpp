@@ -5,10 +5,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <memory>
-#include <vector>
 #include <thread>
+#include <vector>
 
 #include "cancellable_thread.h"
 #include "child_process.h"
@@ -35,66 +34,41 @@ int use_library(qvtest::TestMpm &mpm) {
     sec_token_t token = nullptr;
     if (sec_start(&st, 0, &token) != 0 || token == nullptr) return 10;
     if (mpm.calls(QVTEST_MPM_START) != starts + 1) return 11;
-    if (sec_end(&st, 0, token) != 0) return 12;
-    return 0;
+    return sec_end(&st, 0, token) == 0 ? 0 : 12;
 }
 
-// Holds a mutex of the library for a while from another thread.
-void hold_for_a_while(pthread_mutex_t *m, std::atomic<bool> &held) {
-    pthread_mutex_lock(m);
-    held = true;
-    std::this_thread::sleep_for(300ms);
-    pthread_mutex_unlock(m);
-}
-
+// Another thread holds the library's state lock, or is loading the module
+// (its mpm_init blocks, so the entry is write-locked) when the process
+// forks: the child loads the module again and uses the library.
 TEST_F(ForkChild, ChildUsesTheLibraryWhateverAnotherThreadHeld) {
     configure(line(1, "qvtest", 0x301, qvtest::kTestMpm));
-    struct Row {
-        const char *name;
-        // Makes another thread hold something of the library; returns once it
-        // does.
-        std::function<std::unique_ptr<CancellableThread>()> hold;
-        // Run in the child before it uses the library.
-        std::function<void()> in_child;
-    };
-    std::atomic<bool> held{false};
-    const Row rows[] = {
-        {"the state lock",
-         [&] {
-             held = false;
-             auto t = std::make_unique<CancellableThread>([&] { hold_for_a_while(&SEC_STATE.lock, held); });
-             EXPECT_TRUE(qvtest::wait_until([&] { return held.load(); }));
-             return t;
-         },
-         nullptr},
-        // The module's load is under way in another thread (its mpm_init
-        // blocks): the entry is write-locked. The child loads it again.
-        {"a module load",
-         [&] {
-             mpm_.behaviour(QVTEST_MPM_INIT).block = 1;
-             auto t = std::make_unique<CancellableThread>([] {
-                 sec_status_desc st{};
-                 sec_token_t token = nullptr;
-                 sec_start(&st, 0, &token);
-                 sec_end(&st, 0, token);
-             });
-             EXPECT_TRUE(qvtest::wait_until([&] { return mpm_.blocked() == 1; }));
-             return t;
-         },
-         [&] { mpm_.behaviour(QVTEST_MPM_INIT).block = 0; }},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
-        auto holder = row.hold();
+    for (bool loading : {false, true}) {
+        SCOPED_TRACE(loading ? "a module load" : "the state lock");
+        std::atomic<bool> held{false};
+        mpm_.behaviour(QVTEST_MPM_INIT).block = loading;
+        CancellableThread holder([&] {
+            if (loading) {
+                sec_status_desc st{};
+                sec_token_t token = nullptr;
+                sec_start(&st, 0, &token);
+                sec_end(&st, 0, token);
+                return;
+            }
+            pthread_mutex_lock(&SEC_STATE.lock);
+            held = true;
+            std::this_thread::sleep_for(300ms);
+            pthread_mutex_unlock(&SEC_STATE.lock);
+        });
+        EXPECT_TRUE(qvtest::wait_until([&] { return loading ? mpm_.blocked() == 1 : held.load(); }));
         int rc = qvtest::run_in_child(
             [&] {
-                if (row.in_child) row.in_child();
+                mpm_.behaviour(QVTEST_MPM_INIT).block = 0;
                 return use_library(mpm_);
             },
             5s);
         EXPECT_EQ(rc, 0);
         mpm_.release();
-        EXPECT_TRUE(holder->join());
+        EXPECT_TRUE(holder.join());
         mpm_.reset();
     }
 }

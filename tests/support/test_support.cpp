@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include <unistd.h>
+
 namespace qvtest {
 
 namespace {
@@ -103,6 +105,15 @@ std::vector<VectorBlock> read_vectors(const std::string &rel) {
     }
     if (!cur.empty()) blocks.push_back(std::move(cur));
     return blocks;
+}
+
+std::string trace_file_of_process(const std::string &name) {
+    static std::string path;  // read by the exit handler
+    path = "/tmp/qvtest-" + name + "-" + std::to_string(getpid());
+    unlink(path.c_str());
+    setenv("QV_TRACE_FILE", path.c_str(), 1);
+    atexit([] { unlink(path.c_str()); });
+    return path;
 }
 
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout) {

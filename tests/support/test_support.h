@@ -41,6 +41,11 @@ inline std::string to_hex(const std::vector<uint8_t> &v) { return to_hex(v.data(
 using VectorBlock = std::map<std::string, std::string>;
 std::vector<VectorBlock> read_vectors(const std::string &path_under_tests_vectors);
 
+// Points QV_TRACE_FILE at a file of this process (/tmp/qvtest-NAME-PID),
+// removed at exit, and returns its path. The trace library chooses its file
+// at the first record, so a program calls this from a static initializer.
+std::string trace_file_of_process(const std::string &name);
+
 // Polls pred every millisecond until it holds or the timeout passes.
 bool wait_until(const std::function<bool()> &pred,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
