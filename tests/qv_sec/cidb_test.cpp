@@ -1,9 +1,6 @@
-// CIDBs and the UTF-8 conversion of the names they carry: the bytes written
-// for each shape against buffers built by hand from the layout, the reader's
-// verdict on broken buffers (every cut and every bent length field is
-// refused or read within bounds), and the conversions in locales of three
-// kinds, each in a process of its own since the conversion handles are made
-// once per process.
+// CIDBs: the bytes written for each shape against buffers built by hand from
+// the layout, and the reader's verdict on broken buffers (every cut and every
+// bent length field is refused or read within bounds).
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -12,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "child_process.h"
 #include "context_test_harness.h"
 #include "current_error.h"
 #include "test_support.h"
@@ -216,74 +212,6 @@ TEST_F(Cidb, EveryCutAndBentLengthIsRefusedOrReadInBounds) {
             EXPECT_TRUE(d->rc == 0 || d->rc == SEC_S_BAD_BUFFER) << "field at " << at << " = " << v << ": " << d->rc;
             if (d->rc != 0) expect_identity(d->ps, {});
         }
-    }
-}
-
-// Conversions in one locale; run by ConversionsInEachLocale in a process of
-// its own (QVTEST_LOCALE names the locale), skipped otherwise.
-TEST(Utf8InLocale, Child) {
-    const char *locale = getenv("QVTEST_LOCALE");
-    if (locale == nullptr) GTEST_SKIP() << "run by Utf8Conversion.ConversionsInEachLocale";
-    ASSERT_NE(setlocale(LC_ALL, locale), nullptr) << locale;
-    const std::string kind = getenv("QVTEST_KIND");
-    struct Row {
-        const char *kind;
-        bool to_utf8;
-        std::string in;
-        qv_int32_t rc;
-        std::string out;
-    } rows[] = {
-        {"utf8", true, std::string("abc", 4), 0, std::string("abc", 4)},
-        {"utf8", false, std::string("caf\xc3\xa9", 6), 0, std::string("caf\xc3\xa9", 6)},
-        {"utf8", false, std::string("\xff", 2), SEC_S_CODESET, ""},
-        {"latin1", true, std::string("abc", 4), 0, std::string("abc", 4)},
-        {"latin1", true, std::string("caf\xe9", 5), 0, std::string("caf\xc3\xa9", 6)},
-        {"latin1", false, std::string("caf\xc3\xa9", 6), 0, std::string("caf\xe9", 5)},
-        {"latin1", false, std::string("\xe2\x82\xac", 4), SEC_S_CODESET, ""},  // no euro sign in Latin-1
-        // A code set without a converter: every conversion, every time.
-        {"none", true, std::string("abc", 4), SEC_S_CODESET, ""},
-        {"none", false, std::string("abc", 4), SEC_S_CODESET, ""},
-        {"none", true, std::string("abc", 4), SEC_S_CODESET, ""},
-        {"none", false, std::string("abc", 4), SEC_S_CODESET, ""},
-    };
-    for (const Row &row : rows) {
-        if (kind != row.kind) continue;
-        SCOPED_TRACE(std::string(row.kind) + (row.to_utf8 ? " to " : " from ") + qvtest::to_hex(Bytes(row.in.begin(), row.in.end())));
-        std::string in = row.in;
-        size_t in_len = in.size(), out_len = 99;
-        char *out = reinterpret_cast<char *>(1);
-        cu_set_no_error_1();
-        qv_int32_t rc = row.to_utf8 ? sec__convert_to_utf8(in.data(), &in_len, &out, &out_len)
-                                    : sec__convert_from_utf8(in.data(), &in_len, &out, &out_len);
-        EXPECT_EQ(rc, row.rc);
-        if (rc == 0) {
-            EXPECT_EQ(std::string(out, out_len), row.out);
-        } else {
-            EXPECT_EQ(out, nullptr);
-            EXPECT_EQ(out_len, 0u);
-            EXPECT_EQ(qvtest::current_error().msg_num, MSG_2650_079);
-        }
-        free(out);
-    }
-}
-
-TEST(Utf8Conversion, ConversionsInEachLocale) {
-    qvtest::TempDir dir;
-    const std::string localedef = "/usr/bin/localedef";
-    // A Latin-1 locale, and one whose code set has no converter, built here
-    // so the test does not depend on what the host has installed.
-    for (auto [name, charmap] : {std::pair{"qvtest_latin1", "ISO-8859-1"}, std::pair{"qvtest_nocvt", "BS_VIEWDATA"}}) {
-        auto r = qvtest::run_tool(localedef, {"--no-warnings=ascii", "-i", "en_US", "-f", charmap,
-                                              dir.path() + "/" + name});
-        if (r.status != 0 && r.status != 1) GTEST_SKIP() << "localedef: " << r.err;
-    }
-    for (auto [locale, kind] : {std::pair{"C.UTF-8", "utf8"}, std::pair{"qvtest_latin1", "latin1"},
-                                std::pair{"qvtest_nocvt", "none"}}) {
-        SCOPED_TRACE(locale);
-        auto r = qvtest::run_tool(qvtest::self_exe(), {"--gtest_filter=Utf8InLocale.Child"},
-                                  {{"LOCPATH", dir.path()}, {"QVTEST_LOCALE", locale}, {"QVTEST_KIND", kind}});
-        EXPECT_EQ(r.status, 0) << r.out << r.err;
-        EXPECT_EQ(r.out.find("[  SKIPPED ]"), std::string::npos) << r.out;
     }
 }
 

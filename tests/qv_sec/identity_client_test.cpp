@@ -222,3 +222,126 @@ TEST_F(ClientIdentity, ReleaseRoutines) {
 }
 
 }  // namespace
+
+namespace {
+
+// Argument and state checks of sec_get_client_groups and its size protocol,
+// on an identity context's privilege set.
+TEST_F(ClientIdentity, ClientGroups) {
+    char g1[] = "g1", g2[] = "staff";
+    sec_buffer_desc two[] = {{3, g1}, {7, g2}}, gap[] = {{3, g1}, {0, nullptr}, {7, g2}};
+    enum Context { kToken, kNull, kSecurity, kNoMagic, kUnmapped };
+    struct Row {
+        const char *what;
+        Context ctx;
+        bool buffer, count, groups;
+        qv_int32_t count_in;
+        sec_buffer_t set;
+        int gcount;
+        qv_int32_t rc;
+        int msg;
+        qv_int32_t count_out;  // -1: left alone
+        const char *text;      // in the message
+    } rows[] = {
+        {"context NULL", kNull, true, true, true, 64, two, 2, 4, MSG_2650_060, 64, "number: 1\n"},
+        {"count NULL", kToken, true, false, true, 64, two, 2, 4, MSG_2650_060, -1, "number: 3\n"},
+        {"count negative", kToken, true, true, true, -1, two, 2, 4, MSG_2650_060, -1, "number: 3\n"},
+        {"groups NULL", kToken, true, true, false, 64, two, 2, 4, MSG_2650_060, 64, "number: 4\n"},
+        {"bad magic", kNoMagic, true, true, true, 64, two, 2, 5, MSG_2650_061, 64, ""},
+        {"security context", kSecurity, true, true, true, 64, two, 2, 5, MSG_2650_063, 64, ""},
+        {"no privilege set", kUnmapped, true, true, true, 64, two, 2, 40, MSG_2650_065, 0, ""},
+        {"buffer NULL", kToken, false, true, true, 16, two, 2, 4, MSG_2650_060, 16, "number: 2\n"},
+        {"one byte short", kToken, true, true, true, 31, two, 2, 6, MSG_2650_064, 32, "provide 32 bytes"},
+        {"exact size", kToken, true, true, true, 32, two, 2, 0, -1, 2, ""},
+        {"no groups, no memory offered", kToken, false, true, true, 0, nullptr, 0, 6, MSG_2650_064, 0, ""},
+        {"no groups", kToken, true, true, true, 16, nullptr, 0, 0, -1, 0, ""},
+        {"a group without a name is skipped", kToken, true, true, true, 48, gap, 3, 0, -1, 2, ""},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        sec_ctx_token_desc t = token_;
+        t.state = kIdentity | (row.ctx == kUnmapped ? 0 : SEC_CTX_S_MAPPED);
+        if (row.ctx == kSecurity) t.state = kEstablished;
+        if (row.ctx == kNoMagic) t.magic = SEC_SVC_TOKEN_MAGIC;
+        t.privset.gcount = row.gcount;
+        t.privset.groups = row.set;
+        sec_buffer_desc buf[4];
+        std::memset(buf, 0x5a, sizeof buf);
+        qv_int32_t count = row.count_in;
+        sec_buffer_t groups = buf + 3;
+        cu_set_no_error_1();
+        EXPECT_EQ(sec_get_client_groups(row.ctx == kNull ? nullptr : &t, row.buffer ? reinterpret_cast<char *>(buf) : nullptr,
+                                        row.count ? &count : nullptr, row.groups ? &groups : nullptr),
+                  row.rc);
+        EXPECT_EQ(last_message(), row.msg);
+        EXPECT_NE(last_error_text().find(row.text), std::string::npos) << last_error_text();
+        EXPECT_EQ(count, row.count_out >= 0 ? row.count_out : row.count_in);
+        // *groups is cleared once the token has passed its checks.
+        const bool checked = row.rc == 0 || row.rc == 40 || row.rc == 6 || !std::strcmp(row.text, "number: 2\n");
+        EXPECT_EQ(groups, row.rc == 0 ? buf : checked ? nullptr : buf + 3);
+        for (qv_int32_t i = 0; row.rc == 0 && i < count; ++i) {
+            EXPECT_STREQ(static_cast<char *>(buf[i].value), i == 0 ? "g1" : "staff");
+            EXPECT_NE(buf[i].value, i == 0 ? g1 : g2);  // a copy
+            EXPECT_EQ(buf[i].length, i == 0 ? 3 : 7);
+            free(buf[i].value);
+        }
+    }
+}
+
+// sec_user_valid: checks, then the module's answer passed through.
+TEST_F(ClientIdentity, UserValid) {
+    char alice[] = "alice", empty[] = "";
+    enum Context { kToken, kNull, kSecurity, kNoMagic, kUnauthenticated, kNoModule };
+    struct Row {
+        const char *what;
+        bool st;
+        Context ctx;
+        char *user;
+        qv_uint32_t maj;  // the module's answer
+        qv_int32_t rc;
+        int msg;
+        const char *text;
+    } rows[] = {
+        {"status NULL", false, kToken, alice, 0, 4, MSG_2650_060, "number: 1\n"},
+        {"context NULL", true, kNull, alice, 0, 4, MSG_2650_060, "number: 2\n"},
+        {"user NULL", true, kToken, nullptr, 0, 4, MSG_2650_060, "number: 3\n"},
+        {"user empty", true, kToken, empty, 0, 4, MSG_2650_060, "number: 3\n"},
+        {"bad magic", true, kNoMagic, alice, 0, 5, MSG_2650_061, ""},
+        {"security context", true, kSecurity, alice, 0, 5, MSG_2650_063, ""},
+        {"unauthenticated", true, kUnauthenticated, alice, 0, 12, MSG_2650_022, ""},
+        {"no module", true, kNoModule, alice, 0, 23, MSG_2650_023, ""},
+        {"valid", true, kToken, alice, 0, 0, -1, ""},
+        {"not valid for this client", true, kToken, alice, 36, 36, -1, ""},
+        {"module fails", true, kToken, alice, 9, 3, -1, ""},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        mpm_.reset();
+        mpm_.behaviour(QVTEST_MPM_USER_VALID).maj_stat = row.maj;
+        mpm_.behaviour(QVTEST_MPM_USER_VALID).min_stat = 0x44;
+        sec_ctx_token_desc t = token_;
+        t.state = kIdentity;
+        if (row.ctx == kSecurity) t.state = kEstablished;
+        if (row.ctx == kNoMagic) t.magic = SEC_SVC_TOKEN_MAGIC;
+        if (row.ctx == kUnauthenticated) t.state &= ~SEC_CTX_S_AUTHENTICATED;
+        if (row.ctx == kNoModule) t.mdata.mpm = nullptr;
+        sec_status_desc st;
+        std::memset(&st, 0x5a, sizeof st);
+        cu_set_no_error_1();
+        EXPECT_EQ(sec_user_valid(row.st ? &st : nullptr, row.ctx == kNull ? nullptr : &t, row.user), row.rc);
+        EXPECT_EQ(last_message(), row.msg);
+        EXPECT_NE(last_error_text().find(row.text), std::string::npos) << last_error_text();
+        const bool asked = row.rc == 0 || row.msg == -1;
+        EXPECT_EQ(mpm_.calls(QVTEST_MPM_USER_VALID), asked ? 1u : 0u);
+        if (!row.st) continue;
+        EXPECT_EQ(st.maj_stat, row.maj);
+        EXPECT_STREQ(st.desc, row.maj != 0 ? "mpm_user_valid" : "");
+        EXPECT_EQ(st.mech_code, row.maj != 0 ? kCode : 0u);
+        if (asked) {
+            EXPECT_STREQ(mpm_.record(QVTEST_MPM_USER_VALID).str[0], "alice");
+            EXPECT_EQ(mpm_.record(QVTEST_MPM_USER_VALID).args[0], reinterpret_cast<uintptr_t>(t.mdata.mtoken));
+        }
+    }
+}
+
+}  // namespace
