@@ -20,6 +20,17 @@ char *const kStale = reinterpret_cast<char *>(0x10);
 
 class ClientIdentity : public qvtest::HandBuiltContextFixture {
 protected:
+    enum Kind { kGood, kNull, kSecurity, kNoMagic, kUnmapped, kUnauthenticated, kNoModule };
+    // A context of the given kind, made from token_: an identity context but
+    // for kSecurity.
+    sec_ctx_token_desc context(Kind k) const {
+        sec_ctx_token_desc t = token_;
+        t.state = k == kSecurity ? kEstablished : kIdentity | (k == kUnmapped ? 0 : SEC_CTX_S_MAPPED);
+        if (k == kNoMagic) t.magic = SEC_SVC_TOKEN_MAGIC;
+        if (k == kUnauthenticated) t.state &= ~SEC_CTX_S_AUTHENTICATED;
+        if (k == kNoModule) t.mdata.mpm = nullptr;
+        return t;
+    }
     unsigned long module_calls() const {
         return mpm_.calls(QVTEST_MPM_GET_CLIENT_NAME) + mpm_.calls(QVTEST_MPM_GET_MAPPED_NAME) +
                mpm_.calls(QVTEST_MPM_GET_CLIENT_ID);
@@ -92,17 +103,22 @@ TEST_F(ClientIdentity, FailuresUndoEveryOutput) {
         {"mapped name needs more, twice", QVTEST_MPM_GET_MAPPED_NAME, 6, -1, 3, -1, "mpm_get_mapped_name"},
         {"empty client name", QVTEST_MPM_GET_CLIENT_NAME, 0, 0, 22, MSG_2650_067, ""},
         {"empty client id", QVTEST_MPM_GET_CLIENT_ID, 0, 0, 22, MSG_2650_068, ""},
+        // An authenticated security context always names its module.
+        {"no module", -1, 0, -1, 23, MSG_2650_068, ""},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         mpm_.reset();
-        mpm_.behaviour(c.routine).maj_stat = c.maj;
-        mpm_.behaviour(c.routine).min_stat = 0x33;
-        mpm_.behaviour(c.routine).name_len = c.name_len;
+        sec_ctx_token_desc t = token_;
+        if (c.routine < 0) t.mdata.mpm = nullptr;
+        qvtest_mpm_behaviour_t &b = mpm_.behaviour(c.routine < 0 ? QVTEST_MPM_GET_CLIENT_NAME : c.routine);
+        b.maj_stat = c.maj;
+        b.min_stat = 0x33;
+        b.name_len = c.name_len;
         sec_status_desc st{};
         Outputs o;
         cu_set_no_error_1();
-        EXPECT_EQ(sec_get_client_identity(&st, &token_, &o.name, &o.mname, &o.id), c.rc);
+        EXPECT_EQ(sec_get_client_identity(&st, &t, &o.name, &o.mname, &o.id), c.rc);
         o.expect_empty();
         EXPECT_EQ(st.maj_stat, c.maj);
         EXPECT_STREQ(st.desc, c.desc);
@@ -144,17 +160,6 @@ TEST_F(ClientIdentity, LongestFirstAnswerAndUnterminatedName) {
     EXPECT_EQ(std::string(static_cast<char *>(o.id.value) + 6, 256), id);
 }
 
-TEST_F(ClientIdentity, AuthenticatedContextWithoutModuleIsDamaged) {
-    sec_ctx_token_desc t = token_;
-    t.mdata.mpm = nullptr;
-    sec_status_desc st{};
-    Outputs o;
-    EXPECT_EQ(sec_get_client_identity(&st, &t, nullptr, &o.mname, nullptr), 23);
-    EXPECT_EQ(last_message(), MSG_2650_068);
-    EXPECT_EQ(o.mname, nullptr);
-    EXPECT_EQ(sec_get_client_identity(&st, &t, nullptr, nullptr, nullptr), 0);  // nothing asked
-}
-
 // Identity contexts answer from their privilege set and never ask the module.
 TEST_F(ClientIdentity, IdentityContexts) {
     char name[] = "dave@realm", mname[] = "dave";
@@ -170,42 +175,26 @@ TEST_F(ClientIdentity, IdentityContexts) {
         {"mapped", kIdentity | SEC_CTX_S_MAPPED, mname, false, 0, -1, "dave@realm", "dave"},
         {"mapped without a name", kIdentity | SEC_CTX_S_MAPPED, nullptr, false, 0, -1, "dave@realm", nullptr},
         {"not mapped", kIdentity, mname, false, 0, -1, "dave@realm", nullptr},
+        {"network name lost", kIdentity, mname, false, 23, MSG_2650_072, nullptr, nullptr},
         {"typed id asked", kIdentity | SEC_CTX_S_MAPPED, mname, true, 5, MSG_2650_082, nullptr, nullptr},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         sec_ctx_token_desc t = token_;
         t.state = c.state;
-        t.privset.name = name;
+        t.privset.name = c.rc == 23 ? nullptr : name;
         t.privset.mname = c.mname_in;
         sec_status_desc st{};
         Outputs o;
         cu_set_no_error_1();
         EXPECT_EQ(sec_get_client_identity(&st, &t, &o.name, &o.mname, c.ask_id ? &o.id : nullptr), c.rc);
         EXPECT_EQ(last_message(), c.msg);
-        if (c.name_out) {
-            EXPECT_STREQ(o.name, c.name_out);
-            EXPECT_NE(o.name, name);  // a copy
-        } else {
-            EXPECT_EQ(o.name, nullptr);
-        }
-        if (c.mname_out) {
-            EXPECT_STREQ(o.mname, c.mname_out);
-        } else {
-            EXPECT_EQ(o.mname, nullptr);
-        }
+        EXPECT_STREQ(o.name, c.name_out);
+        EXPECT_STREQ(o.mname, c.mname_out);
+        EXPECT_NE(o.name, name);  // a copy
         if (c.ask_id) o.expect_empty();
     }
     EXPECT_EQ(module_calls(), 0u);
-
-    // An identity context that lost its network name is damaged.
-    sec_ctx_token_desc t = token_;
-    t.state = kIdentity;
-    sec_status_desc st{};
-    Outputs o;
-    EXPECT_EQ(sec_get_client_identity(&st, &t, &o.name, nullptr, nullptr), 23);
-    EXPECT_EQ(last_message(), MSG_2650_072);
-    EXPECT_EQ(o.name, nullptr);
 }
 
 TEST_F(ClientIdentity, ReleaseRoutines) {
@@ -221,19 +210,15 @@ TEST_F(ClientIdentity, ReleaseRoutines) {
     EXPECT_EQ(b.value, nullptr);
 }
 
-}  // namespace
-
-namespace {
 
 // Argument and state checks of sec_get_client_groups and its size protocol,
 // on an identity context's privilege set.
 TEST_F(ClientIdentity, ClientGroups) {
     char g1[] = "g1", g2[] = "staff";
     sec_buffer_desc two[] = {{3, g1}, {7, g2}}, gap[] = {{3, g1}, {0, nullptr}, {7, g2}};
-    enum Context { kToken, kNull, kSecurity, kNoMagic, kUnmapped };
     struct Row {
         const char *what;
-        Context ctx;
+        Kind ctx;
         bool buffer, count, groups;
         qv_int32_t count_in;
         sec_buffer_t set;
@@ -244,25 +229,22 @@ TEST_F(ClientIdentity, ClientGroups) {
         const char *text;      // in the message
     } rows[] = {
         {"context NULL", kNull, true, true, true, 64, two, 2, 4, MSG_2650_060, 64, "number: 1\n"},
-        {"count NULL", kToken, true, false, true, 64, two, 2, 4, MSG_2650_060, -1, "number: 3\n"},
-        {"count negative", kToken, true, true, true, -1, two, 2, 4, MSG_2650_060, -1, "number: 3\n"},
-        {"groups NULL", kToken, true, true, false, 64, two, 2, 4, MSG_2650_060, 64, "number: 4\n"},
+        {"count NULL", kGood, true, false, true, 64, two, 2, 4, MSG_2650_060, -1, "number: 3\n"},
+        {"count negative", kGood, true, true, true, -1, two, 2, 4, MSG_2650_060, -1, "number: 3\n"},
+        {"groups NULL", kGood, true, true, false, 64, two, 2, 4, MSG_2650_060, 64, "number: 4\n"},
         {"bad magic", kNoMagic, true, true, true, 64, two, 2, 5, MSG_2650_061, 64, ""},
         {"security context", kSecurity, true, true, true, 64, two, 2, 5, MSG_2650_063, 64, ""},
         {"no privilege set", kUnmapped, true, true, true, 64, two, 2, 40, MSG_2650_065, 0, ""},
-        {"buffer NULL", kToken, false, true, true, 16, two, 2, 4, MSG_2650_060, 16, "number: 2\n"},
-        {"one byte short", kToken, true, true, true, 31, two, 2, 6, MSG_2650_064, 32, "provide 32 bytes"},
-        {"exact size", kToken, true, true, true, 32, two, 2, 0, -1, 2, ""},
-        {"no groups, no memory offered", kToken, false, true, true, 0, nullptr, 0, 6, MSG_2650_064, 0, ""},
-        {"no groups", kToken, true, true, true, 16, nullptr, 0, 0, -1, 0, ""},
-        {"a group without a name is skipped", kToken, true, true, true, 48, gap, 3, 0, -1, 2, ""},
+        {"buffer NULL", kGood, false, true, true, 16, two, 2, 4, MSG_2650_060, 16, "number: 2\n"},
+        {"one byte short", kGood, true, true, true, 31, two, 2, 6, MSG_2650_064, 32, "provide 32 bytes"},
+        {"exact size", kGood, true, true, true, 32, two, 2, 0, -1, 2, ""},
+        {"no groups, no memory offered", kGood, false, true, true, 0, nullptr, 0, 6, MSG_2650_064, 0, ""},
+        {"no groups", kGood, true, true, true, 16, nullptr, 0, 0, -1, 0, ""},
+        {"a group without a name is skipped", kGood, true, true, true, 48, gap, 3, 0, -1, 2, ""},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.what);
-        sec_ctx_token_desc t = token_;
-        t.state = kIdentity | (row.ctx == kUnmapped ? 0 : SEC_CTX_S_MAPPED);
-        if (row.ctx == kSecurity) t.state = kEstablished;
-        if (row.ctx == kNoMagic) t.magic = SEC_SVC_TOKEN_MAGIC;
+        sec_ctx_token_desc t = context(row.ctx);
         t.privset.gcount = row.gcount;
         t.privset.groups = row.set;
         sec_buffer_desc buf[4];
@@ -291,40 +273,34 @@ TEST_F(ClientIdentity, ClientGroups) {
 // sec_user_valid: checks, then the module's answer passed through.
 TEST_F(ClientIdentity, UserValid) {
     char alice[] = "alice", empty[] = "";
-    enum Context { kToken, kNull, kSecurity, kNoMagic, kUnauthenticated, kNoModule };
     struct Row {
         const char *what;
         bool st;
-        Context ctx;
+        Kind ctx;
         char *user;
         qv_uint32_t maj;  // the module's answer
         qv_int32_t rc;
         int msg;
         const char *text;
     } rows[] = {
-        {"status NULL", false, kToken, alice, 0, 4, MSG_2650_060, "number: 1\n"},
+        {"status NULL", false, kGood, alice, 0, 4, MSG_2650_060, "number: 1\n"},
         {"context NULL", true, kNull, alice, 0, 4, MSG_2650_060, "number: 2\n"},
-        {"user NULL", true, kToken, nullptr, 0, 4, MSG_2650_060, "number: 3\n"},
-        {"user empty", true, kToken, empty, 0, 4, MSG_2650_060, "number: 3\n"},
+        {"user NULL", true, kGood, nullptr, 0, 4, MSG_2650_060, "number: 3\n"},
+        {"user empty", true, kGood, empty, 0, 4, MSG_2650_060, "number: 3\n"},
         {"bad magic", true, kNoMagic, alice, 0, 5, MSG_2650_061, ""},
         {"security context", true, kSecurity, alice, 0, 5, MSG_2650_063, ""},
         {"unauthenticated", true, kUnauthenticated, alice, 0, 12, MSG_2650_022, ""},
         {"no module", true, kNoModule, alice, 0, 23, MSG_2650_023, ""},
-        {"valid", true, kToken, alice, 0, 0, -1, ""},
-        {"not valid for this client", true, kToken, alice, 36, 36, -1, ""},
-        {"module fails", true, kToken, alice, 9, 3, -1, ""},
+        {"valid", true, kGood, alice, 0, 0, -1, ""},
+        {"not valid for this client", true, kGood, alice, 36, 36, -1, ""},
+        {"module fails", true, kGood, alice, 9, 3, -1, ""},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.what);
         mpm_.reset();
         mpm_.behaviour(QVTEST_MPM_USER_VALID).maj_stat = row.maj;
         mpm_.behaviour(QVTEST_MPM_USER_VALID).min_stat = 0x44;
-        sec_ctx_token_desc t = token_;
-        t.state = kIdentity;
-        if (row.ctx == kSecurity) t.state = kEstablished;
-        if (row.ctx == kNoMagic) t.magic = SEC_SVC_TOKEN_MAGIC;
-        if (row.ctx == kUnauthenticated) t.state &= ~SEC_CTX_S_AUTHENTICATED;
-        if (row.ctx == kNoModule) t.mdata.mpm = nullptr;
+        sec_ctx_token_desc t = context(row.ctx);
         sec_status_desc st;
         std::memset(&st, 0x5a, sizeof st);
         cu_set_no_error_1();

@@ -138,6 +138,13 @@ TEST(IdentityEndToEndChild, FromBytes) {
             EXPECT_EQ(count, 0);
             EXPECT_EQ(groups, nullptr);
         }
+        // Back to a CIDB: the same bytes, but for the host-local bit that an
+        // identity context cannot vouch for.
+        qvtest::SecBuffer again;
+        ASSERT_EQ(sec_create_cidb(&st, SEC_F_CIDB_MAPPING | SEC_F_CIDB_HOST_LOCAL, id, again.get()), 0);
+        if (row.file == 3) {
+            EXPECT_EQ(qvtest::to_hex(again.bytes()), qvtest::to_hex(cidb.bytes).replace(33, 1, "2"));
+        }
         std::string me = user_name(), nobody = "qv-no-such-user";
         EXPECT_EQ(sec_user_valid(&st, id, me.data()), 0);
         EXPECT_EQ(sec_user_valid(&st, id, nobody.data()), SEC_S_USER_NOT_VALID);
