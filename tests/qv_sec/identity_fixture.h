@@ -1,7 +1,5 @@
-// Fixtures of the identity tests: a completed, authenticated server-side
-// context token built by hand around a test module's context handle, and a
-// bare module entry for the mapping step. Both check on teardown that the
-// module's handles and buffers were all given back.
+// What the identity tests share: CIDB bytes built by hand, a privilege set
+// in one line, and a context token built by hand around the test module.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -38,35 +36,19 @@ inline std::string privset_text(const sec_privset_info_desc &ps) {
     return s;
 }
 
-class ModuleEntryFixture : public MpmFixture {
-protected:
-    explicit ModuleEntryFixture(qv_uint32_t code) : code_(code) {}
-    void SetUp() override {
-        MpmFixture::SetUp();
-        entry_ = reserve(code_, kTestMpm);
-        handles_ = mpm_.live_handles();
-        buffers_ = mpm_.live_buffers();
-    }
-    void TearDown() override {
-        EXPECT_EQ(mpm_.live_handles(), handles_);
-        EXPECT_EQ(mpm_.live_buffers(), buffers_);
-        MpmFixture::TearDown();
-    }
-
-    TestMpm mpm_;
-    qv_uint32_t code_;
-    sec_mpm_entry_t entry_ = nullptr;
-    long handles_ = 0, buffers_ = 0;
-};
-
-class HandBuiltContextFixture : public ModuleEntryFixture {
+// A completed, authenticated server-side context token built by hand around
+// the test module's context handle; teardown checks that every module handle
+// and buffer was given back.
+class HandBuiltContextFixture : public MpmFixture {
 protected:
     static constexpr qv_uint32_t kCode = 0x00010002;
     static constexpr qv_uint32_t kEstablished = SEC_CTX_S_COMPLETE | SEC_CTX_S_SERVER | SEC_CTX_S_AUTHENTICATED;
 
-    HandBuiltContextFixture() : ModuleEntryFixture(kCode) {}
     void SetUp() override {
-        ModuleEntryFixture::SetUp();
+        MpmFixture::SetUp();
+        entry_ = reserve(kCode, kTestMpm);
+        handles_ = mpm_.live_handles();
+        buffers_ = mpm_.live_buffers();
         // The module's context handle, made as acceptance makes it.
         sec_status_desc st{};
         sec_buffer_desc in{4, const_cast<char *>("ccdb")}, out{0, nullptr};
@@ -84,8 +66,14 @@ protected:
         mpm_.release();
         sec_status_desc st{};
         EXPECT_EQ(sec__mpm_end_context(entry_, &st, token_.mdata.mtoken), 0u);
-        ModuleEntryFixture::TearDown();
+        EXPECT_EQ(mpm_.live_handles(), handles_);
+        EXPECT_EQ(mpm_.live_buffers(), buffers_);
+        MpmFixture::TearDown();
     }
+
+    TestMpm mpm_;
+    sec_mpm_entry_t entry_ = nullptr;
+    long handles_ = 0, buffers_ = 0;
 
     sec_ctx_token_desc token_{};
 };
