@@ -36,9 +36,11 @@ public:
     bool decode(Decoded &d) {
         uint8_t type = 0;
         if (!mark(r_.u8(type) && type == SEC_BUF_CIDB, "not a CIDB (type byte)")) return false;
-        if (!mark(r_.u8(d.version), "no version") || !mark(r_.u64be(d.node), "node ID cut short") ||
-            !mark(r_.u32be(d.mech), "mechanism code cut short"))
-            return false;
+        uint32_t hi = 0, lo = 0;
+        if (!mark(r_.u8(d.version), "no version")) return false;
+        if (!mark(r_.remaining() >= 8 && r_.u32be(hi) && r_.u32be(lo), "node ID cut short")) return false;
+        d.node = uint64_t{hi} << 32 | lo;
+        if (!mark(r_.u32be(d.mech), "mechanism code cut short")) return false;
         if (d.mech == 0) return true;  // the 18-byte unauthenticated form ends here
         if (!mark(r_.u32be(d.flags), "flags cut short")) return false;
         if (!mark((d.flags & SEC_CIDB_F_AUTHENTICATED) != 0, "authenticated flag missing", 4)) return false;
