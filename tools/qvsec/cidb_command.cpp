@@ -41,8 +41,11 @@ public:
         if (!mark(r_.remaining() >= 8 && r_.u32be(hi) && r_.u32be(lo), "node ID cut short")) return false;
         d.node = uint64_t{hi} << 32 | lo;
         if (!mark(r_.u32be(d.mech), "mechanism code cut short")) return false;
-        if (d.mech == 0) return true;  // the 18-byte unauthenticated form ends here
-        if (!mark(r_.u32be(d.flags), "flags cut short")) return false;
+        // Every CIDB has room for the flags, even the unauthenticated form,
+        // whose 18 bytes end with them unread.
+        if (!mark(r_.remaining() >= 4, "flags cut short")) return false;
+        if (d.mech == 0) return true;
+        r_.u32be(d.flags);
         if (!mark((d.flags & SEC_CIDB_F_AUTHENTICATED) != 0, "authenticated flag missing", 4)) return false;
         std::span<const uint8_t> reserved;
         if (!mark(r_.take(4, reserved), "reserved word cut short") || !name(d.name, 2, "network name"))
