@@ -3,7 +3,12 @@
  * each one, negotiates a mechanism, accepts its security context, says who
  * the client is, unseals its request and seals a reply.
  *
- *   qvsec-example-service [--socket PATH] [--count N]
+ *   qvsec-example-service [--socket PATH] [--count N] [--cidb FILE]
+ *
+ * With --cidb, each client's identity is also written to FILE as a CIDB
+ * (network name, mapped name and groups; the last client's replaces the
+ * one before), which `qvsec cidb show FILE` decodes and which another
+ * process can turn back into an identity context with sec_create_id_context.
  *
  * By default it listens in a directory that only its user can write
  * ($XDG_RUNTIME_DIR, /run/qvsec for root, /tmp/qvsec-<uid>): a socket in a
@@ -24,10 +29,32 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "framing.h"
+
+/* The CIDB path given with --cidb, or NULL. */
+static const char *cidb_path = NULL;
+
+/* Writes the client's identity as a CIDB to cidb_path. The file is created
+ * readable by this user only: a client's groups are nobody else's business. */
+static void write_cidb(sec_token_t ctx) {
+    sec_status_desc st;
+    sec_buffer_desc cidb = {0, NULL};
+    FILE *f;
+    qv_int32_t rc = sec_create_cidb(&st, SEC_F_CIDB_MAPPING, ctx, &cidb);
+    if (rc != 0) {
+        print_failure("sec_create_cidb", rc, &st);
+        return;
+    }
+    umask(077);
+    f = fopen(cidb_path, "wb");
+    if (f == NULL || fwrite(cidb.value, 1, (size_t)cidb.length, f) != (size_t)cidb.length) perror(cidb_path);
+    if (f != NULL && fclose(f) != 0) perror(cidb_path);
+    sec_release_buffer(&cidb);
+}
 
 static void refuse(int fd, const char *why) { send_frame(fd, FRAME_REFUSED, why, (qv_int32_t)strlen(why)); }
 
@@ -111,6 +138,7 @@ static void serve(sec_token_t stoken, int fd) {
     } else {
         printf("service: client authenticated as %s (local user %s)\n", name, mname ? mname : "-");
     }
+    if (cidb_path != NULL) write_cidb(ctx);
 
     /* 5. Unseal the request, seal the reply. */
     if (recv_frame(fd, &type, &request) == 0 && type == FRAME_DATA) {
@@ -152,10 +180,12 @@ int main(int argc, char **argv) {
     for (i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--socket") == 0 && i + 1 < argc) {
             path = argv[++i];
+        } else if (strcmp(argv[i], "--cidb") == 0 && i + 1 < argc) {
+            cidb_path = argv[++i];
         } else if (strcmp(argv[i], "--count") == 0 && i + 1 < argc) {
             count = strtol(argv[++i], NULL, 10);
         } else {
-            fprintf(stderr, "usage: qvsec-example-service [--socket PATH] [--count N]\n");
+            fprintf(stderr, "usage: qvsec-example-service [--socket PATH] [--count N] [--cidb FILE]\n");
             return 2;
         }
     }

@@ -570,6 +570,22 @@ qv_int32_t sec_create_cidb(sec_status_t st, qv_uint32_t flags, sec_token_t token
 qv_int32_t sec_create_id_context(sec_status_t st, sec_token_t stoken, qv_uint32_t flags, void *in,
                                  sec_token_t *context);
 
+/* sec_get_client_groups: copies the groups of identity context `context`
+ * into the caller's array `buffer`, whose size in bytes is *count (one
+ * sec_buffer_desc per group). On success *count is the number stored (groups
+ * without a name are skipped), *groups is buffer, and each element's value is
+ * a malloc'ed copy the caller frees. When buffer is too small, or *count is
+ * 0 (even for no groups), returns 6 (2650-064) with *count the bytes needed.
+ * Also 4, 5 (2650-061, 2650-063 for a security context), 40 (2650-065:
+ * no privilege set, *count 0) and 6 (2650-032). Takes no status record. */
+qv_int32_t sec_get_client_groups(sec_token_t context, char *buffer, qv_int32_t *count, sec_buffer_t *groups);
+
+/* sec_user_valid: asks the mechanism of identity context `context` whether
+ * the local user `username` is valid for its client: 0 yes, 36 no, 3 the
+ * module failed (both with st from the module). Also 4, 5 (2650-061,
+ * 2650-063), 12 (2650-022: unauthenticated) and 23 (2650-023). */
+qv_int32_t sec_user_valid(sec_status_t st, sec_token_t context, char *username);
+
 /* ---- Signing data vectors ----
  * An authenticated security context signs a vector of buffers through its
  * mechanism; the peer verifies the signature with its own context. The

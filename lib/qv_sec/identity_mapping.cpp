@@ -44,8 +44,8 @@ int find_user(const std::string &user, gid_t &gid) {
     }
 }
 
-// The group's name; false when the group has no entry.
-bool group_name(gid_t gid, std::string &name) {
+// The group's name: 0 found, ENOENT no entry, another errno on failure.
+int group_name(gid_t gid, std::string &name) {
     std::vector<char> buf(initial_buffer(_SC_GETGR_R_SIZE_MAX));
     for (;;) {
         group gr{};
@@ -55,23 +55,33 @@ bool group_name(gid_t gid, std::string &name) {
             buf.resize(buf.size() * 2);
             continue;
         }
-        if (err != 0 || found == nullptr || gr.gr_name == nullptr) return false;
+        if (err != 0) return err;
+        if (found == nullptr || gr.gr_name == nullptr) return ENOENT;
         name = gr.gr_name;
-        return true;
+        return 0;
     }
 }
 
-std::vector<gid_t> group_ids(const std::string &user, gid_t primary) {
-    std::vector<gid_t> ids(32);
+// The user's group ids; false when the list cannot be had. getgrouplist
+// fails without saying why: when it does not ask for more room than it was
+// given, it ran out of memory, and trying again with more would not help.
+bool group_ids(const std::string &user, gid_t primary, std::vector<gid_t> &ids) {
+    ids.resize(32);
     for (;;) {
         int n = static_cast<int>(ids.size());
         if (getgrouplist(user.c_str(), primary, ids.data(), &n) >= 0) {
             ids.resize(static_cast<size_t>(n));
-            return ids;
+            return true;
         }
-        // n now holds the number needed.
-        ids.resize(static_cast<size_t>(n) > ids.size() ? static_cast<size_t>(n) : ids.size() * 2);
+        if (n <= static_cast<int>(ids.size())) return false;
+        ids.resize(static_cast<size_t>(n));
     }
+}
+
+// A failed lookup: no memory is code 6 like every other allocation failure.
+int lookup_failure(const char *what, int err) {
+    if (err == ENOMEM) return sec_report(SEC_S_NO_MEMORY, MSG_2650_004);
+    return sec_report(SEC_S_INTERNAL, MSG_2650_034, what, err, kRoutine);
 }
 
 void free_groups(sec_buffer_t groups, size_t count) {
@@ -97,14 +107,20 @@ int get_groups(sec_buffer_t mapped_name, int *gcount, sec_buffer_t *groups) {
     // A mapped name with no local account has no groups: nothing to grant,
     // and not a reason to refuse the client's identity altogether.
     if (err == ENOENT || err == ESRCH || err == EBADF || err == EPERM) return 0;
-    if (err != 0) return sec_report(SEC_S_INTERNAL, MSG_2650_034, "getpwnam_r", err, kRoutine);
+    if (err != 0) return lookup_failure("getpwnam_r", err);
 
+    std::vector<gid_t> ids;
+    if (!group_ids(user, primary, ids)) return lookup_failure("getgrouplist", ENOMEM);
     // Groups without an entry in the group database have no name to match
-    // an access control entry with, and are left out.
+    // an access control entry with, and are left out. A lookup that failed
+    // fails the call: a shorter list would drop the groups an entry denies.
     std::vector<std::string> names;
-    for (gid_t gid : group_ids(user, primary)) {
+    for (gid_t gid : ids) {
         std::string name;
-        if (group_name(gid, name)) names.push_back(std::move(name));
+        err = group_name(gid, name);
+        if (err == ENOENT) continue;
+        if (err != 0) return lookup_failure("getgrgid_r", err);
+        names.push_back(std::move(name));
     }
     if (names.empty()) return 0;
 

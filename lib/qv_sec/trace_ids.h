@@ -43,6 +43,8 @@ inline constexpr sec_trace_ids kTraceSignDataV = trace_ids_block(130);
 inline constexpr sec_trace_ids kTraceVerifyDataV = trace_ids_block(135);
 inline constexpr sec_trace_ids kTraceCreateCidb = trace_ids_block(150);
 inline constexpr sec_trace_ids kTraceCreateIdContext = trace_ids_block(155);
+inline constexpr sec_trace_ids kTraceGetClientGroups = trace_ids_block(140);
+inline constexpr sec_trace_ids kTraceUserValid = trace_ids_block(145);
 // The privilege set an identity context was given (strings: name, mapped
 // name, group count, group names).
 inline constexpr qv_uint32_t kTracePrivset = 160;

@@ -20,7 +20,7 @@ mkdir -m 700 "$work/run"
 export XDG_RUNTIME_DIR="$work/run"
 user=$(id -un)
 
-"$service" --count 3 > "$work/service.out" 2>&1 &
+"$service" --count 3 --cidb "$work/client.cidb" > "$work/service.out" 2>&1 &
 pid=$!
 wait_socket "$work/run/qvsec-example.sock"
 
@@ -44,6 +44,7 @@ wait "$pid" || true
 pid=""
 grep -q "client authenticated as $user@" "$work/service.out" || fail "service: $(cat "$work/service.out")"
 grep -q 'request: ping 42' "$work/service.out" || fail "service: $(cat "$work/service.out")"
+[ "$(od -An -tx1 -N1 "$work/client.cidb" | tr -d ' ')" = 87 ] || fail "the service wrote no CIDB"
 grep -q 'request: secret' "$work/service.out" && fail "the unexpected service got the request"
 
 # A directory others can write is no place for the service's socket.

@@ -5,7 +5,9 @@
 // next call can rely on.
 #include <gtest/gtest.h>
 
+#include <pwd.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <functional>
@@ -26,6 +28,7 @@ protected:
         sec_buffer_desc bufs[4] = {};
         sec_privset_info_desc ps = {};
         sec_token_t ids[2] = {};
+        sec_buffer_desc groups[2] = {};
     };
     void end_made() {
         sec_status_desc st{};
@@ -33,6 +36,7 @@ protected:
             EXPECT_EQ(sec_end_context(&st, t, nullptr), 0);
         EXPECT_EQ(sec_end(&st, 0, made_.svc), 0);
         for (sec_buffer_desc &b : made_.bufs) free(b.value);
+        for (sec_buffer_desc &b : made_.groups) free(b.value);
         sec__free_privset_info(&made_.ps);
         made_ = Made{};
     }
@@ -60,6 +64,7 @@ protected:
     // Inputs made before the sweep: the steps themselves allocate nothing.
     View list_{mech_list({kCodeA})};
     View message_{text("message")};
+    std::string user_ = getpwuid(geteuid())->pw_name;
 };
 
 TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
@@ -164,15 +169,25 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
                                                        made_.sctx, &made_.ids[0]))
                  return rc;
              if (qv_int32_t rc = wrap_cidb(1, &made_.bufs[2])) return rc;
-             return sec_create_id_context(&st_, client_svc_, SEC_F_IDCTX_CIDB, &made_.bufs[2], &made_.ids[1]);
+             if (qv_int32_t rc = sec_create_id_context(&st_, client_svc_, SEC_F_IDCTX_CIDB, &made_.bufs[2], &made_.ids[1]))
+                 return rc;
+             qv_int32_t count = sizeof made_.groups;
+             sec_buffer_t out = nullptr;
+             return sec_get_client_groups(made_.ids[1], reinterpret_cast<char *>(made_.groups), &count, &out);
          },
          [this](qv_int32_t rc) {
-             EXPECT_TRUE(rc == 0 || made_.ids[1] == nullptr);
-             if (rc == 0) {
-                 auto *t = static_cast<sec_ctx_token_t>(made_.ids[1]);
-                 ASSERT_EQ(t->privset.gcount, 1);
-                 EXPECT_STREQ(static_cast<const char *>(t->privset.groups[0].value), "g1");
-             }
+             EXPECT_STREQ(static_cast<const char *>(made_.groups[0].value), rc == 0 ? "g1" : nullptr);
+         }},
+        // The library's own mapping, from the system's databases: a lookup
+        // that ran out of memory is code 6, with no half-made group list.
+        {"the groups of this process's user",
+         [this] {
+             sec_buffer_desc name{static_cast<qv_int32_t>(user_.size() + 1), user_.data()};
+             return sec_idm_get_groups(&name, &made_.ps.gcount, &made_.ps.groups);
+         },
+         [this](qv_int32_t rc) {
+             EXPECT_EQ(made_.ps.gcount > 0 && made_.ps.groups != nullptr, rc == 0);
+             EXPECT_TRUE(rc == 0 || (made_.ps.gcount == 0 && made_.ps.groups == nullptr));
          }},
     };
     for (const Row &row : rows) {

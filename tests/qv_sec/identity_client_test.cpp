@@ -20,6 +20,17 @@ char *const kStale = reinterpret_cast<char *>(0x10);
 
 class ClientIdentity : public qvtest::HandBuiltContextFixture {
 protected:
+    enum Kind { kGood, kNull, kSecurity, kNoMagic, kUnmapped, kUnauthenticated, kNoModule };
+    // A context of the given kind, made from token_: an identity context but
+    // for kSecurity.
+    sec_ctx_token_desc context(Kind k) const {
+        sec_ctx_token_desc t = token_;
+        t.state = k == kSecurity ? kEstablished : kIdentity | (k == kUnmapped ? 0 : SEC_CTX_S_MAPPED);
+        if (k == kNoMagic) t.magic = SEC_SVC_TOKEN_MAGIC;
+        if (k == kUnauthenticated) t.state &= ~SEC_CTX_S_AUTHENTICATED;
+        if (k == kNoModule) t.mdata.mpm = nullptr;
+        return t;
+    }
     unsigned long module_calls() const {
         return mpm_.calls(QVTEST_MPM_GET_CLIENT_NAME) + mpm_.calls(QVTEST_MPM_GET_MAPPED_NAME) +
                mpm_.calls(QVTEST_MPM_GET_CLIENT_ID);
@@ -40,33 +51,48 @@ protected:
             EXPECT_EQ(id.length, 0);
             EXPECT_EQ(id.value, nullptr);
         }
-        std::vector<unsigned char> id_bytes() const {
-            auto *p = static_cast<const unsigned char *>(id.value);
-            return p ? std::vector<unsigned char>(p, p + id.length) : std::vector<unsigned char>{};
-        }
     };
 };
 
-TEST_F(ClientIdentity, AllThreeFormsFromTheModule) {
-    std::strcpy(mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name, "ab");
-    sec_status_desc st;
-    std::memset(&st, 0x5a, sizeof st);
-    Outputs o;
-    ASSERT_EQ(sec_get_client_identity(&st, &token_, &o.name, &o.mname, &o.id), 0);
-    EXPECT_STREQ(o.name, "qvtest_client@example");
-    EXPECT_STREQ(o.mname, "qvtest_user");
-    EXPECT_EQ(o.id_bytes(), (std::vector<unsigned char>{0x83, 0x02, 0x00, 0x01, 0x00, 0x02, 'a', 'b'}));
-    EXPECT_EQ(st.maj_stat, 0u);
-    EXPECT_EQ(st.mech_code, 0u);
-    EXPECT_STREQ(st.desc, "");
-    for (int r : {QVTEST_MPM_GET_CLIENT_NAME, QVTEST_MPM_GET_MAPPED_NAME, QVTEST_MPM_GET_CLIENT_ID}) {
-        EXPECT_EQ(mpm_.calls(r), 1u);
-        EXPECT_EQ(mpm_.record(r).args[0], reinterpret_cast<uintptr_t>(token_.mdata.mtoken));
+// What the module answers reaches the caller: all three forms, a 256-byte
+// id that fills the first buffer exactly, a name the module did not end with
+// a NUL, and no mapping (no mapped name, and no error).
+TEST_F(ClientIdentity, AnswersFromTheModule) {
+    struct Row {
+        const char *what;
+        std::string name, id;    // the module's answers ("": its default)
+        qv_int32_t name_len, mname_len;  // -1: with the NUL
+        const char *name_out, *mname_out;
+    } rows[] = {
+        {"defaults", "", "ab", -1, -1, "qvtest_client@example", "qvtest_user"},
+        {"256-byte id, unterminated name", "carol@realm", std::string(256, 'i'), 5, -1, "carol", "qvtest_user"},
+        {"no mapping", "", "ab", -1, 0, "qvtest_client@example", nullptr},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        mpm_.reset();
+        std::memcpy(mpm_.behaviour(QVTEST_MPM_GET_CLIENT_NAME).name, row.name.data(), row.name.size());
+        mpm_.behaviour(QVTEST_MPM_GET_CLIENT_NAME).name_len = row.name_len;
+        mpm_.behaviour(QVTEST_MPM_GET_MAPPED_NAME).name_len = row.mname_len;
+        std::memcpy(mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name, row.id.data(), row.id.size());
+        mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name_len = static_cast<qv_int32_t>(row.id.size());
+        sec_status_desc st;
+        std::memset(&st, 0x5a, sizeof st);
+        Outputs o;
+        ASSERT_EQ(sec_get_client_identity(&st, &token_, &o.name, &o.mname, &o.id), 0);
+        EXPECT_STREQ(o.name, row.name_out);
+        EXPECT_STREQ(o.mname, row.mname_out);
+        EXPECT_EQ(qvtest::to_hex(static_cast<uint8_t *>(o.id.value), static_cast<size_t>(o.id.length)),
+                  "830200010002" + qvtest::to_hex(reinterpret_cast<const uint8_t *>(row.id.data()), row.id.size()));
+        EXPECT_TRUE(st.maj_stat == 0 && st.mech_code == 0 && st.desc[0] == '\0');
+        for (int r : {QVTEST_MPM_GET_CLIENT_NAME, QVTEST_MPM_GET_MAPPED_NAME, QVTEST_MPM_GET_CLIENT_ID}) {
+            EXPECT_EQ(mpm_.calls(r), 1u);
+            EXPECT_EQ(mpm_.record(r).args[0], reinterpret_cast<uintptr_t>(token_.mdata.mtoken));
+        }
     }
-    // The token is only read.
-    EXPECT_EQ(token_.state, kEstablished);
-    // Nothing asked: nothing done.
-    EXPECT_EQ(sec_get_client_identity(&st, &token_, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(token_.state, kEstablished);  // the token is only read
+    sec_status_desc st{};
+    EXPECT_EQ(sec_get_client_identity(&st, &token_, nullptr, nullptr, nullptr), 0);  // nothing asked, nothing done
     EXPECT_EQ(module_calls(), 3u);
 }
 
@@ -92,17 +118,22 @@ TEST_F(ClientIdentity, FailuresUndoEveryOutput) {
         {"mapped name needs more, twice", QVTEST_MPM_GET_MAPPED_NAME, 6, -1, 3, -1, "mpm_get_mapped_name"},
         {"empty client name", QVTEST_MPM_GET_CLIENT_NAME, 0, 0, 22, MSG_2650_067, ""},
         {"empty client id", QVTEST_MPM_GET_CLIENT_ID, 0, 0, 22, MSG_2650_068, ""},
+        // An authenticated security context always names its module.
+        {"no module", -1, 0, -1, 23, MSG_2650_068, ""},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         mpm_.reset();
-        mpm_.behaviour(c.routine).maj_stat = c.maj;
-        mpm_.behaviour(c.routine).min_stat = 0x33;
-        mpm_.behaviour(c.routine).name_len = c.name_len;
+        sec_ctx_token_desc t = token_;
+        if (c.routine < 0) t.mdata.mpm = nullptr;
+        qvtest_mpm_behaviour_t &b = mpm_.behaviour(c.routine < 0 ? QVTEST_MPM_GET_CLIENT_NAME : c.routine);
+        b.maj_stat = c.maj;
+        b.min_stat = 0x33;
+        b.name_len = c.name_len;
         sec_status_desc st{};
         Outputs o;
         cu_set_no_error_1();
-        EXPECT_EQ(sec_get_client_identity(&st, &token_, &o.name, &o.mname, &o.id), c.rc);
+        EXPECT_EQ(sec_get_client_identity(&st, &t, &o.name, &o.mname, &o.id), c.rc);
         o.expect_empty();
         EXPECT_EQ(st.maj_stat, c.maj);
         EXPECT_STREQ(st.desc, c.desc);
@@ -116,43 +147,6 @@ TEST_F(ClientIdentity, FailuresUndoEveryOutput) {
             EXPECT_NE(last_error_text().find("MPM code is 10002"), std::string::npos);
         }
     }
-    // A client without a mapping: no mapped name, and no error.
-    mpm_.reset();
-    mpm_.behaviour(QVTEST_MPM_GET_MAPPED_NAME).name_len = 0;
-    sec_status_desc st{};
-    Outputs o;
-    ASSERT_EQ(sec_get_client_identity(&st, &token_, &o.name, &o.mname, &o.id), 0);
-    EXPECT_STREQ(o.name, "qvtest_client@example");
-    EXPECT_EQ(o.mname, nullptr);
-    EXPECT_EQ(o.id.length, 6 + 16);
-}
-
-TEST_F(ClientIdentity, LongestFirstAnswerAndUnterminatedName) {
-    // 256 bytes fill the first buffer exactly.
-    std::string id(256, 'i');
-    std::memcpy(mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name, id.data(), 255);
-    mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name[255] = 'i';
-    mpm_.behaviour(QVTEST_MPM_GET_CLIENT_ID).name_len = 256;
-    // A name the module did not end with a NUL still comes back a string.
-    std::strcpy(mpm_.behaviour(QVTEST_MPM_GET_CLIENT_NAME).name, "carol@realm");
-    mpm_.behaviour(QVTEST_MPM_GET_CLIENT_NAME).name_len = 5;
-    sec_status_desc st{};
-    Outputs o;
-    ASSERT_EQ(sec_get_client_identity(&st, &token_, &o.name, nullptr, &o.id), 0);
-    EXPECT_STREQ(o.name, "carol");
-    ASSERT_EQ(o.id.length, 6 + 256);
-    EXPECT_EQ(std::string(static_cast<char *>(o.id.value) + 6, 256), id);
-}
-
-TEST_F(ClientIdentity, AuthenticatedContextWithoutModuleIsDamaged) {
-    sec_ctx_token_desc t = token_;
-    t.mdata.mpm = nullptr;
-    sec_status_desc st{};
-    Outputs o;
-    EXPECT_EQ(sec_get_client_identity(&st, &t, nullptr, &o.mname, nullptr), 23);
-    EXPECT_EQ(last_message(), MSG_2650_068);
-    EXPECT_EQ(o.mname, nullptr);
-    EXPECT_EQ(sec_get_client_identity(&st, &t, nullptr, nullptr, nullptr), 0);  // nothing asked
 }
 
 // Identity contexts answer from their privilege set and never ask the module.
@@ -170,55 +164,145 @@ TEST_F(ClientIdentity, IdentityContexts) {
         {"mapped", kIdentity | SEC_CTX_S_MAPPED, mname, false, 0, -1, "dave@realm", "dave"},
         {"mapped without a name", kIdentity | SEC_CTX_S_MAPPED, nullptr, false, 0, -1, "dave@realm", nullptr},
         {"not mapped", kIdentity, mname, false, 0, -1, "dave@realm", nullptr},
+        {"network name lost", kIdentity, mname, false, 23, MSG_2650_072, nullptr, nullptr},
         {"typed id asked", kIdentity | SEC_CTX_S_MAPPED, mname, true, 5, MSG_2650_082, nullptr, nullptr},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         sec_ctx_token_desc t = token_;
         t.state = c.state;
-        t.privset.name = name;
+        t.privset.name = c.rc == 23 ? nullptr : name;
         t.privset.mname = c.mname_in;
         sec_status_desc st{};
         Outputs o;
         cu_set_no_error_1();
         EXPECT_EQ(sec_get_client_identity(&st, &t, &o.name, &o.mname, c.ask_id ? &o.id : nullptr), c.rc);
         EXPECT_EQ(last_message(), c.msg);
-        if (c.name_out) {
-            EXPECT_STREQ(o.name, c.name_out);
-            EXPECT_NE(o.name, name);  // a copy
-        } else {
-            EXPECT_EQ(o.name, nullptr);
-        }
-        if (c.mname_out) {
-            EXPECT_STREQ(o.mname, c.mname_out);
-        } else {
-            EXPECT_EQ(o.mname, nullptr);
-        }
+        EXPECT_STREQ(o.name, c.name_out);
+        EXPECT_STREQ(o.mname, c.mname_out);
+        EXPECT_NE(o.name, name);  // a copy
         if (c.ask_id) o.expect_empty();
     }
     EXPECT_EQ(module_calls(), 0u);
-
-    // An identity context that lost its network name is damaged.
-    sec_ctx_token_desc t = token_;
-    t.state = kIdentity;
-    sec_status_desc st{};
-    Outputs o;
-    EXPECT_EQ(sec_get_client_identity(&st, &t, &o.name, nullptr, nullptr), 23);
-    EXPECT_EQ(last_message(), MSG_2650_072);
-    EXPECT_EQ(o.name, nullptr);
 }
 
 TEST_F(ClientIdentity, ReleaseRoutines) {
-    EXPECT_EQ(sec_release_name(nullptr), 0);
-    EXPECT_EQ(sec_release_name(strdup("x")), 0);
-    EXPECT_EQ(sec_release_buffer(nullptr), 0);
     sec_buffer_desc b{5, nullptr};
-    EXPECT_EQ(sec_release_buffer(&b), 0);
-    EXPECT_EQ(b.length, 0);
+    EXPECT_TRUE(sec_release_name(nullptr) == 0 && sec_release_buffer(nullptr) == 0 && sec_release_buffer(&b) == 0);
+    EXPECT_EQ(b.length, 0);  // a NULL value: only the length is reset
     b = {3, malloc(3)};
     EXPECT_EQ(sec_release_buffer(&b), 0);
-    EXPECT_EQ(b.length, 0);
-    EXPECT_EQ(b.value, nullptr);
+    EXPECT_TRUE(b.length == 0 && b.value == nullptr);
+}
+
+
+// Argument and state checks of sec_get_client_groups and its size protocol,
+// on an identity context's privilege set.
+TEST_F(ClientIdentity, ClientGroups) {
+    char g1[] = "g1", g2[] = "staff";
+    sec_buffer_desc two[] = {{3, g1}, {7, g2}}, gap[] = {{3, g1}, {0, nullptr}, {7, g2}};
+    struct Row {
+        const char *what;
+        Kind ctx;
+        bool buffer, count, groups;
+        qv_int32_t count_in;
+        sec_buffer_t set;
+        int gcount;
+        qv_int32_t rc;
+        int msg;
+        qv_int32_t count_out;  // -1: left alone
+        const char *text;      // in the message
+    } rows[] = {
+        {"context NULL", kNull, true, true, true, 64, two, 2, 4, MSG_2650_060, 64, "number: 1\n"},
+        {"count NULL", kGood, true, false, true, 64, two, 2, 4, MSG_2650_060, -1, "number: 3\n"},
+        {"count negative", kGood, true, true, true, -1, two, 2, 4, MSG_2650_060, -1, "number: 3\n"},
+        {"groups NULL", kGood, true, true, false, 64, two, 2, 4, MSG_2650_060, 64, "number: 4\n"},
+        {"bad magic", kNoMagic, true, true, true, 64, two, 2, 5, MSG_2650_061, 64, ""},
+        {"security context", kSecurity, true, true, true, 64, two, 2, 5, MSG_2650_063, 64, ""},
+        {"no privilege set", kUnmapped, true, true, true, 64, two, 2, 40, MSG_2650_065, 0, ""},
+        {"buffer NULL", kGood, false, true, true, 16, two, 2, 4, MSG_2650_060, 16, "number: 2\n"},
+        {"one byte short", kGood, true, true, true, 31, two, 2, 6, MSG_2650_064, 32, "provide 32 bytes"},
+        {"exact size", kGood, true, true, true, 32, two, 2, 0, -1, 2, ""},
+        {"no groups, no memory offered", kGood, false, true, true, 0, nullptr, 0, 6, MSG_2650_064, 0, ""},
+        {"no groups", kGood, true, true, true, 16, nullptr, 0, 0, -1, 0, ""},
+        {"a group without a name is skipped", kGood, true, true, true, 48, gap, 3, 0, -1, 2, ""},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        sec_ctx_token_desc t = context(row.ctx);
+        t.privset.gcount = row.gcount;
+        t.privset.groups = row.set;
+        sec_buffer_desc buf[4];
+        std::memset(buf, 0x5a, sizeof buf);
+        qv_int32_t count = row.count_in;
+        sec_buffer_t groups = buf + 3;
+        cu_set_no_error_1();
+        EXPECT_EQ(sec_get_client_groups(row.ctx == kNull ? nullptr : &t, row.buffer ? reinterpret_cast<char *>(buf) : nullptr,
+                                        row.count ? &count : nullptr, row.groups ? &groups : nullptr),
+                  row.rc);
+        EXPECT_EQ(last_message(), row.msg);
+        EXPECT_NE(last_error_text().find(row.text), std::string::npos) << last_error_text();
+        EXPECT_EQ(count, row.count_out >= 0 ? row.count_out : row.count_in);
+        // *groups is cleared once the token has passed its checks.
+        const bool checked = row.rc == 0 || row.rc == 40 || row.rc == 6 || !std::strcmp(row.text, "number: 2\n");
+        EXPECT_EQ(groups, row.rc == 0 ? buf : checked ? nullptr : buf + 3);
+        for (qv_int32_t i = 0; row.rc == 0 && i < count; ++i) {
+            EXPECT_STREQ(static_cast<char *>(buf[i].value), i == 0 ? "g1" : "staff");
+            EXPECT_NE(buf[i].value, i == 0 ? g1 : g2);  // a copy
+            EXPECT_EQ(buf[i].length, i == 0 ? 3 : 7);
+            free(buf[i].value);
+        }
+    }
+}
+
+// sec_user_valid: checks, then the module's answer passed through.
+TEST_F(ClientIdentity, UserValid) {
+    char alice[] = "alice", empty[] = "";
+    struct Row {
+        const char *what;
+        bool st;
+        Kind ctx;
+        char *user;
+        qv_uint32_t maj;  // the module's answer
+        qv_int32_t rc;
+        int msg;
+        const char *text;
+    } rows[] = {
+        {"status NULL", false, kGood, alice, 0, 4, MSG_2650_060, "number: 1\n"},
+        {"context NULL", true, kNull, alice, 0, 4, MSG_2650_060, "number: 2\n"},
+        {"user NULL", true, kGood, nullptr, 0, 4, MSG_2650_060, "number: 3\n"},
+        {"user empty", true, kGood, empty, 0, 4, MSG_2650_060, "number: 3\n"},
+        {"bad magic", true, kNoMagic, alice, 0, 5, MSG_2650_061, ""},
+        {"security context", true, kSecurity, alice, 0, 5, MSG_2650_063, ""},
+        {"unauthenticated", true, kUnauthenticated, alice, 0, 12, MSG_2650_022, ""},
+        {"no module", true, kNoModule, alice, 0, 23, MSG_2650_023, ""},
+        {"valid", true, kGood, alice, 0, 0, -1, ""},
+        {"not valid for this client", true, kGood, alice, 36, 36, -1, ""},
+        {"module fails", true, kGood, alice, 9, 3, -1, ""},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        mpm_.reset();
+        mpm_.behaviour(QVTEST_MPM_USER_VALID).maj_stat = row.maj;
+        mpm_.behaviour(QVTEST_MPM_USER_VALID).min_stat = 0x44;
+        sec_ctx_token_desc t = context(row.ctx);
+        sec_status_desc st;
+        std::memset(&st, 0x5a, sizeof st);
+        cu_set_no_error_1();
+        EXPECT_EQ(sec_user_valid(row.st ? &st : nullptr, row.ctx == kNull ? nullptr : &t, row.user), row.rc);
+        EXPECT_EQ(last_message(), row.msg);
+        EXPECT_NE(last_error_text().find(row.text), std::string::npos) << last_error_text();
+        const bool asked = row.rc == 0 || row.msg == -1;
+        EXPECT_EQ(mpm_.calls(QVTEST_MPM_USER_VALID), asked ? 1u : 0u);
+        if (!row.st) continue;
+        EXPECT_EQ(st.maj_stat, row.maj);
+        EXPECT_STREQ(st.desc, row.maj != 0 ? "mpm_user_valid" : "");
+        EXPECT_EQ(st.mech_code, row.maj != 0 ? kCode : 0u);
+        if (asked) {
+            EXPECT_STREQ(mpm_.record(QVTEST_MPM_USER_VALID).str[0], "alice");
+            EXPECT_EQ(mpm_.record(QVTEST_MPM_USER_VALID).args[0], reinterpret_cast<uintptr_t>(t.mdata.mtoken));
+        }
+    }
 }
 
 }  // namespace

@@ -18,6 +18,7 @@ struct Command {
 int run_config(const Args &args);
 int run_mechs(const Args &args);
 int run_mac(const Args &args);
+int run_cidb(const Args &args);
 
 // The usage of `qvsec mac`, one line per form.
 extern const char *const kMacUsage;
