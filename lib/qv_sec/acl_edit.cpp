@@ -127,7 +127,8 @@ struct Scan {
 
 bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *entry, Scan &r) {
     const uint8_t *b = buf.data();
-    const uint8_t *prev = nullptr;
+    const char *prev = nullptr;
+    const char *key = acl::entry_id(entry);
     bool placed = false;
     r.place = s.end;
     for (size_t off = s.begin; off < s.end;) {
@@ -136,24 +137,33 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
         if (room < acl::kEntryHeadLen) return false;
         const uint32_t len = acl::be32(e);
         if (len < acl::kEntryHeadLen || len > room) return false;
-        const void *nul = std::memchr(e + acl::kIdOffset, 0, len - acl::kIdOffset);
-        if (nul == nullptr) return false;
-        const size_t id_length = static_cast<const uint8_t *>(nul) - (e + acl::kIdOffset);
-        if (r.plain && !acl::compares_plainly(e, id_length)) r.plain = false;
-        if (r.plain && r.sorted && prev != nullptr) {
-            int c = acl::compare_ids(prev, e);
-            if (c == 0) r.duplicate = true;
-            if (c >= 0) r.sorted = false;
+        // An entry as sec_create_acle makes it ends with its NUL and two
+        // zero bytes: then it is readable and compares plainly, whatever
+        // comes before, and the search for its NUL is saved.
+        if (!(len > acl::kEntryHeadLen && e[len - 3] == 0)) {
+            const void *nul = std::memchr(e + acl::kIdOffset, 0, len - acl::kIdOffset);
+            if (nul == nullptr) return false;
+            const size_t id_length = static_cast<const uint8_t *>(nul) - (e + acl::kIdOffset);
+            if (!acl::compares_plainly(e, id_length)) r.plain = false;
         }
-        if (!placed) {
-            int c = acl::compare_ids(e, entry);
-            if (c >= 0) {
-                placed = true;
-                r.place = off;
-                r.equal = c == 0;
+        const char *id = acl::entry_id(e);
+        if (r.plain) {
+            // Plain comparisons are strcmp: the cheaper call gives the same order.
+            if (r.sorted && prev != nullptr) {
+                int c = std::strcmp(prev, id);
+                if (c == 0) r.duplicate = true;
+                if (c >= 0) r.sorted = false;
+            }
+            if (!placed) {
+                int c = std::strcmp(id, key);
+                if (c >= 0) {
+                    placed = true;
+                    r.place = off;
+                    r.equal = c == 0;
+                }
             }
         }
-        prev = e;
+        prev = id;
         off += len;
         ++r.count;
     }
