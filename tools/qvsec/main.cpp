@@ -15,6 +15,7 @@ const Command kCommands[] = {
     {"mechs", "mechs [--load]",
      "list the configured mechanisms; with --load, load each module and list the routines it exports", run_mechs},
     {"mac", "mac keygen|sign|verify ...", "make a shared DES key, sign a file with it or verify a file's token", run_mac, kMacUsage},
+    {"acl", "acl show|add|del|check ...", "show, edit or check an ACL file", run_acl, kAclUsage},
 };
 
 void usage(FILE *out) {
