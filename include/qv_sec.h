@@ -759,8 +759,9 @@ typedef struct sec_acl_client_s {
  * never edited here) may have entries missed, never matched wrongly.
  * Returns 0; 4 (2650-031: a NULL argument, or types that break the rules
  * above: position 4); 5 (2650-003: not a complete context); 7 (2650-038: a
- * damaged ACL, whatever the client); 6; or the mechanism's failure (3) when
- * asking it for a name. *granted is 0 on failure. */
+ * damaged ACL: its heads, for every client, or an entry the search reads); 6;
+ * or the mechanism's failure (3) when asking it for a name. *granted is 0 on
+ * failure. */
 qv_int32_t sec_check_acl_access(sec_status_t st, sec_token_t ctx, sec_acl_buffer_t acl,
                                 const sec_acl_types_desc *types, qv_uint32_t requested, qv_uint32_t *granted);
 

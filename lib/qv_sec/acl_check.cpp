@@ -15,6 +15,7 @@
 #include <span>
 #include <vector>
 
+#include "acl_arguments.h"
 #include "acl_format.h"
 #include "context_token.h"
 #include "errors.h"
@@ -193,10 +194,7 @@ qv_int32_t check(const sec_acl_buffer_desc &acl, const sec_acl_types_desc &types
 qv_int32_t check_client(sec_acl_buffer_t acl, const sec_acl_types_desc *types, const sec_acl_client_desc *client,
                         qv_uint32_t requested, qv_uint32_t *granted) {
     constexpr const char *kRoutine = "sec_check_acl_client";
-    auto bad = [](int position, const void *value) {
-        return sec_report(SEC_S_BAD_ARGUMENT, MSG_2650_031, kRoutine, position,
-                          static_cast<unsigned>(reinterpret_cast<uintptr_t>(value)));
-    };
+    auto bad = [](int position, const void *value) { return sec_acl_bad_argument(kRoutine, position, value); };
     if (granted != nullptr) *granted = 0;
     if (acl == nullptr) return bad(1, acl);
     if (types != nullptr && !types_valid(*types)) return bad(2, types);
@@ -219,10 +217,7 @@ struct PrivsetOwner {
 qv_int32_t check_access(sec_status_t st, sec_token_t ctx, sec_acl_buffer_t acl, const sec_acl_types_desc *types,
                         qv_uint32_t requested, qv_uint32_t *granted) {
     constexpr const char *kRoutine = "sec_check_acl_access";
-    auto bad = [](int position, const void *value) {
-        return sec_report(SEC_S_BAD_ARGUMENT, MSG_2650_031, kRoutine, position,
-                          static_cast<unsigned>(reinterpret_cast<uintptr_t>(value)));
-    };
+    auto bad = [](int position, const void *value) { return sec_acl_bad_argument(kRoutine, position, value); };
     if (granted != nullptr) *granted = 0;
     if (st == nullptr) return bad(1, st);
     *st = sec_status_desc{};

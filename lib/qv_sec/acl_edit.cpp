@@ -19,6 +19,7 @@
 #include <span>
 #include <vector>
 
+#include "acl_arguments.h"
 #include "acl_edit.h"
 #include "acl_format.h"
 #include "errors.h"
@@ -297,9 +298,8 @@ qv_int32_t add_or_delete(const char *routine, sec_acle_t acle, sec_boolean_t rel
     // An entry's length must cover its header and its identifier's NUL, or
     // the comparison would read past it.
     if (acle == nullptr || !acl::entry_readable(acl::bytes_of(acle), acl::entry_length(acle)))
-        return sec_report(SEC_S_BAD_ARGUMENT, MSG_2650_031, routine, 1,
-                          static_cast<unsigned>(reinterpret_cast<uintptr_t>(acle)));
-    if (acl == nullptr) return sec_report(SEC_S_BAD_ARGUMENT, MSG_2650_031, routine, 3, 0u);
+        return sec_acl_bad_argument(routine, 1, acle);
+    if (acl == nullptr) return sec_acl_bad_argument(routine, 3, acl);
     qv_int32_t rc = sec_guard([&] { return sec__modify_acles_in_acl(acle, add ? 1 : 0, acl); });
     if (rc == 0 && release == 1) std::free(acle);
     return rc;

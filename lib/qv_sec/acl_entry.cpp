@@ -6,19 +6,12 @@
 #include <cstring>
 #include <malloc.h>
 
+#include "acl_arguments.h"
 #include "acl_format.h"
 #include "errors.h"
 #include "library_init.h"
 
 namespace {
-
-// The value printed for a pointer argument: its low 32 bits (the message
-// prints 0x%x).
-unsigned pointer_value(const void *p) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)); }
-
-qv_int32_t bad_argument(const char *routine, int position, const void *value) {
-    return sec_report(SEC_S_BAD_ARGUMENT, MSG_2650_031, routine, position, pointer_value(value));
-}
 
 qv_int32_t create_acle(qv_uint32_t mech, qv_uint32_t perm, qv_uint32_t type, char *id, sec_acle_t *acle) {
     constexpr const char *kRoutine = "sec_create_acle";
@@ -28,13 +21,13 @@ qv_int32_t create_acle(qv_uint32_t mech, qv_uint32_t perm, qv_uint32_t type, cha
     const bool with_id = acl::type_has_id(type);
     size_t id_length = 0;
     if (with_id) {
-        if (id == nullptr || id[0] == '\0') return bad_argument(kRoutine, 4, id);
+        if (id == nullptr || id[0] == '\0') return sec_acl_bad_argument(kRoutine, 4, id);
         id_length = std::strlen(id);
         // The entry's length, and any ACL holding it, must fit 31 bits.
         if (id_length > INT32_MAX - acl::kEntryHeadLen - 1 - acl::kHeadLen - acl::kSubHeadLen)
-            return bad_argument(kRoutine, 4, id);
+            return sec_acl_bad_argument(kRoutine, 4, id);
     }
-    if (acle == nullptr) return bad_argument(kRoutine, 5, acle);
+    if (acle == nullptr) return sec_acl_bad_argument(kRoutine, 5, acle);
     const size_t size = with_id ? acl::kEntryHeadLen + id_length + 1 : acl::kEntryHeadLen;
     auto *e = static_cast<uint8_t *>(std::calloc(1, size));
     if (e == nullptr) return sec_report(SEC_S_NO_MEMORY, MSG_2650_032, kRoutine, static_cast<int>(size));
@@ -56,8 +49,8 @@ qv_int32_t display_acle_id(sec_acle_t entry, sec_buffer_t id) {
         uint32_t len = acl::entry_length(entry);
         n = len > acl::kIdOffset ? strnlen(acl::entry_id(entry), len - acl::kIdOffset) : 0;
     }
-    if (n == 0) return bad_argument(kRoutine, 1, entry);
-    if (id == nullptr) return bad_argument(kRoutine, 2, id);
+    if (n == 0) return sec_acl_bad_argument(kRoutine, 1, entry);
+    if (id == nullptr) return sec_acl_bad_argument(kRoutine, 2, id);
     auto *copy = static_cast<char *>(std::malloc(n + 1));
     // This routine reports running out of memory with the argument message
     // (naming the output, position 2, and the size it could not allocate).

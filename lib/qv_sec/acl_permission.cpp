@@ -4,6 +4,7 @@
 // sec_check_acl_access (acl_check.cpp) is the check that decides.
 #include <cstdint>
 
+#include "acl_arguments.h"
 #include "acl_format.h"
 #include "errors.h"
 #include "library_init.h"
@@ -26,9 +27,7 @@ struct Positions {
 
 qv_int32_t verify(const char *routine, const Positions &pos, sec_status_t st, sec_token_t ctx, bool has_cab,
                   sec_buffer_t cab, sec_acl_buffer_t acl, sec_boolean_t *result, sec_boolean_t *mod) {
-    auto bad = [routine](int position) {
-        return sec_report(SEC_S_BAD_ARGUMENT, MSG_2650_031, routine, position, 0u);
-    };
+    auto bad = [routine](int position) { return sec_acl_bad_argument(routine, position, nullptr); };
     if (st == nullptr) return bad(1);
     *st = sec_status_desc{};
     if (ctx == nullptr) return bad(pos.ctx);

@@ -154,7 +154,6 @@ TEST(Acl, ArgumentsAndMessages) {
         ROW("display: no output", sec_display_acle_id(named.e, nullptr), 4, MSG_2650_031, "sec_display_acle_id", "2", "0"),
         ROW("release entry: none", sec_release_acle(nullptr), 4, MSG_2650_031, kDel, "1", "0"),
         ROW("release entry: NULL", sec_release_acle(&none), 4, MSG_2650_031, kDel, "1", "0"),
-        ROW("release list: none", sec_release_acle_list(nullptr), 0, 0),
         ROW("from data: negative", sec_create_acl_from_data(-1, kAb, &out), 4, MSG_2650_031, "sec_create_acl_from_data", "1"),
         ROW("from data: no data", sec_create_acl_from_data(3, nullptr, &out), 4, MSG_2650_031, "sec_create_acl_from_data", "2", "0"),
         ROW("from data: no output", sec_create_acl_from_data(3, kAb, nullptr), 4, MSG_2650_031, "sec_create_acl_from_data", "3", "0"),
@@ -209,38 +208,48 @@ TEST(Acl, ArgumentsAndMessages) {
 
 // ---- Editing ----
 
-struct Op {
-    bool add;
+// Entries added (or deleted) in turn through the library, from the empty
+// ACL; gives the entries the ACL then holds, a later one replacing an
+// earlier one of the same identifier.
+struct Grant {
     uint16_t type;
     uint32_t mech, perm;
-    const char *id;
+    std::string id;
+    bool del = false;
 };
 
-// Applies ops from the empty ACL; each must succeed.
-Bytes edited(const std::vector<Op> &ops) {
-    Acl a;
-    for (const Op &o : ops) {
-        Entry e(o.type, o.mech, o.perm, o.id);
-        EXPECT_EQ(o.add ? sec_add_acle_to_acl(e.e, 0, &a.d) : sec_del_acle_from_acl(e.e, 0, &a.d), 0) << o.id;
+std::vector<Grant> build(Acl &a, const std::vector<Grant> &grants) {
+    std::vector<Grant> kept;
+    for (const Grant &g : grants) {
+        Entry e(g.type, g.mech, g.perm, g.id.c_str());
+        EXPECT_EQ(g.del ? sec_del_acle_from_acl(e.e, 0, &a.d) : sec_add_acle_to_acl(e.e, 0, &a.d), 0) << g.id;
+        std::erase_if(kept, [&](const Grant &k) { return k.type == g.type && k.mech == g.mech && k.id == g.id; });
+        if (!g.del) kept.push_back(g);
     }
+    return kept;
+}
+
+Bytes edited(const std::vector<Grant> &ops) {
+    Acl a;
+    build(a, ops);
     return a.bytes();
 }
 
 TEST(AclEdit, BuiltBuffers) {
-    EXPECT_EQ(to_hex(edited({{true, 3, 0x10002, 5, "b"}})),
+    EXPECT_EQ(to_hex(edited({{3, 0x10002, 5, "b"}})),
               "b0bc0de1000000100000000100000001b0bc0de2000300000001000200000000"
               "00000001000000120001000200000005000362000000");
-    const std::vector<std::pair<std::vector<Op>, Bytes>> rows = {
-        {{{true, 3, 1, 1, "b"}, {true, 3, 1, 2, "a"}, {true, 3, 1, 3, "c"}},
+    const std::vector<std::pair<std::vector<Grant>, Bytes>> rows = {
+        {{{3, 1, 1, "b"}, {3, 1, 2, "a"}, {3, 1, 3, "c"}},
          acl_of({{3, 1, {entry(3, 1, 2, "a"), entry(3, 1, 1, "b"), entry(3, 1, 3, "c")}}})},
-        {{{true, 3, 1, 1, "a"}, {true, 3, 1, 9, "a"}}, acl_of({{3, 1, {entry(3, 1, 9, "a")}}})},
-        {{{true, 1, 1, 1, "x"}, {true, 1, 1, 2, "y"}}, acl_of({{1, 1, {entry(1, 1, 2)}}})},
-        {{{true, 4, 2, 1, "g"}, {true, 3, 1, 1, "u"}, {true, 4, 1, 1, "h"}, {true, 4, 2, 5, "f"}},
+        {{{3, 1, 1, "a"}, {3, 1, 9, "a"}}, acl_of({{3, 1, {entry(3, 1, 9, "a")}}})},
+        {{{1, 1, 1, "x"}, {1, 1, 2, "y"}}, acl_of({{1, 1, {entry(1, 1, 2)}}})},
+        {{{4, 2, 1, "g"}, {3, 1, 1, "u"}, {4, 1, 1, "h"}, {4, 2, 5, "f"}},
          acl_of({{4, 2, {entry(4, 2, 5, "f"), entry(4, 2, 1, "g")}}, {3, 1, {entry(3, 1, 1, "u")}},
                  {4, 1, {entry(4, 1, 1, "h")}}})},
-        {{{true, 3, 1, 1, "a"}, {true, 3, 1, 1, "bb"}, {true, 3, 2, 1, "z"}, {false, 3, 1, 0, "a"}},
+        {{{3, 1, 1, "a"}, {3, 1, 1, "bb"}, {3, 2, 1, "z"}, {3, 1, 0, "a", true}},
          acl_of({{3, 1, {entry(3, 1, 1, "bb")}}, {3, 2, {entry(3, 2, 1, "z")}}})},
-        {{{true, 3, 1, 1, "a"}, {true, 2, 0, 1, ""}, {false, 3, 1, 0, "a"}}, acl_of({{3, 1, {}}, {2, 0, {entry(2, 0, 1)}}})},
+        {{{3, 1, 1, "a"}, {2, 0, 1, ""}, {3, 1, 0, "a", true}}, acl_of({{3, 1, {}}, {2, 0, {entry(2, 0, 1)}}})},
     };
     for (const auto &[ops, want] : rows) EXPECT_EQ(to_hex(edited(ops)), to_hex(want)) << ops.back().id;
 }
@@ -403,12 +412,6 @@ TEST(AclEdit, AllocationFailuresLeaveTheBuffer) {
 
 // ---- The access check ----
 
-struct Grant {
-    uint16_t type;
-    uint32_t mech, perm;
-    std::string id;
-};
-
 struct Client {
     uint32_t mech = 0;
     std::string name, mname;
@@ -438,19 +441,6 @@ uint32_t check(const sec_acl_buffer_desc &acl, const sec_acl_types_desc &t, cons
     uint32_t granted = 0;
     EXPECT_EQ(sec_check_acl_client(const_cast<sec_acl_buffer_t>(&acl), &t, &d, 0xffffffff, &granted), 0);
     return granted;
-}
-
-// Builds the ACL through the editing routines and gives the grants it holds:
-// a later grant replaces an earlier one of the same identifier.
-std::vector<Grant> build(Acl &a, const std::vector<Grant> &grants) {
-    std::vector<Grant> kept;
-    for (const Grant &g : grants) {
-        Entry e(g.type, g.mech, g.perm, g.id.c_str());
-        EXPECT_EQ(sec_add_acle_to_acl(e.e, 0, &a.d), 0);
-        std::erase_if(kept, [&](const Grant &k) { return k.type == g.type && k.mech == g.mech && k.id == g.id; });
-        kept.push_back(g);
-    }
-    return kept;
 }
 
 TEST(AclCheck, NamedCasesAndContexts) {
