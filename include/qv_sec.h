@@ -610,6 +610,185 @@ qv_int32_t sec_sign_data_v(sec_status_t st, sec_token_t context, qv_int32_t coun
 qv_int32_t sec_verify_data_v(sec_status_t st, sec_token_t context, sec_buffer_t signature, qv_int32_t count,
                              struct iovec *vector);
 
+/* ---- Access control lists ----
+ * An ACL is a flat byte buffer that the service stores itself: a 16-byte
+ * head, then sub-ACLs, one per pair of entry type and mechanism code, in the
+ * order in which the pairs were first used; each sub-ACL is a 20-byte head
+ * followed by its entries in ascending order of identifier. Every integer is
+ * big-endian. Entries of types 3 and 4 carry a NUL-terminated identifier
+ * (16 + n + 1 bytes for n characters, the last two zero); entries of other
+ * types are 16 bytes and carry none, so such a sub-ACL holds one entry. The
+ * meaning of types (other than that) and of permission bits is the
+ * service's. The structures below describe the bytes; read the fields as
+ * big-endian bytes, never as host integers. */
+
+#define SEC_ACL_HEAD_MAGIC    0xB0BC0DE1u
+#define SEC_SUBACL_HEAD_MAGIC 0xB0BC0DE2u
+#define SEC_ACL_VERSION       1u
+#define SEC_ACL_HEAD_LEN      16
+#define SEC_SUBACL_HEAD_LEN   20
+#define SEC_ACLE_HEAD_LEN     16  /* an entry without identifier */
+
+/* One ACL entry, the same bytes alone, in an entry list and in an ACL. */
+typedef struct sec_acle_s {
+    unsigned char length[4];  /* total size of the entry, this header included */
+    unsigned char mech[4];    /* mechanism code */
+    unsigned char perm[4];    /* permission bits */
+    unsigned char type[2];    /* entry type */
+    char id[2];               /* identifier and its NUL (types 3 and 4), then padding */
+} sec_acle_desc, *sec_acle_t;
+
+/* Entries back to back. */
+typedef struct sec_acle_list_s {
+    qv_uint32_t count;     /* number of entries */
+    qv_uint32_t length;    /* total bytes at elements */
+    sec_acle_t elements;
+} sec_acle_list_desc, *sec_acle_list_t;
+
+/* An ACL buffer: length and value, owned by the caller, released with
+ * sec_release_acl. An empty buffer (length 0 or value NULL) is an ACL
+ * without entries. */
+typedef sec_buffer_desc sec_acl_buffer_desc;
+typedef sec_buffer_t sec_acl_buffer_t;
+
+/* The head at offset 0, and the head of each sub-ACL. */
+typedef struct sec_acl_head_s {
+    unsigned char sah_magic[4];     /* SEC_ACL_HEAD_MAGIC */
+    unsigned char sah_startoff[4];  /* 16, or 0 when there is no sub-ACL */
+    unsigned char sah_version[4];   /* 1 */
+    unsigned char sah_count[4];     /* entries in all sub-ACLs (signed) */
+} sec_acl_head_desc, *sec_acl_head_t;
+
+typedef struct sec_subacl_head_s {
+    unsigned char ssh_magic[4];     /* SEC_SUBACL_HEAD_MAGIC */
+    unsigned char ssh_type[4];      /* entry type in the first two bytes, then two zero bytes */
+    unsigned char ssh_mech[4];      /* mechanism code */
+    unsigned char ssh_nextoff[4];   /* from this head to the next; 0 for the last sub-ACL */
+    unsigned char ssh_count[4];     /* entries of this sub-ACL (signed) */
+} sec_subacl_head_desc, *sec_subacl_head_t;
+
+/* Failures of the ACL routines: 4 (2650-031 naming the routine, the
+ * argument's position and its value), 6 (no memory: 2650-032 naming the
+ * routine and the size; or an ACL whose magic or structure is damaged:
+ * 2650-038), 18 (2650-035: the entry to delete is not there), 23 (2650-033:
+ * the stored sub-ACL holds one identifier twice). */
+
+/* sec_create_acle: a new entry in *acle (release with sec_release_acle). id is
+ * copied for types 3 and 4, where it must not be NULL or empty, and ignored
+ * for other types. A type above 0xffff is refused (position 3). */
+qv_int32_t sec_create_acle(qv_uint32_t mech, qv_uint32_t perm, qv_uint32_t type, char *id, sec_acle_t *acle);
+
+/* sec_display_acle_id: a heap copy of the entry's identifier in *id (length
+ * counts the NUL; release with sec_release_buffer). An entry with an empty
+ * identifier is refused (position 1). */
+qv_int32_t sec_display_acle_id(sec_acle_t entry, sec_buffer_t id);
+
+/* sec_release_acle: frees *entry and sets it NULL. Its failures name
+ * "sec_del_acle_from_acl", as programs expect. */
+qv_int32_t sec_release_acle(sec_acle_t *entry);
+
+/* sec_create_acl_from_data: a heap copy of the length bytes at data in *acl
+ * (length 0: an empty ACL); the bytes are not checked here, but by every
+ * routine that reads them. */
+qv_int32_t sec_create_acl_from_data(qv_int32_t length, void *data, sec_acl_buffer_t acl);
+
+/* sec_add_acle_to_acl / sec_del_acle_from_acl: add the entry (an entry with
+ * the same identifier is replaced) to, or remove the entry with its
+ * identifier from, the sub-ACL of its type and mechanism; a new sub-ACL is
+ * appended. The caller's buffer is replaced by a new one on success and left
+ * exactly as it was on failure. With release = 1 the entry is freed after a
+ * successful change. A sub-ACL stored out of order is sorted by the change.
+ * An edit costs one pass over the buffer (a sort for a sub-ACL stored out of
+ * order). */
+qv_int32_t sec_add_acle_to_acl(sec_acle_t acle, sec_boolean_t release, sec_acl_buffer_t acl);
+qv_int32_t sec_del_acle_from_acl(sec_acle_t acle, sec_boolean_t release, sec_acl_buffer_t acl);
+
+/* sec_release_acl: checks the head's magic (6, 2650-038, when wrong), wipes
+ * and frees the buffer and empties the record. An empty buffer is not an
+ * error. */
+qv_int32_t sec_release_acl(sec_acl_buffer_t acl);
+
+/* sec_release_acle_list: frees the list's elements and the list, and sets
+ * *list NULL. Always 0. */
+qv_int32_t sec_release_acle_list(sec_acle_list_t *list);
+
+/* ---- Permission verification ---- */
+
+/* sec_sec_verify_perm_from_ctx / sec_sec_verify_perm_from_cab: placeholders
+ * kept for the programs that call them; they never grant anything. They
+ * check their arguments (4, 2650-031; from_cab reports cab as position 4,
+ * acl 5, result 6 and mod 7), accept only a context token that is NOT
+ * complete (a complete one is 4, 2650-003), and for an empty ACL or one whose
+ * magic is right set *result and *mod to 0 and return 0; another ACL is 23,
+ * 2650-038. perm is not examined. from_cab reads the ACL from its declared
+ * fifth parameter, acl: perm is an integer and cannot hold a buffer. Use
+ * sec_check_acl_access to decide access. */
+qv_int32_t sec_sec_verify_perm_from_ctx(sec_status_t st, sec_token_t ctx, qv_uint32_t perm, sec_acl_buffer_t acl,
+                                        sec_boolean_t *result, sec_boolean_t *mod);
+qv_int32_t sec_sec_verify_perm_from_cab(sec_status_t st, sec_token_t ctx, sec_buffer_t cab, qv_uint32_t perm,
+                                        sec_acl_buffer_t acl, sec_boolean_t *result, sec_boolean_t *mod);
+
+/* ---- Access checks ----
+ * Which of the requested permission bits an ACL grants a client: the union
+ * of the bits of every entry that matches it, nothing by default. The
+ * service says which entry types mean what (-1: the service has no such
+ * entries). Matching, for a client of mechanism m:
+ *   network_name  entries of m whose identifier is the client's network name;
+ *   mapped_name   entries of m whose identifier is its mapped local name;
+ *   group         entries of m whose identifier is one of its groups;
+ *   authenticated the entry of m: any authenticated client of m;
+ *   anyone        the entry of m, and the entry of mechanism 0 ("none"),
+ *                 which applies to every client.
+ * An unauthenticated client (mechanism 0) is matched by the anyone entry of
+ * mechanism 0 alone, never by entries meant for authenticated clients. The
+ * three identifier kinds must be types 3 or 4 (only those carry an
+ * identifier), the two others any other type, and no two kinds may share a
+ * type. Identifiers compare exactly, byte for byte. */
+typedef struct sec_acl_types_s {
+    qv_int32_t network_name;
+    qv_int32_t mapped_name;
+    qv_int32_t group;
+    qv_int32_t authenticated;
+    qv_int32_t anyone;
+} sec_acl_types_desc, *sec_acl_types_t;
+
+/* The types used when a service passes NULL: 3 a network name, 4 a group,
+ * 1 any authenticated client, 2 anyone; no mapped-name entries. */
+#define SEC_ACL_TYPES_DEFAULT {3, -1, 4, 1, 2}
+
+/* A client as the check sees it. */
+typedef struct sec_acl_client_s {
+    qv_uint32_t mech;             /* its mechanism; 0 for an unauthenticated client */
+    const char *name;             /* network name; NULL when unauthenticated */
+    const char *mname;            /* mapped local name, NULL when none */
+    qv_int32_t gcount;            /* groups of the mapped name */
+    const char *const *groups;
+} sec_acl_client_desc, *sec_acl_client_t;
+
+/* sec_check_acl_access: *granted = the bits of requested that acl grants the
+ * client of ctx, a complete security or identity context (the identity and
+ * groups of an identity context; the network name, mapped name and its
+ * groups of a security context, asked of its mechanism). types NULL: the
+ * default above. A check reads the sub-ACL heads and, with a binary search,
+ * O(log n) entries of each matching sub-ACL, so it relies on the order the
+ * editing routines keep: an ACL stored out of order (bytes from elsewhere
+ * never edited here) may have entries missed, never matched wrongly.
+ * Returns 0; 4 (2650-031: a NULL argument, or types that break the rules
+ * above: position 4); 5 (2650-003: not a complete context); 7 (2650-038: a
+ * damaged ACL: its heads, for every client, or an entry the search reads); 6;
+ * or the mechanism's failure (3) when asking it for a name. *granted is 0 on
+ * failure. */
+qv_int32_t sec_check_acl_access(sec_status_t st, sec_token_t ctx, sec_acl_buffer_t acl,
+                                const sec_acl_types_desc *types, qv_uint32_t requested, qv_uint32_t *granted);
+
+/* sec_check_acl_client: the same check for a client described by the caller
+ * (a client whose identity was learnt otherwise, or an administrator's
+ * question). Returns 0, 4 (acl, client, granted NULL: positions 1, 3, 5;
+ * types: position 2; a client of mechanism 0 with a name, or one of another
+ * mechanism without: position 3) or 7. */
+qv_int32_t sec_check_acl_client(sec_acl_buffer_t acl, const sec_acl_types_desc *types,
+                                const sec_acl_client_desc *client, qv_uint32_t requested, qv_uint32_t *granted);
+
 /* ---- Internal routines ----
  * Exported under their own names for the library's tools and tests, and for
  * diagnostics. They take the locks their descriptions name; programs
@@ -772,6 +951,13 @@ qv_uint32_t sec__mpm_user_valid(sec_mpm_entry_t entry, sec_status_t st, void *to
  * id and thread id in hex and sixteen hex digits of time; *rpath receives a
  * malloc'ed copy of the bound path. 10 when the bind fails. */
 qv_uint32_t sec__bind_unix_socket(int sockfd, char *path, char **rpath);
+
+/* ACL editing. The larger of the two entries' lengths less 16: the bytes
+ * over which their identifiers are compared. */
+qv_int32_t sec__acle_id_lenmin(sec_acle_t a, sec_acle_t b);
+/* Adds (add = 1) or deletes the entry for sec_add_acle_to_acl and
+ * sec_del_acle_from_acl, whose argument checks it relies on. */
+qv_int32_t sec__modify_acles_in_acl(sec_acle_t acle, sec_boolean_t add, sec_acl_buffer_t acl);
 
 /* Tracing under the component "_SEA": six categories (Errors, Info, API,
  * Buffer, SVCTKN, CTXTKN), levels set by the trace library. */

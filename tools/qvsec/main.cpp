@@ -16,6 +16,7 @@ const Command kCommands[] = {
      "list the configured mechanisms; with --load, load each module and list the routines it exports", run_mechs},
     {"mac", "mac keygen|sign|verify ...", "make a shared DES key, sign a file with it or verify a file's token", run_mac, kMacUsage},
     {"cidb", "cidb show [FILE|-]", "decode a CIDB (a client identity) from a file or standard input", run_cidb},
+    {"acl", "acl show|add|del|check ...", "show, edit or check an ACL file", run_acl, kAclUsage},
 };
 
 void usage(FILE *out) {

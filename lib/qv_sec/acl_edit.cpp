@@ -1,0 +1,326 @@
+// Adding entries to and deleting entries from ACL buffers.
+//
+// The result is that of the editing tree (acl_edit.h): the stored entries
+// loaded in stored order with duplicates refused, the change applied, the
+// entries written back in order. When every identifier of the sub-ACL and
+// the entry compare as plain strings (always so for entries made by
+// sec_create_acle), that result is the sorted set of identifiers with the
+// change applied, and is made here in one pass over the buffer: the pass
+// checks the entries, notices whether they are stored in order and finds
+// the entry's place, then the new buffer is copied around it. A sub-ACL
+// stored out of order is sorted instead; only odd stored lengths need the
+// tree itself.
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <span>
+#include <vector>
+
+#include "acl_arguments.h"
+#include "acl_edit.h"
+#include "acl_format.h"
+#include "errors.h"
+#include "library_init.h"
+
+namespace {
+
+constexpr const char *kModify = "sec__modify_acles_in_acl";
+
+qv_int32_t damaged() { return sec_report(SEC_S_NO_MEMORY, MSG_2650_038); }
+
+qv_int32_t no_memory(size_t size) {
+    return sec_report(SEC_S_NO_MEMORY, MSG_2650_032, kModify, static_cast<int>(std::min<size_t>(size, INT_MAX)));
+}
+
+// The entry's type is printed where the message names a mechanism code.
+qv_int32_t not_found(const uint8_t *entry) {
+    return sec_report(SEC_S_NO_ACL_ENTRIES, MSG_2650_035, static_cast<unsigned>(acl::entry_type(entry)),
+                      acl::entry_id(entry));
+}
+
+// The entries of the changed sub-ACL in their new order, as byte ranges.
+using Pieces = std::vector<std::span<const uint8_t>>;
+
+// Builds the new buffer: the old one with sub-ACL s's entries replaced by
+// pieces (count entries in all), its count and next offset updated, and
+// sah_count moved by the change of count. Hands it to the caller on
+// success, freeing the old one.
+qv_int32_t rebuild(std::span<const uint8_t> old, const acl::SubAcl &s, const Pieces &pieces, int32_t count,
+                   sec_acl_buffer_t acl) {
+    size_t entries = 0;
+    for (auto p : pieces) entries += p.size();
+    const size_t old_entries = s.end - s.begin;
+    const size_t total = old.size() - old_entries + entries;
+    if (total > INT32_MAX || entries > UINT32_MAX - acl::kSubHeadLen) return no_memory(total);
+    auto *out = static_cast<uint8_t *>(std::malloc(total));
+    if (out == nullptr) return no_memory(total);
+    uint8_t *w = out;
+    std::memcpy(w, old.data(), s.begin);
+    w += s.begin;
+    for (auto p : pieces) {
+        std::memcpy(w, p.data(), p.size());
+        w += p.size();
+    }
+    std::memcpy(w, old.data() + s.end, old.size() - s.end);
+
+    acl::put_be32(out + s.head + acl::kSshCount, static_cast<uint32_t>(count));
+    if (!s.last) acl::put_be32(out + s.head + acl::kSshNextoff, static_cast<uint32_t>(acl::kSubHeadLen + entries));
+    uint32_t total_count = acl::be32(out + acl::kSahCount);
+    acl::put_be32(out + acl::kSahCount, total_count + static_cast<uint32_t>(count) - static_cast<uint32_t>(s.count));
+
+    std::free(acl->value);
+    acl->value = out;
+    acl->length = static_cast<qv_int32_t>(total);
+    return 0;
+}
+
+// Appends a sub-ACL holding only the entry to an ACL without one for its
+// type and mechanism (old empty: to a new empty ACL). last_head is the
+// offset of the last sub-ACL's head, 0 when there is none.
+qv_int32_t append_subacl(std::span<const uint8_t> old, size_t last_head, const uint8_t *entry,
+                         sec_acl_buffer_t acl) {
+    const size_t base = old.empty() ? acl::kHeadLen : old.size();
+    const size_t elen = acl::entry_length(entry);
+    const size_t total = base + acl::kSubHeadLen + elen;
+    if (total > INT32_MAX) return no_memory(total);
+    auto *out = static_cast<uint8_t *>(std::malloc(total));
+    if (out == nullptr) return no_memory(total);
+    if (old.empty()) {
+        acl::put_be32(out, SEC_ACL_HEAD_MAGIC);
+        acl::put_be32(out + acl::kSahStartoff, 0);
+        acl::put_be32(out + acl::kSahVersion, SEC_ACL_VERSION);
+        acl::put_be32(out + acl::kSahCount, 0);
+    } else {
+        std::memcpy(out, old.data(), old.size());
+    }
+    uint8_t *h = out + base;
+    acl::put_be32(h, SEC_SUBACL_HEAD_MAGIC);
+    acl::put_be32(h + acl::kSshType, 0);
+    acl::put_be16(h + acl::kSshType, acl::entry_type(entry));
+    acl::put_be32(h + acl::kSshMech, acl::entry_mech(entry));
+    acl::put_be32(h + acl::kSshNextoff, 0);
+    acl::put_be32(h + acl::kSshCount, 1);
+    std::memcpy(h + acl::kSubHeadLen, entry, elen);
+    if (last_head == 0)
+        acl::put_be32(out + acl::kSahStartoff, static_cast<uint32_t>(acl::kHeadLen));
+    else
+        acl::put_be32(out + last_head + acl::kSshNextoff, static_cast<uint32_t>(base - last_head));
+    acl::put_be32(out + acl::kSahCount, acl::be32(out + acl::kSahCount) + 1);
+
+    std::free(acl->value);
+    acl->value = out;
+    acl->length = static_cast<qv_int32_t>(total);
+    return 0;
+}
+
+// What one pass over a sub-ACL's entries finds out.
+struct Scan {
+    int32_t count = 0;
+    bool plain = true;    // every comparison is strcmp
+    bool sorted = true;   // strictly ascending (plain entries only)
+    bool duplicate = false;
+    size_t place = 0;     // offset of the first entry not below the new one
+    bool equal = false;   // ... and it has the new entry's identifier
+};
+
+bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *entry, Scan &r) {
+    const uint8_t *b = buf.data();
+    const char *prev = nullptr;
+    const char *key = acl::entry_id(entry);
+    bool placed = false;
+    r.place = s.end;
+    for (size_t off = s.begin; off < s.end;) {
+        const uint8_t *e = b + off;
+        const size_t room = s.end - off;
+        if (room < acl::kEntryHeadLen) return false;
+        const uint32_t len = acl::be32(e);
+        if (len < acl::kEntryHeadLen || len > room) return false;
+        // An entry as sec_create_acle makes it ends with its NUL and two
+        // zero bytes: then it is readable and compares plainly, whatever
+        // comes before, and the search for its NUL is saved.
+        if (!(len > acl::kEntryHeadLen && e[len - 3] == 0)) {
+            const void *nul = std::memchr(e + acl::kIdOffset, 0, len - acl::kIdOffset);
+            if (nul == nullptr) return false;
+            const size_t id_length = static_cast<const uint8_t *>(nul) - (e + acl::kIdOffset);
+            if (!acl::compares_plainly(e, id_length)) r.plain = false;
+        }
+        const char *id = acl::entry_id(e);
+        if (r.plain) {
+            // Plain comparisons are strcmp: the cheaper call gives the same order.
+            if (r.sorted && prev != nullptr) {
+                int c = std::strcmp(prev, id);
+                if (c == 0) r.duplicate = true;
+                if (c >= 0) r.sorted = false;
+            }
+            if (!placed) {
+                int c = std::strcmp(id, key);
+                if (c >= 0) {
+                    placed = true;
+                    r.place = off;
+                    r.equal = c == 0;
+                }
+            }
+        }
+        prev = id;
+        off += len;
+        ++r.count;
+    }
+    return r.count == s.count;
+}
+
+std::vector<const uint8_t *> stored_entries(std::span<const uint8_t> buf, const acl::SubAcl &s) {
+    std::vector<const uint8_t *> v;
+    v.reserve(static_cast<size_t>(s.count));
+    for (size_t off = s.begin; off < s.end; off += acl::be32(buf.data() + off)) v.push_back(buf.data() + off);
+    return v;
+}
+
+Pieces pieces_of(const std::vector<const uint8_t *> &entries) {
+    Pieces p;
+    p.reserve(entries.size());
+    for (const uint8_t *e : entries) p.emplace_back(e, acl::entry_length(e));
+    return p;
+}
+
+// A sub-ACL in stored order: everything before the entry's place, the entry
+// (add), everything after the entry it replaces or deletes.
+qv_int32_t edit_in_order(std::span<const uint8_t> buf, const acl::SubAcl &s, const Scan &r, const uint8_t *entry,
+                         bool add, sec_acl_buffer_t acl) {
+    if (!add && !r.equal) return not_found(entry);
+    const uint8_t *b = buf.data();
+    const size_t after = r.equal ? r.place + acl::be32(b + r.place) : r.place;
+    Pieces p;
+    p.reserve(3);
+    p.emplace_back(b + s.begin, r.place - s.begin);
+    if (add) p.emplace_back(entry, acl::entry_length(entry));
+    p.emplace_back(b + after, s.end - after);
+    const int32_t count = r.count + (add ? (r.equal ? 0 : 1) : -1);
+    return rebuild(buf, s, p, count, acl);
+}
+
+// A plain sub-ACL stored out of order: sorted, then edited.
+qv_int32_t edit_unsorted(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *entry, bool add,
+                         sec_acl_buffer_t acl) {
+    std::vector<const uint8_t *> v = stored_entries(buf, s);
+    auto less = [](const uint8_t *a, const uint8_t *b) { return acl::compare_ids(a, b) < 0; };
+    std::sort(v.begin(), v.end(), less);
+    for (size_t i = 1; i < v.size(); ++i)
+        if (acl::compare_ids(v[i - 1], v[i]) == 0) return sec_report(SEC_S_INTERNAL, MSG_2650_033);
+    auto at = std::lower_bound(v.begin(), v.end(), entry, less);
+    const bool equal = at != v.end() && acl::compare_ids(*at, entry) == 0;
+    if (add) {
+        if (equal)
+            *at = entry;
+        else
+            v.insert(at, entry);
+    } else {
+        if (!equal) return not_found(entry);
+        v.erase(at);
+    }
+    return rebuild(buf, s, pieces_of(v), static_cast<int32_t>(v.size()), acl);
+}
+
+qv_int32_t edit_with_tree(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *entry, bool add,
+                          sec_acl_buffer_t acl) {
+    std::vector<const uint8_t *> out;
+    switch (acl_tree_edit(stored_entries(buf, s), entry, add, out)) {
+        case AclTreeResult::duplicate:
+            return sec_report(SEC_S_INTERNAL, MSG_2650_033);
+        case AclTreeResult::not_found:
+            return not_found(entry);
+        case AclTreeResult::ok:
+            break;
+    }
+    return rebuild(buf, s, pieces_of(out), static_cast<int32_t>(out.size()), acl);
+}
+
+qv_int32_t modify(const uint8_t *entry, bool add, sec_acl_buffer_t acl) {
+    if (acl->value == nullptr || acl->length == 0) {
+        if (!add) return not_found(entry);
+        return append_subacl({}, 0, entry, acl);
+    }
+    if (acl->length < 0) return damaged();
+    std::span<const uint8_t> buf(acl::bytes_of(acl->value), static_cast<size_t>(acl->length));
+    const uint16_t type = acl::entry_type(entry);
+    const uint32_t mech = acl::entry_mech(entry);
+    acl::SubAcl target;
+    bool found = false;
+    size_t last_head = 0;
+    // Every head is checked, not only those up to the sub-ACL changed: the
+    // rest of the buffer is copied into the new one.
+    bool intact = acl::walk_subacls(buf, [&](const acl::SubAcl &s) {
+        if (!found && s.type == type && s.mech == mech) {
+            target = s;
+            found = true;
+        }
+        last_head = s.head;
+        return true;
+    });
+    if (!intact) return damaged();
+    if (!found) {
+        if (!add) return not_found(entry);
+        return append_subacl(buf, last_head, entry, acl);
+    }
+    Scan r;
+    if (!scan(buf, target, entry, r)) return damaged();
+    if (!add && r.count == 0) return not_found(entry);
+    if (r.plain && acl::compares_plainly(entry, std::strlen(acl::entry_id(entry)))) {
+        if (r.duplicate) return sec_report(SEC_S_INTERNAL, MSG_2650_033);
+        if (r.sorted) return edit_in_order(buf, target, r, entry, add, acl);
+        return edit_unsorted(buf, target, entry, add, acl);
+    }
+    return edit_with_tree(buf, target, entry, add, acl);
+}
+
+}  // namespace
+
+extern "C" {
+
+qv_int32_t sec__modify_acles_in_acl(sec_acle_t acle, sec_boolean_t add, sec_acl_buffer_t acl) {
+    try {
+        return modify(acl::bytes_of(acle), add != 0, acl);
+    } catch (const std::bad_alloc &) {
+        // Only the vectors of the sorting and tree paths throw: one pointer
+        // per entry of the sub-ACL, and as many tree nodes.
+        return no_memory(static_cast<size_t>(acl->length) / acl::kEntryHeadLen * sizeof(sec_acltree_desc));
+    }
+}
+
+}  // extern "C"
+
+namespace {
+
+qv_int32_t add_or_delete(const char *routine, sec_acle_t acle, sec_boolean_t release, sec_acl_buffer_t acl,
+                         bool add) {
+    // An entry's length must cover its header and its identifier's NUL, or
+    // the comparison would read past it.
+    if (acle == nullptr || !acl::entry_readable(acl::bytes_of(acle), acl::entry_length(acle)))
+        return sec_acl_bad_argument(routine, 1, acle);
+    if (acl == nullptr) return sec_acl_bad_argument(routine, 3, acl);
+    qv_int32_t rc = sec_guard([&] { return sec__modify_acles_in_acl(acle, add ? 1 : 0, acl); });
+    if (rc == 0 && release == 1) std::free(acle);
+    return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+qv_int32_t sec_add_acle_to_acl(sec_acle_t acle, sec_boolean_t release, sec_acl_buffer_t acl) {
+    sec_init_once();
+    qv_int32_t rc = add_or_delete("sec_add_acle_to_acl", acle, release, acl, true);
+    sec__trace_routine_end("sec_add_acle_to_acl", rc, nullptr);
+    return rc;
+}
+
+qv_int32_t sec_del_acle_from_acl(sec_acle_t acle, sec_boolean_t release, sec_acl_buffer_t acl) {
+    sec_init_once();
+    qv_int32_t rc = add_or_delete("sec_del_acle_from_acl", acle, release, acl, false);
+    sec__trace_routine_end("sec_del_acle_from_acl", rc, nullptr);
+    return rc;
+}
+
+}  // extern "C"

@@ -1,0 +1,603 @@
+// ACL entries and buffers, their editing, the permission routines, the
+// access check and `qvsec acl`. Buffers are compared byte for byte with ones
+// this test writes itself; edits of random sub-ACLs (in order, out of order,
+// with odd stored lengths) against the editing tree written out plainly
+// here; the access check against a plain scan of the entries the ACL was
+// built from.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "alloc_failure.h"
+#include "child_process.h"
+#include "identity_fixture.h"
+#include "messages.h"
+#include "qv_sec.h"
+#include "test_support.h"
+
+// This program's identity mapping: every user is in "qvgrp" alone.
+extern "C" int sec_idm_get_groups(sec_buffer_t, int *gcount, sec_buffer_t *groups) {
+    *gcount = 1;
+    *groups = static_cast<sec_buffer_t>(calloc(1, sizeof(sec_buffer_desc)));
+    (*groups)[0] = {6, strdup("qvgrp")};
+    return 0;
+}
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using qvtest::to_hex;
+
+Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
+Bytes operator+(Bytes a, const Bytes &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// An entry as stored; pad zero bytes follow the identifier's NUL (2 as
+// sec_create_acle makes them; other values give odd stored lengths).
+Bytes entry(uint16_t type, uint32_t mech, uint32_t perm, const std::string &id = "", size_t pad = 2) {
+    Bytes b = be32(0) + be32(mech) + be32(perm) + Bytes{uint8_t(type >> 8), uint8_t(type)};
+    if (type == 3 || type == 4) b = b + Bytes(id.begin(), id.end()) + Bytes(1 + pad, 0);
+    else b = b + Bytes(2, 0);
+    Bytes len = be32(uint32_t(b.size()));
+    std::copy(len.begin(), len.end(), b.begin());
+    return b;
+}
+
+struct Sub {
+    uint16_t type;
+    uint32_t mech;
+    std::vector<Bytes> entries;
+};
+
+Bytes acl_of(const std::vector<Sub> &subs) {
+    uint32_t total = 0;
+    for (const Sub &s : subs) total += uint32_t(s.entries.size());
+    Bytes b = be32(SEC_ACL_HEAD_MAGIC) + be32(subs.empty() ? 0 : 16) + be32(1) + be32(total);
+    for (size_t i = 0; i < subs.size(); ++i) {
+        Bytes body;
+        for (const Bytes &e : subs[i].entries) body = body + e;
+        uint32_t next = i + 1 == subs.size() ? 0 : uint32_t(20 + body.size());
+        b = b + be32(SEC_SUBACL_HEAD_MAGIC) + Bytes{uint8_t(subs[i].type >> 8), uint8_t(subs[i].type), 0, 0} +
+            be32(subs[i].mech) + be32(next) + be32(uint32_t(subs[i].entries.size())) + body;
+    }
+    return b;
+}
+
+// The thread's error: message number and arguments as text.
+std::pair<int, std::vector<std::string>> last_error() {
+    std::pair<int, std::vector<std::string>> out{-1, {}};
+    cu_error_t *e = nullptr;
+    if (cu_get_error_1(&e) != 0 || e == nullptr) return out;
+    out.first = e->cu_error_id != 0 ? e->cu_msg_num : -1;
+    for (qv_uint32_t i = 0; i < e->cu_arg_cnt; ++i) {
+        const cu_arg_t &a = e->cu_args[i];
+        out.second.push_back(a.cu_arg_type == CU_ARG_STRING ? a.cu_arg_value.cu_arg_string
+                             : a.cu_arg_type == CU_ARG_INT  ? std::to_string(a.cu_arg_value.cu_arg_long)
+                                                            : std::to_string(a.cu_arg_value.cu_arg_ulong));
+    }
+    cu_rel_error_1(e);
+    return out;
+}
+
+// An ACL buffer made from bytes through the library, freed at the end.
+struct Acl {
+    sec_acl_buffer_desc d{0, nullptr};
+    Acl() = default;
+    explicit Acl(const Bytes &b) { EXPECT_EQ(sec_create_acl_from_data(int32_t(b.size()), (void *)b.data(), &d), 0); }
+    ~Acl() { free(d.value); }
+    Bytes bytes() const { return d.value ? Bytes((uint8_t *)d.value, (uint8_t *)d.value + d.length) : Bytes{}; }
+};
+
+struct Entry {
+    sec_acle_t e = nullptr;
+    Entry(uint32_t type, uint32_t mech, uint32_t perm, const char *id) {
+        EXPECT_EQ(sec_create_acle(mech, perm, type, const_cast<char *>(id), &e), 0);
+    }
+    explicit Entry(const Bytes &b) : e(static_cast<sec_acle_t>(malloc(b.size()))) { memcpy(e, b.data(), b.size()); }
+    ~Entry() { free(e); }
+};
+
+// A call, its return code, message number and leading message arguments.
+struct Row {
+    const char *what;
+    std::function<int()> call;
+    int rc, msg;
+    std::vector<std::string> args;
+};
+#define ROW(what, expr, rc, msg, ...) Row{what, [&] { return expr; }, rc, msg, {__VA_ARGS__}}
+
+void run_rows(const std::vector<Row> &rows) {
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.what);
+        cu_set_no_error_1();
+        EXPECT_EQ(r.call(), r.rc);
+        auto [msg, args] = last_error();
+        EXPECT_EQ(msg, r.rc == 0 ? -1 : r.msg);
+        args.resize(std::min(args.size(), r.args.size()));
+        EXPECT_EQ(args, r.args);
+    }
+}
+
+char kAb[] = "ab", kEmpty[] = "";
+const char *kAdd = "sec_add_acle_to_acl", *kDel = "sec_del_acle_from_acl", *kCreate = "sec_create_acle";
+const char *kCtx = "sec_sec_verify_perm_from_ctx", *kCab = "sec_sec_verify_perm_from_cab";
+constexpr sec_acl_types_desc kTypes = SEC_ACL_TYPES_DEFAULT;
+
+TEST(Acl, ArgumentsAndMessages) {
+    sec_acle_t made = nullptr, none = nullptr;
+    Entry plain(2, 7, 0xff, nullptr), named(3, 1, 1, "a");
+    sec_acl_buffer_desc out{0, nullptr}, tiny{3, kAb};
+    sec_buffer_desc id{0, nullptr}, cab{0, nullptr};
+    sec_ctx_token_desc open{}, complete{};
+    open.magic = complete.magic = SEC_CTX_TOKEN_MAGIC;
+    complete.state = SEC_CTX_S_COMPLETE;
+    Bytes good = acl_of({{3, 1, {entry(3, 1, 0xffffffff, "alice")}}}), bad = good;
+    bad[3] = 0;
+    Acl valid(good), corrupt(bad);
+    sec_boolean_t r = 7, m = 7;
+    sec_status_desc st;
+    sec_acl_types_desc shared = kTypes, no_id = kTypes;
+    shared.anyone = 1;
+    no_id.group = 5;
+    sec_acl_client_desc nameless{5, nullptr, nullptr, 0, nullptr}, anon{0, nullptr, nullptr, 0, nullptr};
+    qv_uint32_t got = 1;
+    sec_acl_buffer_t v = &valid.d, c = &corrupt.d;
+    run_rows({
+        ROW("create", sec_create_acle(0x10002, 5, 3, kAb, &made), 0, 0),
+        ROW("create: type above 16 bits", sec_create_acle(1, 1, 0x10000, kAb, &none), 4, MSG_2650_031, kCreate, "3", "65536"),
+        ROW("create: no id", sec_create_acle(1, 1, 4, nullptr, &none), 4, MSG_2650_031, kCreate, "4", "0"),
+        ROW("create: empty id", sec_create_acle(1, 1, 3, kEmpty, &none), 4, MSG_2650_031, kCreate, "4"),
+        ROW("create: id before output", sec_create_acle(1, 1, 3, nullptr, nullptr), 4, MSG_2650_031, kCreate, "4"),
+        ROW("create: no output", sec_create_acle(1, 1, 2, nullptr, nullptr), 4, MSG_2650_031, kCreate, "5", "0"),
+        ROW("display: no entry", sec_display_acle_id(nullptr, &id), 4, MSG_2650_031, "sec_display_acle_id", "1", "0"),
+        ROW("display: no identifier", sec_display_acle_id(plain.e, &id), 4, MSG_2650_031, "sec_display_acle_id", "1"),
+        ROW("display: no output", sec_display_acle_id(named.e, nullptr), 4, MSG_2650_031, "sec_display_acle_id", "2", "0"),
+        ROW("release entry: none", sec_release_acle(nullptr), 4, MSG_2650_031, kDel, "1", "0"),
+        ROW("release entry: NULL", sec_release_acle(&none), 4, MSG_2650_031, kDel, "1", "0"),
+        ROW("from data: negative", sec_create_acl_from_data(-1, kAb, &out), 4, MSG_2650_031, "sec_create_acl_from_data", "1"),
+        ROW("from data: no data", sec_create_acl_from_data(3, nullptr, &out), 4, MSG_2650_031, "sec_create_acl_from_data", "2", "0"),
+        ROW("from data: no output", sec_create_acl_from_data(3, kAb, nullptr), 4, MSG_2650_031, "sec_create_acl_from_data", "3", "0"),
+        ROW("release: bad magic", sec_release_acl(c), 6, MSG_2650_038),
+        ROW("release: shorter than the magic", sec_release_acl(&tiny), 6, MSG_2650_038),
+        ROW("release: none", sec_release_acl(nullptr), 4, MSG_2650_031, "sec_release_acl", "1"),
+        ROW("add: no entry", sec_add_acle_to_acl(nullptr, 0, v), 4, MSG_2650_031, kAdd, "1", "0"),
+        ROW("add: no ACL", sec_add_acle_to_acl(named.e, 0, nullptr), 4, MSG_2650_031, kAdd, "3", "0"),
+        ROW("delete: no entry", sec_del_acle_from_acl(nullptr, 0, nullptr), 4, MSG_2650_031, kDel, "1", "0"),
+        ROW("delete: no ACL", sec_del_acle_from_acl(named.e, 0, nullptr), 4, MSG_2650_031, kDel, "3", "0"),
+        ROW("ctx: no status", sec_sec_verify_perm_from_ctx(nullptr, &open, 1, v, &r, &m), 4, MSG_2650_031, kCtx, "1", "0"),
+        ROW("ctx: no token", sec_sec_verify_perm_from_ctx(&st, nullptr, 1, v, &r, &m), 4, MSG_2650_031, kCtx, "2", "0"),
+        ROW("ctx: no acl", sec_sec_verify_perm_from_ctx(&st, &open, 1, nullptr, &r, &m), 4, MSG_2650_031, kCtx, "4"),
+        ROW("ctx: no result", sec_sec_verify_perm_from_ctx(&st, &open, 1, v, nullptr, &m), 4, MSG_2650_031, kCtx, "5"),
+        ROW("ctx: no mod", sec_sec_verify_perm_from_ctx(&st, &open, 1, v, &r, nullptr), 4, MSG_2650_031, kCtx, "6"),
+        ROW("ctx: complete context", sec_sec_verify_perm_from_ctx(&st, &complete, 1, v, &r, &m), 4, MSG_2650_003),
+        ROW("ctx: corrupt", sec_sec_verify_perm_from_ctx(&st, &open, 1, c, &r, &m), 23, MSG_2650_038),
+        ROW("cab: no status", sec_sec_verify_perm_from_cab(nullptr, &open, &cab, 1, v, &r, &m), 4, MSG_2650_031, kCab, "1"),
+        ROW("cab: no token", sec_sec_verify_perm_from_cab(&st, nullptr, &cab, 1, v, &r, &m), 4, MSG_2650_031, kCab, "2"),
+        ROW("cab: no cab", sec_sec_verify_perm_from_cab(&st, &open, nullptr, 1, v, &r, &m), 4, MSG_2650_031, kCab, "4"),
+        ROW("cab: no acl", sec_sec_verify_perm_from_cab(&st, &open, &cab, 1, nullptr, &r, &m), 4, MSG_2650_031, kCab, "5"),
+        ROW("cab: no result", sec_sec_verify_perm_from_cab(&st, &open, &cab, 1, v, nullptr, &m), 4, MSG_2650_031, kCab, "6"),
+        ROW("cab: no mod", sec_sec_verify_perm_from_cab(&st, &open, &cab, 1, v, &r, nullptr), 4, MSG_2650_031, kCab, "7"),
+        ROW("cab: complete context", sec_sec_verify_perm_from_cab(&st, &complete, &cab, 1, v, &r, &m), 4, MSG_2650_003),
+        // The ACL is read from the declared fifth argument, acl.
+        ROW("cab: corrupt acl", sec_sec_verify_perm_from_cab(&st, &open, &cab, 1, c, &r, &m), 23, MSG_2650_038),
+        ROW("check: types shared", sec_check_acl_client(v, &shared, &anon, 1, &got), 4, MSG_2650_031, "sec_check_acl_client", "2"),
+        ROW("check: name type without id", sec_check_acl_client(v, &no_id, &anon, 1, &got), 4, MSG_2650_031, "sec_check_acl_client", "2"),
+        ROW("check: no acl", sec_check_acl_client(nullptr, nullptr, &anon, 1, &got), 4, MSG_2650_031, "sec_check_acl_client", "1"),
+        ROW("check: nameless client", sec_check_acl_client(v, nullptr, &nameless, 1, &got), 4, MSG_2650_031, "sec_check_acl_client", "3"),
+        ROW("check: damaged", sec_check_acl_client(c, nullptr, &anon, 1, &got), 7, MSG_2650_038),
+    });
+    EXPECT_EQ(r + m, 14);  // failures leave the results alone
+    EXPECT_EQ(got, 0u);
+    for (sec_acl_buffer_t a : {v, &out}) {  // a valid and an empty ACL
+        r = m = 7;
+        EXPECT_EQ(sec_sec_verify_perm_from_ctx(&st, &open, 0xffffffff, a, &r, &m) + r + m, 0);
+        r = m = 7;
+        EXPECT_EQ(sec_sec_verify_perm_from_cab(&st, &open, &cab, 0xffffffff, a, &r, &m) + r + m, 0);
+    }
+    // Entry bytes, the identifier read back, the entry released.
+    EXPECT_EQ(to_hex((uint8_t *)made, 19), "00000013000100020000000500036162000000");
+    EXPECT_EQ(to_hex((uint8_t *)plain.e, 16), "0000001000000007000000ff00020000");
+    ASSERT_EQ(sec_display_acle_id(made, &id), 0);
+    EXPECT_EQ(std::string((char *)id.value, id.length), std::string("ab", 3));
+    sec_release_buffer(&id);
+    EXPECT_EQ(sec_release_acle(&made), 0);
+    EXPECT_EQ(made, nullptr);
+    EXPECT_EQ(sec_release_acl(v), 0);
+    EXPECT_EQ(v->value, nullptr);
+}
+
+// ---- Editing ----
+
+// Entries added (or deleted) in turn through the library, from the empty
+// ACL; gives the entries the ACL then holds, a later one replacing an
+// earlier one of the same identifier.
+struct Grant {
+    uint16_t type;
+    uint32_t mech, perm;
+    std::string id;
+    bool del = false;
+};
+
+std::vector<Grant> build(Acl &a, const std::vector<Grant> &grants) {
+    std::vector<Grant> kept;
+    for (const Grant &g : grants) {
+        Entry e(g.type, g.mech, g.perm, g.id.c_str());
+        EXPECT_EQ(g.del ? sec_del_acle_from_acl(e.e, 0, &a.d) : sec_add_acle_to_acl(e.e, 0, &a.d), 0) << g.id;
+        std::erase_if(kept, [&](const Grant &k) { return k.type == g.type && k.mech == g.mech && k.id == g.id; });
+        if (!g.del) kept.push_back(g);
+    }
+    return kept;
+}
+
+Bytes edited(const std::vector<Grant> &ops) {
+    Acl a;
+    build(a, ops);
+    return a.bytes();
+}
+
+TEST(AclEdit, BuiltBuffers) {
+    EXPECT_EQ(to_hex(edited({{3, 0x10002, 5, "b"}})),
+              "b0bc0de1000000100000000100000001b0bc0de2000300000001000200000000"
+              "00000001000000120001000200000005000362000000");
+    const std::vector<std::pair<std::vector<Grant>, Bytes>> rows = {
+        {{{3, 1, 1, "b"}, {3, 1, 2, "a"}, {3, 1, 3, "c"}},
+         acl_of({{3, 1, {entry(3, 1, 2, "a"), entry(3, 1, 1, "b"), entry(3, 1, 3, "c")}}})},
+        {{{3, 1, 1, "a"}, {3, 1, 9, "a"}}, acl_of({{3, 1, {entry(3, 1, 9, "a")}}})},
+        {{{1, 1, 1, "x"}, {1, 1, 2, "y"}}, acl_of({{1, 1, {entry(1, 1, 2)}}})},
+        {{{4, 2, 1, "g"}, {3, 1, 1, "u"}, {4, 1, 1, "h"}, {4, 2, 5, "f"}},
+         acl_of({{4, 2, {entry(4, 2, 5, "f"), entry(4, 2, 1, "g")}}, {3, 1, {entry(3, 1, 1, "u")}},
+                 {4, 1, {entry(4, 1, 1, "h")}}})},
+        {{{3, 1, 1, "a"}, {3, 1, 1, "bb"}, {3, 2, 1, "z"}, {3, 1, 0, "a", true}},
+         acl_of({{3, 1, {entry(3, 1, 1, "bb")}}, {3, 2, {entry(3, 2, 1, "z")}}})},
+        {{{3, 1, 1, "a"}, {2, 0, 1, ""}, {3, 1, 0, "a", true}}, acl_of({{3, 1, {}}, {2, 0, {entry(2, 0, 1)}}})},
+    };
+    for (const auto &[ops, want] : rows) EXPECT_EQ(to_hex(edited(ops)), to_hex(want)) << ops.back().id;
+}
+
+TEST(AclEdit, FailuresLeaveTheBufferAsItWas) {
+    const Bytes abc = acl_of({{3, 1, {entry(3, 1, 1, "a"), entry(3, 1, 1, "c")}}, {4, 1, {entry(4, 1, 1, "g")}}});
+    auto at = [&](size_t i, uint8_t v) {
+        Bytes b = abc;
+        b[i] = v;
+        return b;
+    };
+    const Bytes dup = acl_of({{3, 1, {entry(3, 1, 1, "b"), entry(3, 1, 1, "a"), entry(3, 1, 2, "b")}}});
+    struct Case {
+        Bytes acl;
+        bool add;
+        Bytes entry;
+        int rc, msg;
+        std::vector<std::string> args;
+    };
+    const std::vector<Case> rows = {
+        {abc, false, entry(3, 1, 0, "b"), 18, MSG_2650_035, {"3", "b"}},  // the type where the mechanism is named
+        {abc, false, entry(3, 9, 0, "a"), 18, MSG_2650_035, {"3", "a"}},
+        {acl_of({{3, 1, {}}}), false, entry(3, 1, 0, "a"), 18, MSG_2650_035, {}},
+        {{}, false, entry(4, 1, 0, "q"), 18, MSG_2650_035, {"4", "q"}},
+        {dup, true, entry(3, 1, 0, "z"), 23, MSG_2650_033, {}},
+        {at(0, 0), true, entry(3, 1, 0, "b"), 6, MSG_2650_038, {}},                // head magic
+        {at(16, 0), true, entry(3, 1, 0, "b"), 6, MSG_2650_038, {}},               // sub-ACL magic
+        {at(72, 0), true, entry(3, 1, 0, "b"), 6, MSG_2650_038, {}},               // a later sub-ACL's magic
+        {at(7, 20), true, entry(3, 1, 0, "b"), 6, MSG_2650_038, {}},               // start offset
+        {at(31, 8), false, entry(4, 1, 0, "g"), 6, MSG_2650_038, {}},              // next offset
+        {at(39, 0x40), false, entry(3, 1, 0, "a"), 6, MSG_2650_038, {}},           // entry overruns
+        {at(35, 3), true, entry(3, 1, 0, "b"), 6, MSG_2650_038, {}},               // count
+        {Bytes(abc.begin(), abc.begin() + 9), true, entry(3, 1, 0, "b"), 6, MSG_2650_038, {}},
+        {abc, true, Bytes{0, 0, 0, 16, 0, 0, 0, 1, 0, 0, 0, 1, 0, 3, 'x', 'y'}, 4, MSG_2650_031, {kAdd, "1"}},
+    };
+    for (const Case &r : rows) {
+        Acl a(r.acl);
+        void *before = a.d.value;
+        Entry e(r.entry);
+        run_rows({Row{"failure", [&] { return r.add ? sec_add_acle_to_acl(e.e, 1, &a.d) : sec_del_acle_from_acl(e.e, 1, &a.d); },
+                      r.rc, r.msg, r.args}});
+        EXPECT_EQ(a.d.value, before);
+        EXPECT_EQ(a.bytes(), r.acl);
+    }
+}
+
+// The editing tree, plainly: a node that compares greater sends the new
+// entry left. Returns 0, 23 or 18, and the entries in order.
+struct Tree {
+    struct Node {
+        const Bytes *e;
+        int left = -1, right = -1;
+        bool present = true;
+    };
+    std::vector<Node> nodes;
+    static int cmp(const Bytes &a, const Bytes &b) {
+        return strncmp((const char *)&a[14], (const char *)&b[14], std::max(a[3] | a[2] << 8, b[3] | b[2] << 8) - 16);
+    }
+    int *find(const Bytes &e, int *link) {
+        while (*link != -1 && cmp(*nodes[*link].e, e) != 0)
+            link = cmp(*nodes[*link].e, e) > 0 ? &nodes[*link].left : &nodes[*link].right;
+        return link;
+    }
+    void walk(int i, std::vector<Bytes> &out) {
+        if (i == -1) return;
+        walk(nodes[i].left, out);
+        if (nodes[i].present) out.push_back(*nodes[i].e);
+        walk(nodes[i].right, out);
+    }
+    int edit(const std::vector<Bytes> &stored, const Bytes &x, bool add, std::vector<Bytes> &out) {
+        nodes.reserve(stored.size() + 1);
+        int root = -1;
+        for (const Bytes &e : stored) {
+            int *link = find(e, &root);
+            if (*link != -1) return 23;
+            nodes.push_back({&e});
+            *link = int(nodes.size()) - 1;
+        }
+        int *link = find(x, &root);
+        if (!add && *link == -1) return 18;
+        if (!add) nodes[*link].present = false;
+        if (add && *link != -1) nodes[*link].e = &x;
+        if (add && *link == -1) {
+            nodes.push_back({&x});
+            *link = int(nodes.size()) - 1;
+        }
+        walk(root, out);
+        return 0;
+    }
+};
+
+TEST(AclEdit, AgreesWithTheEditingTree) {
+    std::mt19937 rng(11);
+    auto pick = [&](int n) { return int(rng() % n); };
+    const char *ids[] = {"a", "b", "ab", "abc", "b0", "\x7f", "ba", "c", "ca", "abd"};
+    int outcomes[24] = {};
+    for (int round = 0; round < 3000; ++round) {
+        const int kind = round % 3;  // 0 in order, 1 any order, 2 any order with odd stored lengths
+        std::vector<Bytes> stored;
+        std::set<std::string> seen;
+        for (int i = pick(9); i > 0; --i) {
+            std::string id = ids[pick(10)];
+            if (kind == 0 && !seen.insert(id).second) continue;
+            stored.push_back(entry(3, 7, uint32_t(rng()), id, kind == 2 ? size_t(pick(2) * 4) : 2));
+        }
+        if (kind == 0) std::sort(stored.begin(), stored.end(), [](auto &a, auto &b) { return Tree::cmp(a, b) < 0; });
+        const Bytes x = entry(3, 7, uint32_t(rng()), ids[pick(10)], kind == 2 ? size_t(pick(3)) : 2);
+        const bool add = pick(2) == 0;
+        const Sub before{4, 7, {entry(4, 7, 1, "g")}}, after{3, 8, {entry(3, 8, 1, "z")}};
+        Acl a(acl_of({before, {3, 7, stored}, after}));
+        const Bytes original = a.bytes();
+        Entry e(x);
+        std::vector<Bytes> out;
+        const int want = Tree().edit(stored, x, add, out);
+        ++outcomes[want];
+        ASSERT_EQ(add ? sec_add_acle_to_acl(e.e, 0, &a.d) : sec_del_acle_from_acl(e.e, 0, &a.d), want) << round;
+        ASSERT_EQ(to_hex(a.bytes()), to_hex(want == 0 ? acl_of({before, {3, 7, out}, after}) : original)) << round;
+    }
+    EXPECT_GT(outcomes[0], 1000);
+    EXPECT_GT(outcomes[18], 100);
+    EXPECT_GT(outcomes[23], 100);
+}
+
+TEST(AclEdit, AllocationFailuresLeaveTheBuffer) {
+    auto sub = [](const char *first, const char *second, size_t pad) {
+        return acl_of({{3, 1, {entry(3, 1, 1, first, pad), entry(3, 1, 1, second, pad)}}});
+    };
+    const std::vector<std::tuple<Bytes, bool, Bytes>> rows = {
+        {sub("a", "c", 2), true, entry(3, 1, 2, "b")},  {sub("a", "c", 2), true, entry(4, 1, 2, "b")},
+        {sub("a", "c", 2), false, entry(3, 1, 2, "c")}, {sub("c", "a", 2), true, entry(3, 1, 2, "b")},
+        {sub("c", "a", 1), false, entry(3, 1, 0, "a", 1)}, {{}, true, entry(3, 1, 2, "b")}};
+    for (const auto &[acl, add, bytes] : rows) {
+        Acl a(acl), b(acl);
+        Entry e(bytes);
+        auto step = [&, add = add](sec_acl_buffer_t buf) {
+            return add ? sec_add_acle_to_acl(e.e, 0, buf) : sec_del_acle_from_acl(e.e, 0, buf);
+        };
+        ASSERT_EQ(step(&b.d), 0);
+        void *before = a.d.value;
+        cu_set_no_error_1();
+        qvtest::alloc_failure_sweep([&] { return step(&a.d); }, [&, &acl = acl](int rc, bool failed) {
+            cu_set_no_error_1();  // the thread's error record is not a leak
+            EXPECT_EQ(rc, failed ? 6 : 0);
+            EXPECT_EQ(a.bytes(), failed ? acl : b.bytes());
+            if (failed) {
+                EXPECT_EQ(a.d.value, before);
+                return;
+            }
+            free(a.d.value);
+            a.d = {0, nullptr};
+            if (!acl.empty()) {
+                EXPECT_EQ(sec_create_acl_from_data(int32_t(acl.size()), (void *)acl.data(), &a.d), 0);
+            }
+            before = a.d.value;
+        });
+    }
+}
+
+// ---- The access check ----
+
+struct Client {
+    uint32_t mech = 0;
+    std::string name, mname;
+    std::vector<std::string> groups;
+};
+
+// Which bits the entries grant, read straight from the rules.
+uint32_t model_grant(const std::vector<Grant> &acl, const sec_acl_types_desc &t, const Client &c) {
+    uint32_t bits = 0;
+    for (const Grant &g : acl) {
+        const int ty = g.type;
+        const bool own = c.mech != 0 && g.mech == c.mech;
+        if ((ty == t.anyone && (g.mech == 0 || own)) ||
+            (own && (ty == t.authenticated || (ty == t.network_name && g.id == c.name) ||
+                     (ty == t.mapped_name && !c.mname.empty() && g.id == c.mname) ||
+                     (ty == t.group && std::count(c.groups.begin(), c.groups.end(), g.id) > 0))))
+            bits |= g.perm;
+    }
+    return bits;
+}
+
+uint32_t check(const sec_acl_buffer_desc &acl, const sec_acl_types_desc &t, const Client &c) {
+    std::vector<const char *> groups;
+    for (const std::string &g : c.groups) groups.push_back(g.c_str());
+    sec_acl_client_desc d{c.mech, c.mech ? c.name.c_str() : nullptr, c.mname.empty() ? nullptr : c.mname.c_str(),
+                          int32_t(groups.size()), groups.data()};
+    uint32_t granted = 0;
+    EXPECT_EQ(sec_check_acl_client(const_cast<sec_acl_buffer_t>(&acl), &t, &d, 0xffffffff, &granted), 0);
+    return granted;
+}
+
+TEST(AclCheck, NamedCasesAndContexts) {
+    Acl a;
+    build(a, {{3, 5, 0x1, "alice"}, {4, 5, 0x2, "staff"}, {1, 5, 0x4, ""}, {2, 0, 0x8, ""}, {3, 6, 0x10, "bob"},
+              {2, 5, 0x20, ""}, {3, 0, 0x40, "alice"}});
+    const std::vector<std::tuple<const char *, Client, uint32_t>> rows = {
+        {"name, group, any authenticated, anyone", {5, "alice", "", {"staff"}}, 0x2f},
+        {"another mechanism's entry does not apply", {5, "bob", "", {}}, 0x2c},
+        {"unauthenticated: anyone of mechanism 0 only", {}, 0x8},
+        {"other mechanism: its own entries", {6, "bob", "", {"staff"}}, 0x18},
+        {"identifiers compare exactly", {5, "alic", "", {"staf", "staff0"}}, 0x2c},
+    };
+    for (const auto &[what, client, want] : rows) EXPECT_EQ(check(a.d, kTypes, client), want) << what;
+
+    // Identity contexts: their names and groups; unmapped, the name alone.
+    sec_mpm_entry_desc mpm{};
+    mpm.code = 5;
+    char name[] = "alice", group[] = "staff";
+    sec_buffer_desc groups[1] = {{6, group}};
+    sec_ctx_token_desc id{};
+    id.magic = SEC_CTX_TOKEN_MAGIC;
+    id.state = SEC_CTX_S_COMPLETE | SEC_CTX_S_IDENTITY | SEC_CTX_S_AUTHENTICATED | SEC_CTX_S_MAPPED;
+    id.mdata.mpm = &mpm;
+    id.privset = {name, nullptr, 1, groups};
+    sec_ctx_token_desc unmapped = id, unauth = id, open = id;
+    unmapped.state &= ~SEC_CTX_S_MAPPED;
+    unauth.state &= ~SEC_CTX_S_AUTHENTICATED;
+    open.state &= ~SEC_CTX_S_COMPLETE;
+    sec_status_desc st;
+    for (auto [ctx, requested, want] : {std::tuple{&id, 0xffu, 0x2fu}, {&id, 0x2u, 0x2u}, {&unmapped, 0xffu, 0x2du},
+                                        {&unauth, 0xffu, 0x8u}}) {
+        uint32_t got = 0;
+        EXPECT_EQ(sec_check_acl_access(&st, ctx, &a.d, nullptr, requested, &got), 0);
+        EXPECT_EQ(got, want);
+    }
+    uint32_t got = 1;
+    sec_acl_types_desc bad = kTypes;
+    bad.network_name = 1;
+    const char *kCheck = "sec_check_acl_access";
+    run_rows({
+        ROW("no status", sec_check_acl_access(nullptr, &id, &a.d, nullptr, 1, &got), 4, MSG_2650_031, kCheck, "1"),
+        ROW("no context", sec_check_acl_access(&st, nullptr, &a.d, nullptr, 1, &got), 4, MSG_2650_031, kCheck, "2"),
+        ROW("no acl", sec_check_acl_access(&st, &id, nullptr, nullptr, 1, &got), 4, MSG_2650_031, kCheck, "3"),
+        ROW("bad types", sec_check_acl_access(&st, &id, &a.d, &bad, 1, &got), 4, MSG_2650_031, kCheck, "4"),
+        ROW("no output", sec_check_acl_access(&st, &id, &a.d, nullptr, 1, nullptr), 4, MSG_2650_031, kCheck, "6"),
+        ROW("not complete", sec_check_acl_access(&st, &open, &a.d, nullptr, 1, &got), 5, MSG_2650_003),
+    });
+    EXPECT_EQ(got, 0u);
+}
+
+// Random ACLs built through the library, random clients: the check grants
+// what the model grants. Identifiers, mechanisms and bits are drawn so that
+// their bytes look like entry fields (small values, the types' own bytes),
+// which is what could mislead the search; one ACL in a hundred is large.
+TEST(AclCheck, AgreesWithTheModel) {
+    std::mt19937 rng(4);
+    auto pick = [&](uint32_t n) { return rng() % n; };
+    const std::string alphabet("\x01\x03\x04\x11" "ab");
+    auto id = [&] {
+        std::string s;
+        for (uint32_t n = 1 + pick(pick(8) == 0 ? 40 : 4); n > 0; --n) s += alphabet[pick(alphabet.size())];
+        return s;
+    };
+    const uint32_t mechs[] = {0, 0x00030003, 0x01000000, 0x00000003};
+    const uint32_t perms[] = {0x1, 0x300, 0x00030000, 0x04000000, 0x80000001};
+    int granted = 0;
+    for (int round = 0; round < 2000; ++round) {
+        std::vector<Grant> grants;
+        std::vector<std::string> names;
+        for (int n = round % 100 == 0 ? 3000 : int(pick(40)); n > 0; --n) {
+            Grant g{uint16_t(1 + pick(5)), mechs[pick(4)], perms[pick(5)], ""};
+            if (g.type == 3 || g.type == 4) g.id = id(), names.push_back(g.id);
+            grants.push_back(g);
+        }
+        Acl a;
+        const std::vector<Grant> kept = build(a, grants);
+        for (int k = 0; k < 5; ++k) {
+            Client c{mechs[pick(4)], "", "", {}};
+            auto some = [&] { return !names.empty() && pick(2) ? names[pick(names.size())] : id(); };
+            if (c.mech != 0) {
+                c.name = some();
+                c.mname = pick(2) ? some() : "";
+                for (uint32_t g = pick(4); g > 0; --g) c.groups.push_back(some());
+            }
+            const sec_acl_types_desc types = pick(2) ? kTypes : sec_acl_types_desc{4, 3, -1, 2, 5};
+            const uint32_t got = check(a.d, types, c);
+            ASSERT_EQ(got, model_grant(kept, types, c)) << "round " << round << " client " << k;
+            granted += got != 0;
+        }
+    }
+    EXPECT_GT(granted, 3000);
+}
+
+// A security context: its mechanism names the client and maps it, and the
+// mapping gives the groups; a mechanism that cannot name it stops the check.
+using AclSecurityContext = qvtest::HandBuiltContextFixture;
+
+TEST_F(AclSecurityContext, NamesAndGroupsComeFromTheMechanism) {
+    Acl a;
+    build(a, {{3, kCode, 0x1, "qvtest_client@example"}, {4, kCode, 0x2, "qvgrp"}, {3, kCode, 0x4, "qvtest_user"}});
+    const sec_acl_types_desc mapped{-1, 3, 4, 1, 2};
+    sec_status_desc st;
+    uint32_t got = 0;
+    EXPECT_EQ(sec_check_acl_access(&st, &token_, &a.d, nullptr, 0xff, &got), 0);
+    EXPECT_EQ(got, 0x3u);
+    EXPECT_EQ(sec_check_acl_access(&st, &token_, &a.d, &mapped, 0xff, &got), 0);
+    EXPECT_EQ(got, 0x6u);
+    mpm_.behaviour(QVTEST_MPM_GET_CLIENT_NAME).maj_stat = 9;
+    EXPECT_EQ(sec_check_acl_access(&st, &token_, &a.d, nullptr, 0xff, &got), SEC_S_MPM_FAILURE);
+    EXPECT_EQ(st.maj_stat, 9u);
+    EXPECT_EQ(got, 0u);
+}
+
+// ---- qvsec acl ----
+
+TEST(AclTool, EditsShowsChecksAndRefusesDamage) {
+    qvtest::TempDir dir;
+    const std::string f = dir.path() + "/a.acl", bad = dir.write("bad.acl", std::string("\xb0\xbc\x0d\xe1\0\0\0\x14", 8));
+    auto qvsec = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), "acl");
+        return qvtest::run_tool(QVSEC_PATH, args, {{"QV_SEC_CONFIG", "/nonexistent"}});
+    };
+    const std::vector<std::tuple<std::vector<std::string>, int, std::string>> rows = {
+        {{"add", f, "3", "1", "0x5", "alice"}, 0, ""},
+        {{"add", f, "4", "1", "0x10", "staff"}, 0, ""},
+        {{"add", f, "2", "none", "0x100"}, 0, ""},
+        {{"add", f, "3", "1", "0x2", "bob"}, 0, ""},
+        {{"del", f, "3", "1", "alice"}, 0, ""},
+        {{"del", f, "3", "1", "alice"}, 1, ""},
+        {{"show", f}, 0, "  type 3  0x00000001 perm 0x00000002  bob\n"},
+        {{"check", f, "1", "bob", "staff"}, 0, "granted 0x00000112\n  type 3  0x00000001 perm 0x00000002  bob\n"},
+        {{"check", f, "none"}, 0, "granted 0x00000100\n  type 2  none       perm 0x00000100  \n"},
+        {{"add", f, "3", "1", "0x5"}, 2, ""},
+        {{"add", bad, "3", "1", "0x5", "x"}, 1, ""},
+    };
+    for (const auto &[args, status, out] : rows) {
+        qvtest::ToolRun r = qvsec(args);
+        EXPECT_EQ(r.status, status) << args[0] << " " << r.err;
+        EXPECT_NE(r.out.find(out), std::string::npos) << r.out;
+    }
+    Acl expect;
+    build(expect, {{3, 1, 0x2, "bob"}, {4, 1, 0x10, "staff"}, {2, 0, 0x100, ""}});
+    const std::string file = qvtest::read_file(f);
+    EXPECT_EQ(to_hex(Bytes(file.begin(), file.end())), to_hex(expect.bytes()));
+    qvtest::ToolRun r = qvsec({"show", bad});
+    EXPECT_EQ(r.err, "qvsec: " + bad + ": damaged ACL at offset 0: not an ACL (no ACL head)\n");
+    EXPECT_EQ(qvtest::read_file(bad).size(), 8u);  // left as it was, and nothing left beside it
+    auto files = std::filesystem::directory_iterator(dir.path());
+    EXPECT_EQ(std::distance(begin(files), end(files)), 2);
+}
+
+}  // namespace
