@@ -1,0 +1,243 @@
+// Montgomery multiplication (the interleaved, coarsely integrated form: one
+// pass per limb of a both adds a[i] * b and cancels the low limb with a
+// multiple of m) and windowed powers on it.
+#include "bn_montgomery.h"
+
+#include <algorithm>
+
+namespace vorp::bn {
+
+using u128 = unsigned __int128;
+
+Limbs limbs_from_be(const uint8_t *p, size_t len, size_t n) {
+    Limbs a(n);
+    for (size_t i = 0; i < len && i / 8 < n; ++i) a[i / 8] |= Limb(p[len - 1 - i]) << (8 * (i % 8));
+    return a;
+}
+
+void limbs_to_be(const Limbs &a, uint8_t *out, size_t len) {
+    for (size_t i = 0; i < len; ++i) out[len - 1 - i] = i / 8 < a.size() ? uint8_t(a[i / 8] >> (8 * (i % 8))) : 0;
+}
+
+Limbs limbs_from_digits(const Digits &d, size_t n) {
+    Limbs a(n);
+    for (size_t i = 0; i < d.size() && i / 2 < n; ++i) a[i / 2] |= Limb(d[i]) << (32 * (i % 2));
+    return a;
+}
+
+Digits digits_from_limbs(const Limbs &a) {
+    Digits d(2 * a.size());
+    for (size_t i = 0; i < d.size(); ++i) d[i] = Digit(a[i / 2] >> (32 * (i % 2)));
+    trim(d);
+    return d;
+}
+
+namespace {
+
+// out = x - m when that does not borrow or when `carry` (x's bit above its
+// n limbs) is set, else x; by masks. x and out may alias.
+void reduce_once(Limb *out, const Limb *x, Limb carry, const Limb *m, size_t n, Limb *tmp) {
+    Limb borrow = 0;
+    for (size_t j = 0; j < n; ++j) {
+        u128 d = u128(x[j]) - m[j] - borrow;
+        tmp[j] = Limb(d);
+        borrow = Limb(d >> 64) & 1;
+    }
+    const Limb mask = Limb(0) - (carry | (borrow ^ 1));
+    for (size_t j = 0; j < n; ++j) out[j] = (tmp[j] & mask) | (x[j] & ~mask);
+}
+
+}  // namespace
+
+Montgomery::Montgomery(Limbs m, bool secret) : m_(std::move(m)), n_(m_.size()), scratch_(2 * m_.size() + 2) {
+    // Newton's iteration doubles the correct low bits of the inverse; an
+    // odd m0 is its own inverse modulo 8.
+    const Limb m0 = m_[0];
+    Limb inv = m0;
+    for (int i = 0; i < 5; ++i) inv *= 2 - m0 * inv;
+    m0inv_ = Limb(0) - inv;
+    rr_.assign(n_, 0);
+    if (!secret) {
+        Digits r, big = mag_shift_left(Digits{1}, 128 * n_);
+        mag_divide(big, digits_from_limbs(m_), nullptr, &r);
+        rr_ = limbs_from_digits(r, n_);
+        return;
+    }
+    // R mod m by 64n doublings of 1, each reduced by a masked subtraction;
+    // then with 64n = t * 2^k: t more doublings give 2^t * R, and k
+    // Montgomery squarings (x -> x^2 / R) take it to 2^(64n) * R = R^2.
+    Limb *tmp = scratch_.data();
+    Limbs x(n_);
+    x[0] = 1;
+    reduce_once(x.data(), x.data(), 0, m_.data(), n_, tmp);  // m = 1 gives 0
+    const size_t total = 64 * n_;
+    const size_t k = size_t(__builtin_ctzll(total)), t = total >> k;
+    for (size_t step = 0; step < total + t; ++step) {
+        Limb carry = 0;
+        for (size_t j = 0; j < n_; ++j) {
+            const Limb top = x[j] >> 63;
+            x[j] = (x[j] << 1) | carry;
+            carry = top;
+        }
+        reduce_once(x.data(), x.data(), carry, m_.data(), n_, tmp);
+    }
+    for (size_t i = 0; i < k; ++i) mul(x.data(), x.data(), x.data());
+    rr_ = std::move(x);
+}
+
+void Montgomery::mul(Limb *out, const Limb *a, const Limb *b) const {
+    const size_t n = n_;
+    Limb *t = scratch_.data();
+    const Limb *m = m_.data();
+    std::fill(t, t + n + 1, 0);
+    for (size_t i = 0; i < n; ++i) {
+        const Limb ai = a[i];
+        u128 p = u128(ai) * b[0] + t[0];
+        const Limb u = Limb(p) * m0inv_;
+        u128 q = u128(u) * m[0] + Limb(p);
+        Limb c1 = Limb(p >> 64), c2 = Limb(q >> 64);
+        for (size_t j = 1; j < n; ++j) {
+            p = u128(ai) * b[j] + t[j] + c1;
+            c1 = Limb(p >> 64);
+            q = u128(u) * m[j] + Limb(p) + c2;
+            c2 = Limb(q >> 64);
+            t[j - 1] = Limb(q);
+        }
+        const u128 s = u128(t[n]) + c1 + c2;
+        t[n - 1] = Limb(s);
+        t[n] = Limb(s >> 64);
+    }
+    // t < 2m here, so one masked subtraction reduces it.
+    reduce_once(out, t, t[n], m, n, t + n + 1);
+}
+
+Limbs Montgomery::mul(const Limbs &a, const Limbs &b) const {
+    Limbs out(n_);
+    mul(out.data(), a.data(), b.data());
+    return out;
+}
+
+Limbs Montgomery::to_mont(const Limbs &a) const {
+    Limbs out(n_);
+    mul(out.data(), a.data(), rr_.data());
+    return out;
+}
+
+Limbs Montgomery::from_mont(const Limbs &a) const {
+    Limbs one(n_), out(n_);
+    one[0] = 1;
+    mul(out.data(), a.data(), one.data());
+    return out;
+}
+
+Limbs Montgomery::one() const {
+    Limbs one(n_);
+    one[0] = 1;
+    return to_mont(one);
+}
+
+Limbs Montgomery::add(const Limbs &a, const Limbs &b) const {
+    Limbs out(n_);
+    Limb carry = 0;
+    for (size_t j = 0; j < n_; ++j) {
+        u128 s = u128(a[j]) + b[j] + carry;
+        out[j] = Limb(s);
+        carry = Limb(s >> 64);
+    }
+    reduce_once(out.data(), out.data(), carry, m_.data(), n_, scratch_.data());
+    return out;
+}
+
+Limbs Montgomery::sub(const Limbs &a, const Limbs &b) const {
+    Limbs out(n_);
+    Limb borrow = 0;
+    for (size_t j = 0; j < n_; ++j) {
+        u128 d = u128(a[j]) - b[j] - borrow;
+        out[j] = Limb(d);
+        borrow = Limb(d >> 64) & 1;
+    }
+    // Add m back under a mask when the difference went below zero.
+    const Limb mask = Limb(0) - borrow;
+    Limb carry = 0;
+    for (size_t j = 0; j < n_; ++j) {
+        u128 s = u128(out[j]) + (m_[j] & mask) + carry;
+        out[j] = Limb(s);
+        carry = Limb(s >> 64);
+    }
+    return out;
+}
+
+namespace {
+
+Limb bit_at(const Limbs &e, size_t i) { return (e[i / 64] >> (i % 64)) & 1; }
+
+size_t window_bits(size_t bits) { return bits >= 1024 ? 6 : bits >= 512 ? 5 : bits >= 128 ? 4 : bits > 32 ? 3 : 1; }
+
+}  // namespace
+
+Limbs Montgomery::power(const Limbs &base, const Limbs &exp, size_t bits, bool secret) const {
+    const size_t n = n_;
+    bits = std::min(bits, 64 * exp.size());
+    if (!secret) {
+        while (bits > 0 && !bit_at(exp, bits - 1)) --bits;
+        if (bits <= 64) {
+            // Short public exponents (e = 65537): square and multiply.
+            if (bits == 0) return one();
+            Limbs acc = base;
+            for (size_t i = bits - 1; i-- > 0;) {
+                mul(acc.data(), acc.data(), acc.data());
+                if (bit_at(exp, i)) mul(acc.data(), acc.data(), base.data());
+            }
+            return acc;
+        }
+    }
+    if (bits == 0) return one();
+    const size_t w = window_bits(bits), entries = size_t(1) << w;
+    Limbs table(n * entries);
+    {
+        Limbs o = one();
+        std::copy(o.begin(), o.end(), table.begin());
+        std::copy(base.begin(), base.end(), table.begin() + long(n));
+        for (size_t e = 2; e < entries; ++e) mul(&table[e * n], &table[(e - 1) * n], base.data());
+    }
+    // Window values are secret; only their positions are not.
+    auto window = [&](size_t pos) {
+        Limb v = 0;
+        for (size_t k = 0; k < w && pos + k < bits; ++k) v |= bit_at(exp, pos + k) << k;
+        return v;
+    };
+    Limbs sel(n);
+    auto lookup = [&](Limb idx) {
+        if (!secret) {
+            std::copy_n(&table[idx * n], n, sel.begin());
+            return;
+        }
+        std::fill(sel.begin(), sel.end(), 0);
+        for (size_t e = 0; e < entries; ++e) {
+            const Limb mask = ct_eq_mask(e, idx);
+            for (size_t j = 0; j < n; ++j) sel[j] |= table[e * n + j] & mask;
+        }
+    };
+    size_t pos = (bits - 1) / w * w;
+    lookup(window(pos));
+    Limbs acc = sel;
+    while (pos > 0) {
+        pos -= w;
+        for (size_t k = 0; k < w; ++k) mul(acc.data(), acc.data(), acc.data());
+        lookup(window(pos));
+        mul(acc.data(), acc.data(), sel.data());
+    }
+    return acc;
+}
+
+bool mont_power(const Digits &base, const Digits &exp, const Digits &m, Digits &out) {
+    if (m.size() < 2 || !(m[0] & 1)) return false;
+    const size_t n = (m.size() + 1) / 2;
+    Montgomery mont(limbs_from_digits(m, n), false);
+    Limbs x = mont.to_mont(limbs_from_digits(base, n));
+    Limbs e = limbs_from_digits(exp, (exp.size() + 1) / 2 + 1);
+    out = digits_from_limbs(mont.from_mont(mont.power(x, e, mag_bit_length(exp), false)));
+    return true;
+}
+
+}  // namespace vorp::bn
