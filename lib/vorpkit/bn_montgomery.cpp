@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "cpu_features.h"
+
 namespace vorp::bn {
 
 using u128 = unsigned __int128;
@@ -49,7 +51,8 @@ void reduce_once(Limb *out, const Limb *x, Limb carry, const Limb *m, size_t n, 
 
 }  // namespace
 
-Montgomery::Montgomery(Limbs m, bool secret) : m_(std::move(m)), n_(m_.size()), scratch_(2 * m_.size() + 2) {
+Montgomery::Montgomery(Limbs m, bool secret)
+    : m_(std::move(m)), n_(m_.size()), adx_(cpu().bmi2 && cpu().adx), scratch_(3 * m_.size() + 2) {
     // Newton's iteration doubles the correct low bits of the inverse; an
     // odd m0 is its own inverse modulo 8.
     const Limb m0 = m_[0];
@@ -86,6 +89,13 @@ Montgomery::Montgomery(Limbs m, bool secret) : m_(std::move(m)), n_(m_.size()), 
 }
 
 void Montgomery::mul(Limb *out, const Limb *a, const Limb *b) const {
+    if (adx_)
+        mul_adx(out, a, b);
+    else
+        mul_portable(out, a, b);
+}
+
+void Montgomery::mul_portable(Limb *out, const Limb *a, const Limb *b) const {
     const size_t n = n_;
     Limb *t = scratch_.data();
     const Limb *m = m_.data();
@@ -109,6 +119,89 @@ void Montgomery::mul(Limb *out, const Limb *a, const Limb *b) const {
     }
     // t < 2m here, so one masked subtraction reduces it.
     reduce_once(out, t, t[n], m, n, t + n + 1);
+}
+
+namespace {
+
+// base[0..n+1] += x * v[0..n-1]: the low halves of the products go on the
+// CF chain (ADCX), the high halves on the OF chain (ADOX), so the two run
+// side by side; four limbs a turn, then one at a time. Loop control uses
+// LEA and JRCXZ, which leave both flags alone.
+void add_row(Limb *base, const Limb *v, Limb x, size_t n) {
+    Limb *d = base;
+    const Limb *s = v;
+    size_t c = n / 4;
+    const size_t rest = n % 4;
+    __asm__ volatile(
+        "xor %%r8d, %%r8d\n\t"
+        "1:\n\t"
+        "jrcxz 2f\n\t"
+        "mulx 0(%[s]), %%rax, %%r9\n\t"
+        "adcx 0(%[d]), %%rax\n\t"
+        "adox %%r8, %%rax\n\t"
+        "mov %%rax, 0(%[d])\n\t"
+        "mov %%r9, %%r8\n\t"
+        "mulx 8(%[s]), %%rax, %%r9\n\t"
+        "adcx 8(%[d]), %%rax\n\t"
+        "adox %%r8, %%rax\n\t"
+        "mov %%rax, 8(%[d])\n\t"
+        "mov %%r9, %%r8\n\t"
+        "mulx 16(%[s]), %%rax, %%r9\n\t"
+        "adcx 16(%[d]), %%rax\n\t"
+        "adox %%r8, %%rax\n\t"
+        "mov %%rax, 16(%[d])\n\t"
+        "mov %%r9, %%r8\n\t"
+        "mulx 24(%[s]), %%rax, %%r9\n\t"
+        "adcx 24(%[d]), %%rax\n\t"
+        "adox %%r8, %%rax\n\t"
+        "mov %%rax, 24(%[d])\n\t"
+        "mov %%r9, %%r8\n\t"
+        "lea 32(%[s]), %[s]\n\t"
+        "lea 32(%[d]), %[d]\n\t"
+        "lea -1(%[c]), %[c]\n\t"
+        "jmp 1b\n\t"
+        "2:\n\t"
+        "mov %[rest], %[c]\n\t"
+        "3:\n\t"
+        "jrcxz 4f\n\t"
+        "mulx 0(%[s]), %%rax, %%r9\n\t"
+        "adcx 0(%[d]), %%rax\n\t"
+        "adox %%r8, %%rax\n\t"
+        "mov %%rax, 0(%[d])\n\t"
+        "mov %%r9, %%r8\n\t"
+        "lea 8(%[s]), %[s]\n\t"
+        "lea 8(%[d]), %[d]\n\t"
+        "lea -1(%[c]), %[c]\n\t"
+        "jmp 3b\n\t"
+        "4:\n\t"
+        "mov $0, %%r9d\n\t"
+        "mov (%[d]), %%rax\n\t"
+        "adcx %%r8, %%rax\n\t"
+        "adox %%r9, %%rax\n\t"
+        "mov %%rax, (%[d])\n\t"
+        "mov 8(%[d]), %%rax\n\t"
+        "adcx %%r9, %%rax\n\t"
+        "adox %%r9, %%rax\n\t"
+        "mov %%rax, 8(%[d])\n\t"
+        : [d] "+r"(d), [s] "+r"(s), [c] "+c"(c)
+        : "d"(x), [rest] "r"(rest)
+        : "rax", "r8", "r9", "cc", "memory");
+}
+
+}  // namespace
+
+// The same product with the rows on a window that slides up one limb a
+// turn (no shifting): after turn i the low limb t[i] is zero and the value
+// lies in t[i + 1 ..]; the result ends in t[n .. 2n].
+void Montgomery::mul_adx(Limb *out, const Limb *a, const Limb *b) const {
+    const size_t n = n_;
+    Limb *t = scratch_.data();
+    std::fill(t, t + 2 * n + 2, 0);
+    for (size_t i = 0; i < n; ++i) {
+        add_row(t + i, b, a[i], n);
+        add_row(t + i, m_.data(), t[i] * m0inv_, n);
+    }
+    reduce_once(out, t + n, t[2 * n], m_.data(), n, t + 2 * n + 2);
 }
 
 Limbs Montgomery::mul(const Limbs &a, const Limbs &b) const {

@@ -52,9 +52,13 @@ public:
     Limbs sub(const Limbs &a, const Limbs &b) const;
 
 private:
+    void mul_portable(Limb *out, const Limb *a, const Limb *b) const;
+    void mul_adx(Limb *out, const Limb *a, const Limb *b) const;
+
     Limbs m_, rr_;
     Limb m0inv_ = 0;  // -m^-1 mod 2^64
     size_t n_;
+    bool adx_;  // MULX, ADCX and ADOX are there
     mutable Limbs scratch_;
 };
 

@@ -20,6 +20,7 @@ CpuFeatures detect() {
     if (__get_cpuid_count(7, 0, &a, &b, &c, &d)) {
         f.shani = b & bit_SHA;
         f.bmi2 = b & bit_BMI2;
+        f.adx = b & bit_ADX;
         // AVX2 also needs the OS to save the YMM registers.
         if (osxsave) {
             unsigned lo, hi;

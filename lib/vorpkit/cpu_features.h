@@ -13,6 +13,7 @@ struct CpuFeatures {
     bool shani = false;   // SHA extensions
     bool avx2 = false;
     bool bmi2 = false;
+    bool adx = false;     // ADCX and ADOX (two carry chains)
     bool vaes = false;    // AES on 256-bit vectors
 };
 
