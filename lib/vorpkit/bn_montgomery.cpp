@@ -34,10 +34,6 @@ Digits digits_from_limbs(const Limbs &a) {
     return d;
 }
 
-namespace {
-
-// out = x - m when that does not borrow or when `carry` (x's bit above its
-// n limbs) is set, else x; by masks. x and out may alias.
 void reduce_once(Limb *out, const Limb *x, Limb carry, const Limb *m, size_t n, Limb *tmp) {
     Limb borrow = 0;
     for (size_t j = 0; j < n; ++j) {
@@ -48,8 +44,6 @@ void reduce_once(Limb *out, const Limb *x, Limb carry, const Limb *m, size_t n, 
     const Limb mask = Limb(0) - (carry | (borrow ^ 1));
     for (size_t j = 0; j < n; ++j) out[j] = (tmp[j] & mask) | (x[j] & ~mask);
 }
-
-}  // namespace
 
 Montgomery::Montgomery(Limbs m, bool secret)
     : m_(std::move(m)), n_(m_.size()), adx_(cpu().bmi2 && cpu().adx), scratch_(3 * m_.size() + 2) {
@@ -260,76 +254,37 @@ Limbs Montgomery::sub(const Limbs &a, const Limbs &b) const {
     return out;
 }
 
-namespace {
-
-Limb bit_at(const Limbs &e, size_t i) { return (e[i / 64] >> (i % 64)) & 1; }
-
-size_t window_bits(size_t bits) { return bits >= 1024 ? 6 : bits >= 512 ? 5 : bits >= 128 ? 4 : bits > 32 ? 3 : 1; }
-
-}  // namespace
-
 Limbs Montgomery::power(const Limbs &base, const Limbs &exp, size_t bits, bool secret) const {
-    const size_t n = n_;
     bits = std::min(bits, 64 * exp.size());
     if (!secret) {
-        while (bits > 0 && !bit_at(exp, bits - 1)) --bits;
+        while (bits > 0 && !limb_bit(exp, bits - 1)) --bits;
         if (bits <= 64) {
             // Short public exponents (e = 65537): square and multiply.
             if (bits == 0) return one();
             Limbs acc = base;
             for (size_t i = bits - 1; i-- > 0;) {
                 mul(acc.data(), acc.data(), acc.data());
-                if (bit_at(exp, i)) mul(acc.data(), acc.data(), base.data());
+                if (limb_bit(exp, i)) mul(acc.data(), acc.data(), base.data());
             }
             return acc;
         }
     }
-    if (bits == 0) return one();
-    const size_t w = window_bits(bits), entries = size_t(1) << w;
-    Limbs table(n * entries);
-    {
-        Limbs o = one();
-        std::copy(o.begin(), o.end(), table.begin());
-        std::copy(base.begin(), base.end(), table.begin() + long(n));
-        for (size_t e = 2; e < entries; ++e) mul(&table[e * n], &table[(e - 1) * n], base.data());
-    }
-    // Window values are secret; only their positions are not.
-    auto window = [&](size_t pos) {
-        Limb v = 0;
-        for (size_t k = 0; k < w && pos + k < bits; ++k) v |= bit_at(exp, pos + k) << k;
-        return v;
-    };
-    Limbs sel(n);
-    auto lookup = [&](Limb idx) {
-        if (!secret) {
-            std::copy_n(&table[idx * n], n, sel.begin());
-            return;
-        }
-        std::fill(sel.begin(), sel.end(), 0);
-        for (size_t e = 0; e < entries; ++e) {
-            const Limb mask = ct_eq_mask(e, idx);
-            for (size_t j = 0; j < n; ++j) sel[j] |= table[e * n + j] & mask;
-        }
-    };
-    size_t pos = (bits - 1) / w * w;
-    lookup(window(pos));
-    Limbs acc = sel;
-    while (pos > 0) {
-        pos -= w;
-        for (size_t k = 0; k < w; ++k) mul(acc.data(), acc.data(), acc.data());
-        lookup(window(pos));
-        mul(acc.data(), acc.data(), sel.data());
-    }
-    return acc;
+    return window_power(n_, base, one(), exp, bits, secret,
+                        [this](Limb *out, const Limb *a, const Limb *b) { mul(out, a, b); });
+}
+
+Limbs Montgomery::power_plain(const Limbs &base, const Limbs &exp, size_t bits, bool secret) const {
+    // A short public exponent (e = 65537) gains nothing from the vectors.
+    if (Limbs r; (secret || bits > 64) && power_ifma(base, exp, bits, secret, r)) return r;
+    return from_mont(power(to_mont(base), exp, bits, secret));
 }
 
 bool mont_power(const Digits &base, const Digits &exp, const Digits &m, Digits &out) {
     if (m.size() < 2 || !(m[0] & 1)) return false;
     const size_t n = (m.size() + 1) / 2;
     Montgomery mont(limbs_from_digits(m, n), false);
-    Limbs x = mont.to_mont(limbs_from_digits(base, n));
     Limbs e = limbs_from_digits(exp, (exp.size() + 1) / 2 + 1);
-    out = digits_from_limbs(mont.from_mont(mont.power(x, e, mag_bit_length(exp), false)));
+    out = digits_from_limbs(mont.power_plain(limbs_from_digits(base, n), e, mag_bit_length(exp), false));
     return true;
 }
 

@@ -8,6 +8,8 @@
 // scanning every entry. Limb vectors wipe themselves when freed.
 #pragma once
 
+#include <algorithm>
+
 #include "bn_internal.h"
 
 namespace vorp::bn {
@@ -21,6 +23,10 @@ Limbs limbs_from_be(const uint8_t *p, size_t len, size_t n);
 void limbs_to_be(const Limbs &a, uint8_t *out, size_t len);
 Limbs limbs_from_digits(const Digits &d, size_t n);
 Digits digits_from_limbs(const Limbs &a);  // trimmed: for public values only
+
+// out = x - m when that does not borrow or when `carry` (x's bit above its
+// n limbs) is set, else x, by masks; x and out may alias; tmp has n limbs.
+void reduce_once(Limb *out, const Limb *x, Limb carry, const Limb *m, size_t n, Limb *tmp);
 
 // all-ones when a == b, else zero, without a branch.
 inline Limb ct_eq_mask(Limb a, Limb b) {
@@ -47,6 +53,10 @@ public:
     // using the low `bits` bits of exp. A secret exponent takes a fixed
     // window whatever its bits; a public one may skip its zero bits.
     Limbs power(const Limbs &base, const Limbs &exp, size_t bits, bool secret) const;
+    // The same for a plain base below R, with a plain result below m; on
+    // processors with 52-bit vector multiply-add (AVX-512 IFMA) the power
+    // runs there.
+    Limbs power_plain(const Limbs &base, const Limbs &exp, size_t bits, bool secret) const;
     // (a + b) mod m and (a - b) mod m for a, b < m.
     Limbs add(const Limbs &a, const Limbs &b) const;
     Limbs sub(const Limbs &a, const Limbs &b) const;
@@ -54,6 +64,7 @@ public:
 private:
     void mul_portable(Limb *out, const Limb *a, const Limb *b) const;
     void mul_adx(Limb *out, const Limb *a, const Limb *b) const;
+    bool power_ifma(const Limbs &base, const Limbs &exp, size_t bits, bool secret, Limbs &out) const;
 
     Limbs m_, rr_;
     Limb m0inv_ = 0;  // -m^-1 mod 2^64
@@ -61,6 +72,51 @@ private:
     bool adx_;  // MULX, ADCX and ADOX are there
     mutable Limbs scratch_;
 };
+
+inline Limb limb_bit(const Limbs &e, size_t i) { return (e[i / 64] >> (i % 64)) & 1; }
+
+// base^exp over the low `bits` bits of exp by a fixed window, in any
+// representation: numbers of `digits` words, mul(out, a, b) the product
+// (out may alias), `one` the representation of 1. For a secret exponent
+// the window values select table entries by a scan of every entry.
+template <class Mul>
+Limbs window_power(size_t digits, const Limbs &base, const Limbs &one, const Limbs &exp, size_t bits, bool secret,
+                   Mul mul) {
+    if (bits == 0) return one;
+    const size_t w = bits >= 1024 ? 6 : bits >= 512 ? 5 : bits >= 128 ? 4 : bits > 32 ? 3 : 1;
+    const size_t entries = size_t(1) << w, n = digits;
+    Limbs table(n * entries);
+    std::copy_n(one.begin(), n, table.begin());
+    std::copy_n(base.begin(), n, table.begin() + long(n));
+    for (size_t e = 2; e < entries; ++e) mul(&table[e * n], &table[(e - 1) * n], base.data());
+    auto window = [&](size_t pos) {
+        Limb v = 0;
+        for (size_t k = 0; k < w && pos + k < bits; ++k) v |= limb_bit(exp, pos + k) << k;
+        return v;
+    };
+    Limbs sel(n);
+    auto lookup = [&](Limb idx) {
+        if (!secret) {
+            std::copy_n(&table[idx * n], n, sel.begin());
+            return;
+        }
+        std::fill(sel.begin(), sel.end(), 0);
+        for (size_t e = 0; e < entries; ++e) {
+            const Limb mask = ct_eq_mask(e, idx);
+            for (size_t j = 0; j < n; ++j) sel[j] |= table[e * n + j] & mask;
+        }
+    };
+    size_t pos = (bits - 1) / w * w;
+    lookup(window(pos));
+    Limbs acc = sel;
+    while (pos > 0) {
+        pos -= w;
+        for (size_t k = 0; k < w; ++k) mul(acc.data(), acc.data(), acc.data());
+        lookup(window(pos));
+        mul(acc.data(), acc.data(), sel.data());
+    }
+    return acc;
+}
 
 // base^exp mod m on magnitudes (base < m) through Montgomery arithmetic,
 // when m is odd and longer than one digit; false when m does not qualify.

@@ -27,6 +27,8 @@ CpuFeatures detect() {
             __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
             f.avx2 = (b & bit_AVX2) && (lo & 0x6) == 0x6;
             f.vaes = f.avx2 && f.aesni && (c & bit_VAES);
+            // AVX-512 needs the opmask and both halves of the ZMM state too.
+            f.ifma = (lo & 0xe6) == 0xe6 && (b & bit_AVX512F) && (b & bit_AVX512IFMA);
         }
     }
     return f;

@@ -14,6 +14,7 @@ struct CpuFeatures {
     bool avx2 = false;
     bool bmi2 = false;
     bool adx = false;     // ADCX and ADOX (two carry chains)
+    bool ifma = false;    // AVX-512 with 52-bit multiply-add
     bool vaes = false;    // AES on 256-bit vectors
 };
 

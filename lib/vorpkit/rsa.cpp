@@ -40,9 +40,8 @@ bool odd(const uint8_t *number, size_t len) { return len > 0 && (number[len - 1]
 void power_mod_n(const uint8_t *n, size_t k, const uint8_t *exp, size_t exp_len, bool secret, uint8_t *message) {
     const size_t limbs = limbs_for(k);
     Montgomery mont(limbs_from_be(n, k, limbs), false);
-    Limbs x = mont.to_mont(limbs_from_be(message, k, limbs));
     Limbs e = limbs_from_be(exp, exp_len, limbs_for(exp_len) + 1);
-    limbs_to_be(mont.from_mont(mont.power(x, e, 8 * exp_len, secret)), message, k);
+    limbs_to_be(mont.power_plain(limbs_from_be(message, k, limbs), e, 8 * exp_len, secret), message, k);
 }
 
 // The CRT record: m1 = c^dP mod p, m2 = c^dQ mod q, then Garner's
@@ -59,8 +58,8 @@ void power_crt(const uint8_t *rec, size_t k, size_t h, uint8_t *message) {
         Limbs lo(c.begin(), c.begin() + long(n)), hi(c.begin() + long(n), c.end());
         return mt.add(mt.to_mont(lo), mt.to_mont(mt.to_mont(hi)));
     };
-    const Limbs m1 = mp.from_mont(mp.power(residue(mp), limbs_from_be(dp, h, n), 8 * h, true));
-    const Limbs m2 = mq.from_mont(mq.power(residue(mq), limbs_from_be(dq, h, n), 8 * h, true));
+    const Limbs m1 = mp.power_plain(mp.from_mont(residue(mp)), limbs_from_be(dp, h, n), 8 * h, true);
+    const Limbs m2 = mq.power_plain(mq.from_mont(residue(mq)), limbs_from_be(dq, h, n), 8 * h, true);
     // m2 is first reduced modulo p, so that a record whose q exceeds p
     // still gives the exact power.
     const Limbs diff = mp.sub(m1, mp.from_mont(mp.to_mont(m2)));
