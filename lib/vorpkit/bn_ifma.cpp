@@ -44,86 +44,187 @@ void from_digits52(const Limb *d, size_t count, Limb *a, size_t n) {
     }
 }
 
-// out = a * b / 2^(52L) modulo m, below 2m for a, b below 2m. Each turn adds
-// the low halves of a * b[i] and y * m (y chosen so that the lowest digit
-// becomes 0 modulo 2^52), moves the accumulator down one digit, and adds the
-// high halves, which belong one digit up. The digits are normalised once,
-// at the end. The vector count is a template argument so that the loops
-// over vectors unroll and every vector stays in a register.
-template <size_t NV>
-__attribute__((target("avx512f,avx512ifma"))) void amm(const Modulus52 &mod, Limb *out, const Limb *a,
-                                                       const Limb *b) {
+// out[k] = a[k] * b[k] / 2^(52L) modulo m[k], below 2m[k] for a[k], b[k]
+// below 2m[k]. Each turn adds the low halves of a * b[i] and y * m (y chosen
+// so that the lowest digit becomes 0 modulo 2^52), moves the accumulator
+// down one digit, and adds the high halves, which belong one digit up. The
+// digits are normalised once, at the end. K products run interleaved, so
+// that one's chain of dependent steps fills the other's waits; the vector
+// count is a template argument so that every vector stays in a register.
+template <size_t K, size_t NV>
+__attribute__((target("avx512f,avx512ifma"))) void amm(const Modulus52 *const mod[K], Limb *const out[K],
+                                                       const Limb *const a[K], const Limb *const b[K]) {
     const __m512i zero = _mm512_setzero_si512();
-    __m512i acc[NV], av[NV], mv[NV];
+    __m512i acc[K][NV], av[K][NV], mv[K][NV];
+#pragma GCC unroll 2
+    for (size_t k = 0; k < K; ++k)
 #pragma GCC unroll 8
-    for (size_t v = 0; v < NV; ++v) {
-        acc[v] = zero;
-        av[v] = _mm512_loadu_si512(a + 8 * v);
-        mv[v] = _mm512_loadu_si512(mod.m + 8 * v);
-    }
-    for (size_t i = 0; i < mod.digits; ++i) {
-        const __m512i bi = _mm512_set1_epi64((long long)b[i]);
+        for (size_t v = 0; v < NV; ++v) {
+            acc[k][v] = zero;
+            av[k][v] = _mm512_loadu_si512(a[k] + 8 * v);
+            mv[k][v] = _mm512_loadu_si512(mod[k]->m + 8 * v);
+        }
+    for (size_t i = 0; i < mod[0]->digits; ++i) {
+        __m512i bi[K], y[K];
+#pragma GCC unroll 2
+        for (size_t k = 0; k < K; ++k) {
+            bi[k] = _mm512_set1_epi64((long long)b[k][i]);
 #pragma GCC unroll 8
-        for (size_t v = 0; v < NV; ++v) acc[v] = _mm512_madd52lo_epu64(acc[v], av[v], bi);
-        const Limb low = Limb(_mm_cvtsi128_si64(_mm512_castsi512_si128(acc[0])));
-        const __m512i y = _mm512_set1_epi64((long long)((low * mod.k0) & kMask52));
+            for (size_t v = 0; v < NV; ++v) acc[k][v] = _mm512_madd52lo_epu64(acc[k][v], av[k][v], bi[k]);
+        }
+#pragma GCC unroll 2
+        for (size_t k = 0; k < K; ++k) {
+            const Limb low = Limb(_mm_cvtsi128_si64(_mm512_castsi512_si128(acc[k][0])));
+            y[k] = _mm512_set1_epi64((long long)((low * mod[k]->k0) & kMask52));
 #pragma GCC unroll 8
-        for (size_t v = 0; v < NV; ++v) acc[v] = _mm512_madd52lo_epu64(acc[v], mv[v], y);
-        const Limb carry = Limb(_mm_cvtsi128_si64(_mm512_castsi512_si128(acc[0]))) >> 52;
+            for (size_t v = 0; v < NV; ++v) acc[k][v] = _mm512_madd52lo_epu64(acc[k][v], mv[k][v], y[k]);
+        }
+#pragma GCC unroll 2
+        for (size_t k = 0; k < K; ++k) {
+            const Limb carry = Limb(_mm_cvtsi128_si64(_mm512_castsi512_si128(acc[k][0]))) >> 52;
 #pragma GCC unroll 8
-        for (size_t v = 0; v + 1 < NV; ++v) acc[v] = _mm512_alignr_epi64(acc[v + 1], acc[v], 1);
-        acc[NV - 1] = _mm512_alignr_epi64(zero, acc[NV - 1], 1);
-        acc[0] = _mm512_mask_add_epi64(acc[0], 1, acc[0], _mm512_set1_epi64((long long)carry));
+            for (size_t v = 0; v + 1 < NV; ++v) acc[k][v] = _mm512_alignr_epi64(acc[k][v + 1], acc[k][v], 1);
+            acc[k][NV - 1] = _mm512_alignr_epi64(zero, acc[k][NV - 1], 1);
+            acc[k][0] = _mm512_mask_add_epi64(acc[k][0], 1, acc[k][0], _mm512_set1_epi64((long long)carry));
+        }
+#pragma GCC unroll 2
+        for (size_t k = 0; k < K; ++k)
 #pragma GCC unroll 8
-        for (size_t v = 0; v < NV; ++v) acc[v] = _mm512_madd52hi_epu64(acc[v], av[v], bi);
-#pragma GCC unroll 8
-        for (size_t v = 0; v < NV; ++v) acc[v] = _mm512_madd52hi_epu64(acc[v], mv[v], y);
+            for (size_t v = 0; v < NV; ++v) {
+                acc[k][v] = _mm512_madd52hi_epu64(acc[k][v], av[k][v], bi[k]);
+                acc[k][v] = _mm512_madd52hi_epu64(acc[k][v], mv[k][v], y[k]);
+            }
     }
     Limb t[8 * NV];
+#pragma GCC unroll 2
+    for (size_t k = 0; k < K; ++k) {
 #pragma GCC unroll 8
-    for (size_t v = 0; v < NV; ++v) _mm512_storeu_si512(t + 8 * v, acc[v]);
-    Limb c = 0;
-    for (size_t j = 0; j < 8 * NV; ++j) {
-        c += t[j];
-        out[j] = c & kMask52;
-        c >>= 52;
+        for (size_t v = 0; v < NV; ++v) _mm512_storeu_si512(t + 8 * v, acc[k][v]);
+        Limb c = 0;
+        for (size_t j = 0; j < 8 * NV; ++j) {
+            c += t[j];
+            out[k][j] = c & kMask52;
+            c >>= 52;
+        }
     }
     volatile Limb *wipe = t;
     for (size_t j = 0; j < 8 * NV; ++j) wipe[j] = 0;
 }
 
-using AmmFn = void (*)(const Modulus52 &, Limb *, const Limb *, const Limb *);
-constexpr AmmFn kAmm[kMaxVectors] = {amm<1>, amm<2>, amm<3>, amm<4>, amm<5>, amm<6>, amm<7>, amm<8>};
+// The window table scan eight digits at a time (n a multiple of 8).
+__attribute__((target("avx512f"))) void select_entry52(Limb *out, const Limb *table, size_t entries, size_t n,
+                                                        Limb idx) {
+    for (size_t v = 0; v < n; v += 8) {
+        __m512i acc = _mm512_setzero_si512();
+        for (size_t e = 0; e < entries; ++e) {
+            const __m512i mask = _mm512_set1_epi64((long long)ct_eq_mask(e, idx));
+            acc = _mm512_or_si512(acc, _mm512_and_si512(mask, _mm512_loadu_si512(table + e * n + v)));
+        }
+        _mm512_storeu_si512(out + v, acc);
+    }
+}
+
+template <size_t K>
+using AmmFn = void (*)(const Modulus52 *const[K], Limb *const[K], const Limb *const[K], const Limb *const[K]);
+
+template <size_t K>
+AmmFn<K> amm_for(size_t vectors) {
+    static constexpr AmmFn<K> fns[kMaxVectors] = {amm<K, 1>, amm<K, 2>, amm<K, 3>, amm<K, 4>,
+                                                  amm<K, 5>, amm<K, 6>, amm<K, 7>, amm<K, 8>};
+    return fns[vectors - 1];
+}
+
+// One modulus in 52-bit digits, with 2^(104L) mod m for the conversion
+// into the almost-Montgomery form. Not copied: mod points into m52.
+struct Prepared {
+    size_t n, digits, vectors, d;
+    Limbs m52, rr, one, unit;
+    Modulus52 mod;
+};
+
+bool prepare(const Montgomery &mont, Prepared &p) {
+    p.n = mont.size();
+    p.digits = (64 * p.n + 2 + 51) / 52;
+    p.vectors = (p.digits + 7) / 8;
+    p.d = 8 * p.vectors;
+    if (!cpu().ifma || p.n < 8 || p.vectors > kMaxVectors) return false;
+    p.m52.assign(p.d, 0);
+    to_digits52(mont.modulus().data(), p.n, p.m52.data(), p.d);
+    p.mod = Modulus52{p.digits, p.vectors, p.m52.data(), mont.m0inv() & kMask52};
+    // 2^(104L) mod m: 2^r taken into Montgomery form q times, 104L = 64n * q + r.
+    Limbs v(p.n);
+    const size_t total = 104 * p.digits, q = total / (64 * p.n), r = total % (64 * p.n);
+    v[r / 64] = Limb(1) << (r % 64);
+    for (size_t i = 0; i < q; ++i) v = mont.to_mont(v);
+    p.rr.assign(p.d, 0);
+    to_digits52(v.data(), p.n, p.rr.data(), p.d);
+    p.unit.assign(p.d, 0);
+    p.unit[0] = 1;
+    p.one.assign(p.d, 0);
+    const Modulus52 *mods[1] = {&p.mod};
+    Limb *o[1] = {p.one.data()};
+    const Limb *x[1] = {p.unit.data()}, *y[1] = {p.rr.data()};
+    amm_for<1>(p.vectors)(mods, o, x, y);
+    return true;
+}
+
+// base (below R) into the almost-Montgomery form.
+Limbs enter(const Montgomery &mont, const Prepared &p, const Limbs &base) {
+    Limbs x(p.d);
+    to_digits52(mont.from_mont(mont.to_mont(base)).data(), p.n, x.data(), p.d);  // base mod m
+    const Modulus52 *mods[1] = {&p.mod};
+    Limb *o[1] = {x.data()};
+    const Limb *a[1] = {x.data()}, *b[1] = {p.rr.data()};
+    amm_for<1>(p.vectors)(mods, o, a, b);
+    return x;
+}
+
+// Out of the form: a product with 1 leaves at most m; one masked
+// subtraction takes m to 0.
+Limbs leave(const Montgomery &mont, const Prepared &p, Limbs acc) {
+    const Modulus52 *mods[1] = {&p.mod};
+    Limb *o[1] = {acc.data()};
+    const Limb *a[1] = {acc.data()}, *b[1] = {p.unit.data()};
+    amm_for<1>(p.vectors)(mods, o, a, b);
+    Limbs out(p.n), tmp(p.n);
+    from_digits52(acc.data(), p.d, out.data(), p.n);
+    reduce_once(out.data(), out.data(), 0, mont.modulus().data(), p.n, tmp.data());
+    return out;
+}
+
+template <size_t K>
+bool powers(const Montgomery *const mont[K], const Limbs *const base[K], const Limbs *const exp[K], size_t bits,
+            bool secret, Limbs out[K]) {
+    Prepared p[K];
+    std::array<Limbs, K> x, one;
+    std::array<const Limbs *, K> e;
+    const Modulus52 *mods[K];
+    for (size_t k = 0; k < K; ++k) {
+        if (!prepare(*mont[k], p[k]) || p[k].vectors != p[0].vectors || p[k].digits != p[0].digits) return false;
+        x[k] = enter(*mont[k], p[k], *base[k]);
+        one[k] = p[k].one;
+        e[k] = exp[k];
+        mods[k] = &p[k].mod;
+        bits = std::min(bits, 64 * exp[k]->size());
+    }
+    const AmmFn<K> fn = amm_for<K>(p[0].vectors);
+    std::array<Limbs, K> acc = window_powers<K>(p[0].d, x, one, e, bits, secret,
+                                                [&](auto &o, auto &a, auto &b) { fn(mods, o.data(), a.data(), b.data()); },
+                                                &select_entry52);
+    for (size_t k = 0; k < K; ++k) out[k] = leave(*mont[k], p[k], std::move(acc[k]));
+    return true;
+}
 
 }  // namespace
 
 bool Montgomery::power_ifma(const Limbs &base, const Limbs &exp, size_t bits, bool secret, Limbs &out) const {
-    const size_t n = n_, digits = (64 * n + 2 + 51) / 52, nv = (digits + 7) / 8, d = 8 * nv;
-    if (!cpu().ifma || n < 8 || nv > kMaxVectors) return false;
-    Limbs m52(d), rr(d), x(d), unit(d), one52(d);
-    to_digits52(m_.data(), n, m52.data(), d);
-    const Modulus52 mod{digits, nv, m52.data(), m0inv_ & kMask52};
-    // 2^(104L) mod m: 2^r Montgomery-converted q times, 104L = 64n * q + r.
-    {
-        Limbs v(n);
-        const size_t total = 104 * digits, q = total / (64 * n), r = total % (64 * n);
-        v[r / 64] = Limb(1) << (r % 64);
-        for (size_t i = 0; i < q; ++i) v = to_mont(v);
-        to_digits52(v.data(), n, rr.data(), d);
-    }
-    const AmmFn amm_n = kAmm[nv - 1];
-    auto mul = [&](Limb *o, const Limb *a, const Limb *b) { amm_n(mod, o, a, b); };
-    to_digits52(from_mont(to_mont(base)).data(), n, x.data(), d);  // base mod m
-    mul(x.data(), x.data(), rr.data());
-    unit[0] = 1;
-    mul(one52.data(), unit.data(), rr.data());
-    Limbs acc = window_power(d, x, one52, exp, std::min(bits, 64 * exp.size()), secret, mul);
-    mul(acc.data(), acc.data(), unit.data());  // at most m now
-    out.assign(n, 0);
-    from_digits52(acc.data(), d, out.data(), n);
-    Limbs tmp(n);
-    reduce_once(out.data(), out.data(), 0, m_.data(), n, tmp.data());  // m becomes 0
-    return true;
+    const Montgomery *mont[1] = {this};
+    const Limbs *b[1] = {&base}, *e[1] = {&exp};
+    return powers<1>(mont, b, e, bits, secret, &out);
+}
+
+bool power_pair_ifma(const Montgomery *mont[2], const Limbs *base[2], const Limbs *exp[2], size_t bits, Limbs out[2]) {
+    return powers<2>(mont, base, exp, bits, true, out);
 }
 
 }  // namespace vorp::bn

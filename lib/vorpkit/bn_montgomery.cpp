@@ -269,14 +269,20 @@ Limbs Montgomery::power(const Limbs &base, const Limbs &exp, size_t bits, bool s
             return acc;
         }
     }
-    return window_power(n_, base, one(), exp, bits, secret,
-                        [this](Limb *out, const Limb *a, const Limb *b) { mul(out, a, b); });
+    return window_powers<1>(n_, {base}, {one()}, {&exp}, bits, secret, [this](auto &out, auto &a, auto &b) {
+        mul(out[0], a[0], b[0]);
+    })[0];
 }
 
 Limbs Montgomery::power_plain(const Limbs &base, const Limbs &exp, size_t bits, bool secret) const {
     // A short public exponent (e = 65537) gains nothing from the vectors.
     if (Limbs r; (secret || bits > 64) && power_ifma(base, exp, bits, secret, r)) return r;
     return from_mont(power(to_mont(base), exp, bits, secret));
+}
+
+void power_pair(const Montgomery *mont[2], const Limbs *base[2], const Limbs *exp[2], size_t bits, Limbs out[2]) {
+    if (power_pair_ifma(mont, base, exp, bits, out)) return;
+    for (size_t k = 0; k < 2; ++k) out[k] = mont[k]->power_plain(*base[k], *exp[k], bits, true);
 }
 
 bool mont_power(const Digits &base, const Digits &exp, const Digits &m, Digits &out) {

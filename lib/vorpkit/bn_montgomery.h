@@ -9,6 +9,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 
 #include "bn_internal.h"
 
@@ -43,6 +44,7 @@ public:
     Montgomery(Limbs m, bool secret);
     size_t size() const { return n_; }
     const Limbs &modulus() const { return m_; }
+    Limb m0inv() const { return m0inv_; }
     // out = a * b / R mod m for a < R and b < m; out may alias a or b.
     void mul(Limb *out, const Limb *a, const Limb *b) const;
     Limbs mul(const Limbs &a, const Limbs &b) const;
@@ -75,48 +77,76 @@ private:
 
 inline Limb limb_bit(const Limbs &e, size_t i) { return (e[i / 64] >> (i % 64)) & 1; }
 
-// base^exp over the low `bits` bits of exp by a fixed window, in any
-// representation: numbers of `digits` words, mul(out, a, b) the product
-// (out may alias), `one` the representation of 1. For a secret exponent
-// the window values select table entries by a scan of every entry.
-template <class Mul>
-Limbs window_power(size_t digits, const Limbs &base, const Limbs &one, const Limbs &exp, size_t bits, bool secret,
-                   Mul mul) {
+// K powers base[k]^exp[k] side by side (K = 2 for the halves of an RSA CRT
+// key, whose products can then overlap), over the low `bits` bits of each
+// exponent by a fixed window, in any representation: numbers of `digits`
+// words, mul(out, a, b) the K products out[k] = a[k] * b[k] (out may alias),
+// one[k] the representation of 1. For a secret exponent the window values
+// select table entries by a scan of every entry: select(out, table, entries,
+// digits, index) copies entry `index` reading every entry alike.
+inline void select_entry(Limb *out, const Limb *table, size_t entries, size_t n, Limb idx) {
+    std::fill_n(out, n, 0);
+    for (size_t e = 0; e < entries; ++e, table += n) {
+        const Limb mask = ct_eq_mask(e, idx);
+#pragma GCC ivdep
+        for (size_t j = 0; j < n; ++j) out[j] |= table[j] & mask;
+    }
+}
+
+template <size_t K, class Mul, class Select = decltype(&select_entry)>
+std::array<Limbs, K> window_powers(size_t digits, const std::array<Limbs, K> &base, const std::array<Limbs, K> &one,
+                                   const std::array<const Limbs *, K> &exp, size_t bits, bool secret, Mul mul,
+                                   Select select = &select_entry) {
     if (bits == 0) return one;
-    const size_t w = bits >= 1024 ? 6 : bits >= 512 ? 5 : bits >= 128 ? 4 : bits > 32 ? 3 : 1;
+    // Wider windows save products but lengthen the table scans.
+    const size_t w = bits >= 2048 ? 6 : bits >= 512 ? 5 : bits >= 128 ? 4 : bits > 32 ? 3 : 1;
     const size_t entries = size_t(1) << w, n = digits;
-    Limbs table(n * entries);
-    std::copy_n(one.begin(), n, table.begin());
-    std::copy_n(base.begin(), n, table.begin() + long(n));
-    for (size_t e = 2; e < entries; ++e) mul(&table[e * n], &table[(e - 1) * n], base.data());
-    auto window = [&](size_t pos) {
-        Limb v = 0;
-        for (size_t k = 0; k < w && pos + k < bits; ++k) v |= limb_bit(exp, pos + k) << k;
-        return v;
-    };
-    Limbs sel(n);
-    auto lookup = [&](Limb idx) {
-        if (!secret) {
-            std::copy_n(&table[idx * n], n, sel.begin());
-            return;
+    std::array<Limbs, K> table, sel, acc;
+    std::array<Limb *, K> out, a, b;
+    for (size_t k = 0; k < K; ++k) {
+        table[k].assign(n * entries, 0);
+        sel[k].assign(n, 0);
+        std::copy_n(one[k].begin(), n, table[k].begin());
+        std::copy_n(base[k].begin(), n, table[k].begin() + long(n));
+    }
+    // mul(out, a, b) on the K numbers at word offsets, into the tables or acc.
+    auto step = [&](std::array<Limbs, K> &o, size_t oo, std::array<Limbs, K> &x, size_t xo, std::array<Limbs, K> &y,
+                    size_t yo) {
+        for (size_t k = 0; k < K; ++k) {
+            out[k] = o[k].data() + oo;
+            a[k] = x[k].data() + xo;
+            b[k] = y[k].data() + yo;
         }
-        std::fill(sel.begin(), sel.end(), 0);
-        for (size_t e = 0; e < entries; ++e) {
-            const Limb mask = ct_eq_mask(e, idx);
-            for (size_t j = 0; j < n; ++j) sel[j] |= table[e * n + j] & mask;
+        mul(out, a, b);
+    };
+    for (size_t e = 2; e < entries; ++e) step(table, e * n, table, (e - 1) * n, table, n);
+    auto lookup = [&](size_t pos) {
+        for (size_t k = 0; k < K; ++k) {
+            Limb idx = 0;
+            for (size_t i = 0; i < w && pos + i < bits; ++i) idx |= limb_bit(*exp[k], pos + i) << i;
+            if (secret)
+                select(sel[k].data(), table[k].data(), entries, n, idx);
+            else
+                std::copy_n(&table[k][idx * n], n, sel[k].begin());
         }
     };
     size_t pos = (bits - 1) / w * w;
-    lookup(window(pos));
-    Limbs acc = sel;
+    lookup(pos);
+    acc = sel;
     while (pos > 0) {
         pos -= w;
-        for (size_t k = 0; k < w; ++k) mul(acc.data(), acc.data(), acc.data());
-        lookup(window(pos));
-        mul(acc.data(), acc.data(), sel.data());
+        for (size_t i = 0; i < w; ++i) step(acc, 0, acc, 0, acc, 0);
+        lookup(pos);
+        step(acc, 0, acc, 0, sel, 0);
     }
     return acc;
 }
+
+// Two secret powers at once, out[k] = base[k]^exp[k] mod m[k] (plain, base
+// below R), for moduli of the same limb count: interleaved on AVX-512 IFMA,
+// else one after the other.
+void power_pair(const Montgomery *mont[2], const Limbs *base[2], const Limbs *exp[2], size_t bits, Limbs out[2]);
+bool power_pair_ifma(const Montgomery *mont[2], const Limbs *base[2], const Limbs *exp[2], size_t bits, Limbs out[2]);
 
 // base^exp mod m on magnitudes (base < m) through Montgomery arithmetic,
 // when m is odd and longer than one digit; false when m does not qualify.

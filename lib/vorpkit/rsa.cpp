@@ -58,8 +58,13 @@ void power_crt(const uint8_t *rec, size_t k, size_t h, uint8_t *message) {
         Limbs lo(c.begin(), c.begin() + long(n)), hi(c.begin() + long(n), c.end());
         return mt.add(mt.to_mont(lo), mt.to_mont(mt.to_mont(hi)));
     };
-    const Limbs m1 = mp.power_plain(mp.from_mont(residue(mp)), limbs_from_be(dp, h, n), 8 * h, true);
-    const Limbs m2 = mq.power_plain(mq.from_mont(residue(mq)), limbs_from_be(dq, h, n), 8 * h, true);
+    const Limbs cp = mp.from_mont(residue(mp)), cq = mq.from_mont(residue(mq));
+    const Limbs ep = limbs_from_be(dp, h, n), eq = limbs_from_be(dq, h, n);
+    const Montgomery *monts[2] = {&mp, &mq};
+    const Limbs *bases[2] = {&cp, &cq}, *exps[2] = {&ep, &eq};
+    Limbs ms[2];
+    power_pair(monts, bases, exps, 8 * h, ms);
+    const Limbs &m1 = ms[0], &m2 = ms[1];
     // m2 is first reduced modulo p, so that a record whose q exceeds p
     // still gives the exact power.
     const Limbs diff = mp.sub(m1, mp.from_mont(mp.to_mont(m2)));
