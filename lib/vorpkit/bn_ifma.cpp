@@ -1,5 +1,5 @@
-// Modular powers on AVX-512 IFMA: numbers in 52-bit digits, eight to a
-// vector, multiplied with the 52-bit multiply-add instructions in an
+// Modular powers on AVX-512 IFMA: numbers in 52-bit digits, four to a
+// 256-bit vector (which wastes no lane for 1024-bit moduli, 20 digits), multiplied with the 52-bit multiply-add instructions in an
 // almost-Montgomery form (results below 2m rather than m, which needs
 // 4m < 2^(52L); the exact residue is taken once at the end). Only the
 // product routine is compiled for those instructions, through a target
@@ -18,11 +18,11 @@ namespace {
 constexpr Limb kMask52 = (Limb(1) << 52) - 1;
 // Up to 64 digits (moduli of up to 3,326 bits); longer ones stay on the
 // 64-bit path.
-constexpr size_t kMaxVectors = 8;
+constexpr size_t kMaxVectors = 16;
 
 struct Modulus52 {
     size_t digits, vectors;  // L and ceil(L / 8)
-    const Limb *m;           // 8 * vectors digits, zero above L
+    const Limb *m;           // 4 * vectors digits, zero above L
     Limb k0;                 // -m^-1 mod 2^52
 };
 
@@ -52,75 +52,75 @@ void from_digits52(const Limb *d, size_t count, Limb *a, size_t n) {
 // that one's chain of dependent steps fills the other's waits; the vector
 // count is a template argument so that every vector stays in a register.
 template <size_t K, size_t NV>
-__attribute__((target("avx512f,avx512ifma"))) void amm(const Modulus52 *const mod[K], Limb *const out[K],
+__attribute__((target("avx512f,avx512vl,avx512ifma"))) void amm(const Modulus52 *const mod[K], Limb *const out[K],
                                                        const Limb *const a[K], const Limb *const b[K]) {
-    const __m512i zero = _mm512_setzero_si512();
-    __m512i acc[K][NV], av[K][NV], mv[K][NV];
+    const __m256i zero = _mm256_setzero_si256();
+    __m256i acc[K][NV], av[K][NV], mv[K][NV];
 #pragma GCC unroll 2
     for (size_t k = 0; k < K; ++k)
-#pragma GCC unroll 8
+#pragma GCC unroll 16
         for (size_t v = 0; v < NV; ++v) {
             acc[k][v] = zero;
-            av[k][v] = _mm512_loadu_si512(a[k] + 8 * v);
-            mv[k][v] = _mm512_loadu_si512(mod[k]->m + 8 * v);
+            av[k][v] = _mm256_loadu_epi64(a[k] + 4 * v);
+            mv[k][v] = _mm256_loadu_epi64(mod[k]->m + 4 * v);
         }
     for (size_t i = 0; i < mod[0]->digits; ++i) {
-        __m512i bi[K], y[K];
+        __m256i bi[K], y[K];
 #pragma GCC unroll 2
         for (size_t k = 0; k < K; ++k) {
-            bi[k] = _mm512_set1_epi64((long long)b[k][i]);
-#pragma GCC unroll 8
-            for (size_t v = 0; v < NV; ++v) acc[k][v] = _mm512_madd52lo_epu64(acc[k][v], av[k][v], bi[k]);
+            bi[k] = _mm256_set1_epi64x((long long)b[k][i]);
+#pragma GCC unroll 16
+            for (size_t v = 0; v < NV; ++v) acc[k][v] = _mm256_madd52lo_epu64(acc[k][v], av[k][v], bi[k]);
         }
 #pragma GCC unroll 2
         for (size_t k = 0; k < K; ++k) {
-            const Limb low = Limb(_mm_cvtsi128_si64(_mm512_castsi512_si128(acc[k][0])));
-            y[k] = _mm512_set1_epi64((long long)((low * mod[k]->k0) & kMask52));
-#pragma GCC unroll 8
-            for (size_t v = 0; v < NV; ++v) acc[k][v] = _mm512_madd52lo_epu64(acc[k][v], mv[k][v], y[k]);
+            const Limb low = Limb(_mm_cvtsi128_si64(_mm256_castsi256_si128(acc[k][0])));
+            y[k] = _mm256_set1_epi64x((long long)((low * mod[k]->k0) & kMask52));
+#pragma GCC unroll 16
+            for (size_t v = 0; v < NV; ++v) acc[k][v] = _mm256_madd52lo_epu64(acc[k][v], mv[k][v], y[k]);
         }
 #pragma GCC unroll 2
         for (size_t k = 0; k < K; ++k) {
-            const Limb carry = Limb(_mm_cvtsi128_si64(_mm512_castsi512_si128(acc[k][0]))) >> 52;
-#pragma GCC unroll 8
-            for (size_t v = 0; v + 1 < NV; ++v) acc[k][v] = _mm512_alignr_epi64(acc[k][v + 1], acc[k][v], 1);
-            acc[k][NV - 1] = _mm512_alignr_epi64(zero, acc[k][NV - 1], 1);
-            acc[k][0] = _mm512_mask_add_epi64(acc[k][0], 1, acc[k][0], _mm512_set1_epi64((long long)carry));
+            const Limb carry = Limb(_mm_cvtsi128_si64(_mm256_castsi256_si128(acc[k][0]))) >> 52;
+#pragma GCC unroll 16
+            for (size_t v = 0; v + 1 < NV; ++v) acc[k][v] = _mm256_alignr_epi64(acc[k][v + 1], acc[k][v], 1);
+            acc[k][NV - 1] = _mm256_alignr_epi64(zero, acc[k][NV - 1], 1);
+            acc[k][0] = _mm256_mask_add_epi64(acc[k][0], 1, acc[k][0], _mm256_set1_epi64x((long long)carry));
         }
 #pragma GCC unroll 2
         for (size_t k = 0; k < K; ++k)
-#pragma GCC unroll 8
+#pragma GCC unroll 16
             for (size_t v = 0; v < NV; ++v) {
-                acc[k][v] = _mm512_madd52hi_epu64(acc[k][v], av[k][v], bi[k]);
-                acc[k][v] = _mm512_madd52hi_epu64(acc[k][v], mv[k][v], y[k]);
+                acc[k][v] = _mm256_madd52hi_epu64(acc[k][v], av[k][v], bi[k]);
+                acc[k][v] = _mm256_madd52hi_epu64(acc[k][v], mv[k][v], y[k]);
             }
     }
-    Limb t[8 * NV];
+    Limb t[4 * NV];
 #pragma GCC unroll 2
     for (size_t k = 0; k < K; ++k) {
-#pragma GCC unroll 8
-        for (size_t v = 0; v < NV; ++v) _mm512_storeu_si512(t + 8 * v, acc[k][v]);
+#pragma GCC unroll 16
+        for (size_t v = 0; v < NV; ++v) _mm256_storeu_epi64(t + 4 * v, acc[k][v]);
         Limb c = 0;
-        for (size_t j = 0; j < 8 * NV; ++j) {
+        for (size_t j = 0; j < 4 * NV; ++j) {
             c += t[j];
             out[k][j] = c & kMask52;
             c >>= 52;
         }
     }
     volatile Limb *wipe = t;
-    for (size_t j = 0; j < 8 * NV; ++j) wipe[j] = 0;
+    for (size_t j = 0; j < 4 * NV; ++j) wipe[j] = 0;
 }
 
-// The window table scan eight digits at a time (n a multiple of 8).
-__attribute__((target("avx512f"))) void select_entry52(Limb *out, const Limb *table, size_t entries, size_t n,
+// The window table scan four digits at a time (n a multiple of 4).
+__attribute__((target("avx512f,avx512vl"))) void select_entry52(Limb *out, const Limb *table, size_t entries, size_t n,
                                                         Limb idx) {
-    for (size_t v = 0; v < n; v += 8) {
-        __m512i acc = _mm512_setzero_si512();
+    for (size_t v = 0; v < n; v += 4) {
+        __m256i acc = _mm256_setzero_si256();
         for (size_t e = 0; e < entries; ++e) {
-            const __m512i mask = _mm512_set1_epi64((long long)ct_eq_mask(e, idx));
-            acc = _mm512_or_si512(acc, _mm512_and_si512(mask, _mm512_loadu_si512(table + e * n + v)));
+            const __m256i mask = _mm256_set1_epi64x((long long)ct_eq_mask(e, idx));
+            acc = _mm256_or_si256(acc, _mm256_and_si256(mask, _mm256_loadu_epi64(table + e * n + v)));
         }
-        _mm512_storeu_si512(out + v, acc);
+        _mm256_storeu_epi64(out + v, acc);
     }
 }
 
@@ -129,8 +129,9 @@ using AmmFn = void (*)(const Modulus52 *const[K], Limb *const[K], const Limb *co
 
 template <size_t K>
 AmmFn<K> amm_for(size_t vectors) {
-    static constexpr AmmFn<K> fns[kMaxVectors] = {amm<K, 1>, amm<K, 2>, amm<K, 3>, amm<K, 4>,
-                                                  amm<K, 5>, amm<K, 6>, amm<K, 7>, amm<K, 8>};
+    static constexpr AmmFn<K> fns[kMaxVectors] = {amm<K, 1>,  amm<K, 2>,  amm<K, 3>,  amm<K, 4>,  amm<K, 5>,  amm<K, 6>,
+                                                  amm<K, 7>,  amm<K, 8>,  amm<K, 9>,  amm<K, 10>, amm<K, 11>, amm<K, 12>,
+                                                  amm<K, 13>, amm<K, 14>, amm<K, 15>, amm<K, 16>};
     return fns[vectors - 1];
 }
 
@@ -145,8 +146,8 @@ struct Prepared {
 bool prepare(const Montgomery &mont, Prepared &p) {
     p.n = mont.size();
     p.digits = (64 * p.n + 2 + 51) / 52;
-    p.vectors = (p.digits + 7) / 8;
-    p.d = 8 * p.vectors;
+    p.vectors = (p.digits + 3) / 4;
+    p.d = 4 * p.vectors;
     if (!cpu().ifma || p.n < 8 || p.vectors > kMaxVectors) return false;
     p.m52.assign(p.d, 0);
     to_digits52(mont.modulus().data(), p.n, p.m52.data(), p.d);

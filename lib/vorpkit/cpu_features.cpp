@@ -28,7 +28,7 @@ CpuFeatures detect() {
             f.avx2 = (b & bit_AVX2) && (lo & 0x6) == 0x6;
             f.vaes = f.avx2 && f.aesni && (c & bit_VAES);
             // AVX-512 needs the opmask and both halves of the ZMM state too.
-            f.ifma = (lo & 0xe6) == 0xe6 && (b & bit_AVX512F) && (b & bit_AVX512IFMA);
+            f.ifma = (lo & 0xe6) == 0xe6 && (b & bit_AVX512F) && (b & bit_AVX512VL) && (b & bit_AVX512IFMA);
         }
     }
     return f;
