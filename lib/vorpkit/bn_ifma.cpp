@@ -6,7 +6,9 @@
 // attribute, so no code shared with the rest of the library carries them.
 // GCC 12 reports the placeholder operands inside its own AVX-512 lane
 // intrinsics as maybe uninitialised; they are not read.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
 
 #include "bn_montgomery.h"

@@ -88,7 +88,6 @@ inline void select_entry(Limb *out, const Limb *table, size_t entries, size_t n,
     std::fill_n(out, n, 0);
     for (size_t e = 0; e < entries; ++e, table += n) {
         const Limb mask = ct_eq_mask(e, idx);
-#pragma GCC ivdep
         for (size_t j = 0; j < n; ++j) out[j] |= table[j] & mask;
     }
 }
