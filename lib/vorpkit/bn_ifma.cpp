@@ -97,20 +97,21 @@ __attribute__((target("avx512f,avx512vl,avx512ifma"))) void amm(const Modulus52 
                 acc[k][v] = _mm256_madd52hi_epu64(acc[k][v], mv[k][v], y[k]);
             }
     }
-    Limb t[4 * NV];
+    // The K carry chains of the normalisation run side by side.
+    Limb t[K][4 * NV], c[K] = {};
 #pragma GCC unroll 2
-    for (size_t k = 0; k < K; ++k) {
+    for (size_t k = 0; k < K; ++k)
 #pragma GCC unroll 16
-        for (size_t v = 0; v < NV; ++v) _mm256_storeu_epi64(t + 4 * v, acc[k][v]);
-        Limb c = 0;
-        for (size_t j = 0; j < 4 * NV; ++j) {
-            c += t[j];
-            out[k][j] = c & kMask52;
-            c >>= 52;
+        for (size_t v = 0; v < NV; ++v) _mm256_storeu_epi64(t[k] + 4 * v, acc[k][v]);
+    for (size_t j = 0; j < 4 * NV; ++j)
+#pragma GCC unroll 2
+        for (size_t k = 0; k < K; ++k) {
+            c[k] += t[k][j];
+            out[k][j] = c[k] & kMask52;
+            c[k] >>= 52;
         }
-    }
-    volatile Limb *wipe = t;
-    for (size_t j = 0; j < 4 * NV; ++j) wipe[j] = 0;
+    volatile Limb *wipe = &t[0][0];
+    for (size_t j = 0; j < K * 4 * NV; ++j) wipe[j] = 0;
 }
 
 // The window table scan four digits at a time (n a multiple of 4).
