@@ -465,7 +465,9 @@ qv_int32_t Vorp_rsa(const unsigned char *keyData, unsigned char *message);
 
 /*
  * Vorp_dhParams makes parameters of keySize bits. With rsrc NULL only 512
- * and 1024 bits are possible: fixed published safe primes with generator 7.
+ * and 1024 bits are possible: fixed published safe primes (the 512-bit
+ * modulus of the SKIP protocol's numbers, the 1024-bit second Oakley group
+ * of RFC 2409) with generator 7.
  * Otherwise a random safe prime p = 2q + 1 of exactly keySize bits (16 to
  * 65535) with the first generator from 7 on that is a quadratic residue, so
  * that it generates the subgroup of prime order q (no public value then
