@@ -7,6 +7,8 @@
 
 #include "cpu_features.h"
 
+#include <x86intrin.h>
+
 namespace vorp::bn {
 
 using u128 = unsigned __int128;
@@ -70,13 +72,17 @@ Montgomery::Montgomery(Limbs m, bool secret)
     const size_t total = 64 * n_;
     const size_t k = size_t(__builtin_ctzll(total)), t = total >> k;
     for (size_t step = 0; step < total + t; ++step) {
-        Limb carry = 0;
+        // x = 2x, and 2x - m beside it; the masks pick one.
+        unsigned char carry = 0, borrow = 0;
         for (size_t j = 0; j < n_; ++j) {
-            const Limb top = x[j] >> 63;
-            x[j] = (x[j] << 1) | carry;
-            carry = top;
+            unsigned long long d, diff;
+            carry = _addcarry_u64(carry, x[j], x[j], &d);
+            borrow = _subborrow_u64(borrow, d, m_[j], &diff);
+            x[j] = d;
+            tmp[j] = diff;
         }
-        reduce_once(x.data(), x.data(), carry, m_.data(), n_, tmp);
+        const Limb mask = Limb(0) - Limb(carry | (borrow ^ 1));
+        for (size_t j = 0; j < n_; ++j) x[j] = (tmp[j] & mask) | (x[j] & ~mask);
     }
     for (size_t i = 0; i < k; ++i) mul(x.data(), x.data(), x.data());
     rr_ = std::move(x);
