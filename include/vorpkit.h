@@ -390,6 +390,112 @@ bignum_t bn_findPrime(bignum_tc start, bignum_tc limit, qv_int32_t prob, qv_int3
 
 /* ---- end of big numbers ---- */
 
+/* ---- Public-key operations (RSA, Diffie-Hellman) ---- */
+
+/*
+ * Keys and parameters are byte strings; every number in them is big-endian
+ * and unsigned. B is a record's size in bits (bytes 1-2, big-endian),
+ * k = (B + 7) / 8 and h = (B + 15) / 16.
+ *
+ * Public exponent: a length byte L, then L bytes.
+ * RSA key record: byte 0 the type, bytes 1-2 B, then
+ *   0x10 (private, CRT form, B even): p, q, d mod (p - 1), d mod (q - 1),
+ *        q^-1 mod p, h bytes each, p > q;
+ *   0x11 (private): n, d, k bytes each;
+ *   0x12 (public): n (k bytes), then the public exponent.
+ * Diffie-Hellman parameters: byte 0 the format '0', '1' or '2', bytes 1-2 B,
+ * the prime p (k bytes), then the generator as length byte and bytes.
+ *
+ * The records carry no length beyond B: the caller's buffers must hold what
+ * B announces. Vorp_rsa is the bare modular power, no padding. The private
+ * operations (Vorp_rsa with types 0x10 and 0x11, Vorp_dhKey, Vorp_dh) take no
+ * branch and make no memory access that depends on secret values, only on
+ * the records' sizes and on the primes being odd.
+ */
+#define VORP_RSA_CRT_KEY     0x10
+#define VORP_RSA_PRIVATE_KEY 0x11
+#define VORP_RSA_PUBLIC_KEY  0x12
+
+/* e = 3 (01 03) and e = 65537 (03 01 00 01). */
+extern const unsigned char Vorp_RSA_PUB_EXP_3[2];
+extern const unsigned char Vorp_RSA_PUB_EXP_FERMAT4[4];
+
+/*
+ * Vorp_rsaKeyGen makes an RSA key of keySize bits (even, 16 to 65534):
+ * keyType's low 7 bits give the record type (0x10 or 0x11), bits 8-15 the
+ * primality certainty c: 0 the default (Miller-Rabin certainty 80 below 512
+ * bits, 12 from 512 on), 2..11 a Fermat test in base c, above 11
+ * Miller-Rabin certainty c. The primes have exactly keySize / 2 bits each
+ * (the top two set), so n has exactly keySize bits. Writes the record to
+ * keyData, or to a malloc'ed block of 3 + 5h (0x10) or 3 + 2k (0x11) bytes
+ * when keyData is NULL (the caller frees it). Returns the record, or NULL
+ * with Vorp_errno VORP_E_BAD_ARGUMENT (a size, type or certainty 1 out of
+ * range, an even or missing exponent, no source, no key found within 100000
+ * prime draws) or VORP_E_NO_MEMORY.
+ */
+unsigned char *Vorp_rsaKeyGen(qv_int32_t keySize, qv_int32_t keyType, const unsigned char *pub_exp,
+                              unsigned char *keyData, Vorp_rsrc_t rsrc);
+
+/*
+ * Vorp_rsaComputeModulus writes n: copied (k bytes) from a 0x11 record, the
+ * product p * q in its natural length from a 0x10 record. Returns the byte
+ * count, or 0 with VORP_E_BAD_ARGUMENT for another type or a NULL pointer.
+ */
+qv_int32_t Vorp_rsaComputeModulus(const unsigned char *rsaKey, unsigned char *modulus);
+
+/*
+ * Vorp_rsaMakePublicKey builds the 0x12 record of a private key with the
+ * public exponent pubExp: type, the size bytes, n in k bytes (a shorter
+ * product is padded with leading zeros, as Vorp_rsa reads k bytes), then
+ * pubExp. pubKey NULL allocates k + L + 4 bytes with malloc. Returns the
+ * record, or NULL with VORP_E_BAD_ARGUMENT (bad type, NULL pointer, a
+ * product longer than k bytes) or VORP_E_NO_MEMORY.
+ */
+unsigned char *Vorp_rsaMakePublicKey(const unsigned char *rsaKey, const unsigned char *pubExp,
+                                     unsigned char *pubKey);
+
+/*
+ * Vorp_rsa replaces the k bytes at message by message^exponent mod n (for a
+ * 0x10 record by Garner's recombination of the powers modulo p and q) and
+ * returns k. A type other than 0x10..0x12, type 0x10 with an odd B, or an
+ * even (or zero) modulus or prime, which no key has, is VORP_E_BAD_KEY and
+ * 0; NULL pointers are VORP_E_BAD_ARGUMENT.
+ */
+qv_int32_t Vorp_rsa(const unsigned char *keyData, unsigned char *message);
+
+/*
+ * Vorp_dhParams makes parameters of keySize bits. With rsrc NULL only 512
+ * and 1024 bits are possible: fixed published safe primes (the 512-bit
+ * modulus of the SKIP protocol's numbers, the 1024-bit second Oakley group
+ * of RFC 2409) with generator 7.
+ * Otherwise a random safe prime p = 2q + 1 of exactly keySize bits (16 to
+ * 65535) with the first generator from 7 on that is a quadratic residue, so
+ * that it generates the subgroup of prime order q (no public value then
+ * gives away a private value's parity). Writes format '2' to dhparams, or to
+ * a malloc'ed block of k + 5 bytes when dhparams is NULL. Returns the
+ * record, or NULL with VORP_E_BAD_ARGUMENT or VORP_E_NO_MEMORY.
+ */
+unsigned char *Vorp_dhParams(qv_int32_t keySize, unsigned char *dhparams, Vorp_rsrc_t rsrc);
+
+/*
+ * Vorp_dhKey draws a private value below p (as bn_random would from rsrc)
+ * and writes it and g^private mod p, k bytes each. Returns k, or 0 with
+ * VORP_E_BAD_ARGUMENT (a NULL pointer, a format other than '0'..'2', an
+ * even or zero p) or VORP_E_NO_MEMORY.
+ */
+qv_int32_t Vorp_dhKey(const unsigned char *dhparams, unsigned char *priv, unsigned char *pub, Vorp_rsrc_t rsrc);
+
+/*
+ * Vorp_dh writes the shared value pub^priv mod p in k bytes and returns k.
+ * Format '0' marks parameters used without a private value: priv may then
+ * be NULL, and the shared value is pub reduced modulo p. Formats '1' and
+ * '2' are alike. Failures as Vorp_dhKey's, 0.
+ */
+qv_int32_t Vorp_dh(const unsigned char *dhp, const unsigned char *priv, const unsigned char *pub,
+                   unsigned char *shared);
+
+/* ---- end of public-key operations ---- */
+
 #if defined(__GNUC__)
 #pragma GCC visibility pop
 #endif

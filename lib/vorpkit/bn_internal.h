@@ -83,7 +83,17 @@ Num num_mod(const Num &a, const Num &m);  // remainder only, |m| > 0
 // base^exp mod m (m may be null: no reduction); exp >= 0.
 Num num_power(const Num &base, const Num &exp, const Num *m);
 bool num_is_probable_prime(const Num &n, int32_t prob, int (*rsrc)(void), bool &failed);
-bool num_random_below(const Num &limit, int (*rsrc)(void), Num &out);
+// Digits drawn below a non-zero limit (limit.size() digits, top ones maybe
+// zero), without a branch on the drawn values.
+void random_digits_below(const Digits &limit, int (*rsrc)(void), Digits &out);
+void num_random_below(const Num &limit, int (*rsrc)(void), Num &out);
+// bn_findPrime's search: 0 with the prime (or zero) in out, else the
+// Vorp_errno code.
+qv_int32_t num_find_prime(const Num &start, const Num &limit, int32_t prob, bool strong, int (*rsrc)(void),
+                          Num &out);
+Digits mag_gcd(Digits a, Digits b);
+// The inverse of a modulo m > 0 in [0, m); false when gcd(a, m) != 1.
+bool num_mod_inverse(const Num &a, const Num &m, Num &out);
 
 // ---- records ----
 // Thrown by reading a NULL or malformed record; the exported routine turns

@@ -1,5 +1,5 @@
 // Powers, greatest common divisors and modular inverses.
-#include "bn_internal.h"
+#include "bn_montgomery.h"
 
 namespace vorp::bn {
 
@@ -22,6 +22,13 @@ Num num_power(const Num &base, const Num &exp, const Num *m) {
     const size_t bits = mag_bit_length(exp.mag);
     Num x = reduce(base);
     if (bits == 0) return reduce(num_from_u64(1));
+    // An odd modulus takes Montgomery arithmetic on the magnitude; the sign
+    // is the one the truncating remainders below would leave.
+    if (Num r; m && mont_power(x.mag, exp.mag, m->mag, r.mag)) {
+        r.neg = x.neg && (exp.mag[0] & 1);
+        r.fix_sign();
+        return r;
+    }
     Num b1 = x, b3;
     const bool paired = m && bits > kPairedBitsThreshold;
     if (paired) b3 = reduce(num_mul(reduce(num_mul(b1, b1)), b1));
@@ -89,18 +96,18 @@ void euclid(const Digits &a, const Digits &b, Num &x, Num &y, Digits &g) {
 
 }  // namespace
 
+Digits vorp::bn::mag_gcd(Digits x, Digits y) {
+    while (!y.empty()) {
+        Digits r;
+        mag_divide(x, y, nullptr, &r);
+        x = std::move(y);
+        y = std::move(r);
+    }
+    return x;
+}
+
 extern "C" bignum_t bn_gcd(bignum_tc u, bignum_tc v, bignum_t *gcd) {
-    return guarded<bignum_t>(nullptr, [&] {
-        Num a = read(u), b = read(v);
-        Digits x = std::move(a.mag), y = std::move(b.mag);
-        while (!y.empty()) {
-            Digits r;
-            mag_divide(x, y, nullptr, &r);
-            x = std::move(y);
-            y = std::move(r);
-        }
-        return place(Num{x, false}, gcd);
-    });
+    return guarded<bignum_t>(nullptr, [&] { return place(Num{mag_gcd(read(u).mag, read(v).mag), false}, gcd); });
 }
 
 extern "C" bignum_t bn_extendedEuclid(bignum_tc u, bignum_tc v, bignum_t *euclid1, bignum_t *euclid2,
@@ -122,20 +129,25 @@ extern "C" bignum_t bn_extendedEuclid(bignum_tc u, bignum_tc v, bignum_t *euclid
     });
 }
 
+bool vorp::bn::num_mod_inverse(const Num &a, const Num &m, Num &out) {
+    Num r = num_mod(a, m);
+    if (r.neg) r = num_add(r, m);
+    Num x, y;
+    Digits g;
+    euclid(r.mag, m.mag, x, y, g);
+    // Modulo 1 the remainder is 0 and gcd(0, 1) = 1: the inverse is 0.
+    if (g.size() != 1 || g[0] != 1) return false;
+    x = num_mod(x, m);
+    out = x.neg ? num_add(x, m) : x;
+    return true;
+}
+
 extern "C" bignum_t bn_modInverse(bignum_tc n, bignum_tc mod, bignum_t *invp) {
     return guarded<bignum_t>(nullptr, [&]() -> bignum_t {
-        Num a = read(n), m = read(mod);
+        Num a = read(n), m = read(mod), x;
         if (m.is_zero()) return fail(VORP_E_DIVIDE);
         m.neg = false;
-        Num r = num_mod(a, m);
-        if (r.neg) r = num_add(r, m);
-        Num x, y;
-        Digits g;
-        euclid(r.mag, m.mag, x, y, g);
-        // Modulo 1 the remainder is 0 and gcd(0, 1) = 1: the inverse is 0.
-        if (g.size() != 1 || g[0] != 1) return fail(VORP_E_NO_INVERSE);
-        x = num_mod(x, m);
-        if (x.neg) x = num_add(x, m);
+        if (!num_mod_inverse(a, m, x)) return fail(VORP_E_NO_INVERSE);
         return place(x, invp);
     });
 }

@@ -40,21 +40,26 @@ bool is_small_odd_prime(uint32_t v) {
 
 // Digits from the least significant up; `below` says whether the digits so
 // far are below the limit's low digits, so that the top digit may reach the
-// limit's top digit only then.
-bool num_random_below(const Num &limit, int (*rsrc)(void), Num &out) {
-    const size_t n = limit.mag.size();
-    out.mag.assign(n, 0);
-    bool below = false;
+// limit's top digit only then. The flag is kept by arithmetic rather than
+// comparisons, as the digits may become a private key.
+void random_digits_below(const Digits &limit, int (*rsrc)(void), Digits &out) {
+    const size_t n = limit.size();
+    out.assign(n, 0);
+    Wide below = 0;
     for (size_t i = 0; i + 1 < n; ++i) {
-        out.mag[i] = draw_digit(rsrc);
-        below = out.mag[i] < limit.mag[i] || (out.mag[i] == limit.mag[i] && below);
+        const Wide d = draw_digit(rsrc), l = limit[i];
+        const Wide less = (d - l) >> 63, equal = ((d ^ l) - 1) >> 63;
+        below = less | (equal & below);
+        out[i] = Digit(d);
     }
-    const Wide top_range = Wide(limit.mag[n - 1]) + (below ? 1 : 0);
-    out.mag[n - 1] = Digit(draw_digit(rsrc) % top_range);
+    out[n - 1] = Digit(draw_digit(rsrc) % (Wide(limit[n - 1]) + below));
+}
+
+void num_random_below(const Num &limit, int (*rsrc)(void), Num &out) {
+    random_digits_below(limit.mag, rsrc, out.mag);
     trim(out.mag);
     out.neg = limit.neg;
     out.fix_sign();
-    return true;
 }
 
 bool num_is_probable_prime(const Num &num, int32_t prob, int (*rsrc)(void), bool &failed) {
@@ -176,22 +181,32 @@ extern "C" qv_int32_t bn_isProbablePrime(bignum_tc num, qv_int32_t prob, Vorp_rs
     });
 }
 
+qv_int32_t vorp::bn::num_find_prime(const Num &start, const Num &limit, int32_t prob, bool strong,
+                                   int (*rsrc)(void), Num &out) {
+    if (limit.neg || limit.is_zero() || (limit.mag.size() == 1 && limit.mag[0] == 1)) return VORP_E_BAD_ARGUMENT;
+    if (num_compare(start, limit) >= 0) return VORP_E_EMPTY_RANGE;
+    if (prob < 1 && !rsrc) return VORP_E_BAD_ARGUMENT;
+    Num s = start;
+    out = Num{};
+    if (num_compare(s, num_from_u64(kTableLimit)) < 0) {
+        if (uint32_t p = from_table(s, limit, strong)) {
+            out = num_from_u64(p);
+            return 0;
+        }
+        if (!strong || num_compare(num_from_u64(kTableLimit), limit) >= 0) return 0;
+        s = num_from_u64(kTableLimit);
+    }
+    if (strong) s.mag = mag_shift_right(s.mag, 1);
+    if (s.is_zero() || !(s.mag[0] & 1)) s = num_add(s, num_from_u64(1));
+    out = search(std::move(s), limit, strong, prob, rsrc);
+    return 0;
+}
+
 extern "C" bignum_t bn_findPrime(bignum_tc start, bignum_tc limit, qv_int32_t prob, qv_int32_t strongPrime,
                                  Vorp_rsrc_t rsrc, bignum_t *prime) {
     return guarded<bignum_t>(nullptr, [&]() -> bignum_t {
-        Num s = read(start), l = read(limit);
-        if (l.neg || l.is_zero() || (l.mag.size() == 1 && l.mag[0] == 1)) return fail(VORP_E_BAD_ARGUMENT);
-        if (num_compare(s, l) >= 0) return fail(VORP_E_EMPTY_RANGE);
-        if (prob < 1 && !rsrc) return fail(VORP_E_BAD_ARGUMENT);
-        const bool strong = strongPrime != 0;
-        if (num_compare(s, num_from_u64(kTableLimit)) < 0) {
-            if (uint32_t p = from_table(s, l, strong)) return place(num_from_u64(p), prime);
-            if (!strong || num_compare(num_from_u64(kTableLimit), l) >= 0) return place(Num{}, prime);
-            s = num_from_u64(kTableLimit);
-        }
-        Num cand = s;
-        if (strong) cand.mag = mag_shift_right(cand.mag, 1);
-        if (cand.is_zero() || !(cand.mag[0] & 1)) cand = num_add(cand, num_from_u64(1));
-        return place(search(std::move(cand), l, strong, prob, rsrc), prime);
+        Num p;
+        if (qv_int32_t rc = num_find_prime(read(start), read(limit), prob, strongPrime != 0, rsrc, p)) return fail(rc);
+        return place(p, prime);
     });
 }

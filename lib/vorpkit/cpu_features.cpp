@@ -20,12 +20,15 @@ CpuFeatures detect() {
     if (__get_cpuid_count(7, 0, &a, &b, &c, &d)) {
         f.shani = b & bit_SHA;
         f.bmi2 = b & bit_BMI2;
+        f.adx = b & bit_ADX;
         // AVX2 also needs the OS to save the YMM registers.
         if (osxsave) {
             unsigned lo, hi;
             __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
             f.avx2 = (b & bit_AVX2) && (lo & 0x6) == 0x6;
             f.vaes = f.avx2 && f.aesni && (c & bit_VAES);
+            // AVX-512 needs the opmask and both halves of the ZMM state too.
+            f.ifma = (lo & 0xe6) == 0xe6 && (b & bit_AVX512F) && (b & bit_AVX512VL) && (b & bit_AVX512IFMA);
         }
     }
     return f;

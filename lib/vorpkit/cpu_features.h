@@ -13,6 +13,8 @@ struct CpuFeatures {
     bool shani = false;   // SHA extensions
     bool avx2 = false;
     bool bmi2 = false;
+    bool adx = false;     // ADCX and ADOX (two carry chains)
+    bool ifma = false;    // AVX-512 with 52-bit multiply-add
     bool vaes = false;    // AES on 256-bit vectors
 };
 
