@@ -149,20 +149,64 @@ private:
     sec_buffer_desc buf_{0, nullptr};
 };
 
-// Wraps a module's output (sealed data or a signature) in a seal buffer of
-// the context's mechanism and version into *out, and releases the output
-// through the module. On a failed wrap the caller sees the wrap's error, not
-// anything the release reports, and *out stays empty.
+// Memory for a seal buffer, taken before a module is asked to seal or sign.
+// A module moves its sequence number on with every output, so output lost
+// to an allocation failure after the module call would leave the two sides
+// out of step for good: with the block reserved first, running out of memory
+// fails the call before the module sees it, and the caller can try again.
+// An output longer than the slack allows still grows the block afterwards.
+class SealReservation {
+public:
+    SealReservation() = default;
+    // Room for a seal buffer around a body of about `body` bytes.
+    explicit SealReservation(size_t body) : cap_(kHeader + body + kSlack), block_(std::malloc(cap_)) {
+        if (block_ == nullptr) cap_ = 0;
+    }
+    ~SealReservation() { std::free(block_); }
+    SealReservation(const SealReservation &) = delete;
+    SealReservation &operator=(const SealReservation &) = delete;
+
+    bool reserved() const { return block_ != nullptr; }
+    // At least n bytes; a smaller block is replaced (its bytes are not kept).
+    bool fit(size_t n) {
+        if (n <= cap_) return true;
+        void *p = std::malloc(n);
+        if (p == nullptr) return false;
+        std::free(block_);
+        block_ = p;
+        cap_ = n;
+        return true;
+    }
+    unsigned char *data() { return static_cast<unsigned char *>(block_); }
+    void *take() {
+        cap_ = 0;
+        return std::exchange(block_, nullptr);
+    }
+
+private:
+    static constexpr size_t kHeader = 6;
+    // More than a module's nonce, tag or signature needs.
+    static constexpr size_t kSlack = 1024;
+    size_t cap_ = 0;
+    void *block_ = nullptr;
+};
+
+// Wraps a module's bytes as a seal buffer in `room`, which becomes out's
+// value (the work of sec__wrap_seal_buff, without an allocation when the
+// bytes fit the reservation).
+qv_int32_t sec_wrap_seal_into(sec_buffer_t in, qv_uint32_t mech, int version, SealReservation &room, sec_buffer_t out);
+
+// The module's output of a seal or a signature, wrapped as a seal buffer in
+// the memory reserved before the module call; the output goes back to the
+// module either way and the first error is kept.
 inline qv_int32_t sec_wrap_module_output(MpmOutput &output, const sec_ctx_token_desc &c, sec_status_t st,
-                                         sec_buffer_t out) {
-    OwnedBuffer wrapped;
-    qv_int32_t rc = sec__wrap_seal_buff(output.get(), c.mdata.mpm->code, c.version, wrapped.get());
+                                         SealReservation &room, sec_buffer_t out) {
+    qv_int32_t rc = sec_wrap_seal_into(output.get(), c.mdata.mpm->code, c.version, room, out);
     if (rc != 0) {
         SecErrorKeeper keep(st);
         output.release();
         return rc;
     }
     output.release();
-    wrapped.give_to(out);
     return 0;
 }

@@ -114,10 +114,12 @@ qv_int32_t prepare_data(sec_status_t st, sec_token_t ctoken, qv_uint32_t flags, 
     sec_mpm_entry_t entry = c->mdata.mpm;
     if (entry == nullptr) return no_module();
 
+    SealReservation room(static_cast<size_t>(in->length));
+    if (!room.reserved()) return sec_report(SEC_S_NO_MEMORY, MSG_2650_004);
     MpmOutput sealed(entry);
     if (qv_uint32_t rc = sec__mpm_prepare_data(entry, st, c->mdata.mtoken, mode, in, sealed.get()))
         return static_cast<qv_int32_t>(rc);
-    return sec_wrap_module_output(sealed, *c, st, out);
+    return sec_wrap_module_output(sealed, *c, st, room, out);
 }
 
 qv_int32_t process_data(sec_status_t st, sec_token_t ctoken, sec_buffer_t in, sec_buffer_t out) {

@@ -51,10 +51,12 @@ qv_int32_t sign_data(sec_status_t st, sec_token_t context, qv_int32_t count, str
     sec_mpm_entry_t entry = c->mdata.mpm;
     if (entry == nullptr) return sec_report(SEC_S_INTERNAL, MSG_2650_023);
 
+    SealReservation room(0);
+    if (!room.reserved()) return sec_report(SEC_S_NO_MEMORY, MSG_2650_004);
     MpmOutput mout(entry);
     if (qv_uint32_t rc = sec__mpm_sign_data_v(entry, st, c->mdata.mtoken, count, vector, mout.get()))
         return static_cast<qv_int32_t>(rc);
-    return sec_wrap_module_output(mout, *c, st, signature);
+    return sec_wrap_module_output(mout, *c, st, room, signature);
 }
 
 qv_int32_t verify_data(sec_status_t st, sec_token_t context, sec_buffer_t signature, qv_int32_t count,

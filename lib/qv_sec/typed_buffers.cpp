@@ -2,8 +2,10 @@
 // opaque bytes to the peer. Wrapping adds the header, unwrapping checks and
 // strips it, so a module only ever sees its own bytes.
 #include <cstdint>
+#include <cstring>
 
 #include "byte_io.h"
+#include "context_token.h"
 #include "errors.h"
 
 namespace {
@@ -89,16 +91,8 @@ qv_int32_t sec__unwrap_mech_ccdb(sec_buffer_t ccdb, qv_uint32_t *mech, int *vers
 }
 
 qv_int32_t sec__wrap_seal_buff(sec_buffer_t in, qv_uint32_t mech, int version, sec_buffer_t out) {
-    out->length = 0;
-    out->value = nullptr;
-    std::span<const uint8_t> body;
-    if (!module_bytes(in, sec__buff_tvm_len, body)) return bad_buffer();
-    ByteWriter w;
-    w.u8(SEC_BUF_SEAL);
-    w.u8(static_cast<uint8_t>(version));
-    w.u32be(mech);
-    w.bytes(body);
-    return give_or_report(w, out);
+    SealReservation room;
+    return sec_wrap_seal_into(in, mech, version, room, out);
 }
 
 qv_int32_t sec__unwrap_seal_buff(sec_buffer_t in, qv_uint32_t *mech, int *version, sec_buffer_t out) {
@@ -119,3 +113,21 @@ qv_int32_t sec__unwrap_seal_buff(sec_buffer_t in, qv_uint32_t *mech, int *versio
 }
 
 }  // extern "C"
+
+qv_int32_t sec_wrap_seal_into(sec_buffer_t in, qv_uint32_t mech, int version, SealReservation &room,
+                              sec_buffer_t out) {
+    out->length = 0;
+    out->value = nullptr;
+    std::span<const uint8_t> body;
+    if (!module_bytes(in, sec__buff_tvm_len, body)) return bad_buffer();
+    const size_t n = sec__buff_tvm_len + body.size();
+    if (!room.fit(n)) return sec_report(SEC_S_NO_MEMORY, MSG_2650_004);
+    uint8_t *p = room.data();
+    p[0] = SEC_BUF_SEAL;
+    p[1] = static_cast<uint8_t>(version);
+    for (int i = 0; i < 4; ++i) p[2 + i] = static_cast<uint8_t>(mech >> (24 - 8 * i));
+    if (!body.empty()) std::memcpy(p + sec__buff_tvm_len, body.data(), body.size());
+    out->value = room.take();
+    out->length = static_cast<qv_int32_t>(n);
+    return 0;
+}

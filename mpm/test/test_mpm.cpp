@@ -131,16 +131,18 @@ public:
         fill(out, src, len);
         if (b_.claim_len != 0 && out->value != nullptr) out->length = b_.claim_len;
     }
-    static void fill(sec_buffer_t out, const void *src, size_t len) {
+    // False when there was no memory for the bytes.
+    static bool fill(sec_buffer_t out, const void *src, size_t len) {
         out->length = 0;
         out->value = nullptr;
-        if (len == 0) return;
+        if (len == 0) return true;
         void *p = malloc(len);
-        if (p == nullptr) return;
+        if (p == nullptr) return false;
         std::memcpy(p, src, len);
         out->value = p;
         out->length = static_cast<qv_int32_t>(len);
         __atomic_fetch_add(&g_live_buffers, 1, __ATOMIC_ACQ_REL);
+        return true;
     }
 
 private:
@@ -340,9 +342,9 @@ qv_uint32_t mpm_prepare_data(qv_uint32_t *min_stat, void *token, qv_uint32_t fla
     if (tmp == nullptr) return 6;
     std::memcpy(tmp, kSealTag, sizeof kSealTag);
     for (size_t i = 0; i < n; ++i) tmp[sizeof kSealTag + i] = static_cast<const unsigned char *>(in->value)[i] ^ kSealMask;
-    Call::fill(out, tmp, sizeof kSealTag + n);
+    bool filled = Call::fill(out, tmp, sizeof kSealTag + n);
     free(tmp);
-    return 0;
+    return filled ? 0 : 6;
 }
 
 qv_uint32_t mpm_process_data(qv_uint32_t *min_stat, void *token, sec_buffer_t in, sec_buffer_t out) {
@@ -363,9 +365,9 @@ qv_uint32_t mpm_process_data(qv_uint32_t *min_stat, void *token, sec_buffer_t in
     auto *tmp = static_cast<unsigned char *>(malloc(n + 1));
     if (tmp == nullptr) return 6;
     for (size_t i = 0; i < n; ++i) tmp[i] = static_cast<const unsigned char *>(in->value)[sizeof kSealTag + i] ^ kSealMask;
-    Call::fill(out, tmp, n);
+    bool filled = Call::fill(out, tmp, n);
     free(tmp);
-    return 0;
+    return filled ? 0 : 6;
 }
 
 qv_uint32_t mpm_end_context(qv_uint32_t *min_stat, void *token) {
@@ -467,8 +469,7 @@ qv_uint32_t mpm_sign_data_v(qv_uint32_t *min_stat, void *token, qv_int32_t count
     }
     unsigned char sig[8];
     digest(count, vector, sig);
-    Call::fill(signature, sig, sizeof sig);
-    return 0;
+    return Call::fill(signature, sig, sizeof sig) ? 0 : 6;
 }
 
 qv_uint32_t mpm_verify_data_v(qv_uint32_t *min_stat, void *token, sec_buffer_t signature, qv_int32_t count,
