@@ -120,7 +120,9 @@ public:
     MpmOutput &operator=(const MpmOutput &) = delete;
 
     sec_buffer_t get() { return &buf_; }
-    bool empty() const { return buf_.length <= 0 || buf_.value == nullptr; }
+    // No output at all. A negative length or bytes counted at NULL are not
+    // "no output" but a corrupt buffer, which the wrap refuses.
+    bool empty() const { return buf_.length == 0; }
     void release() {
         if (buf_.value != nullptr) sec__mpm_release_buffer(entry_, &buf_);
         buf_ = sec_buffer_desc{0, nullptr};

@@ -686,7 +686,7 @@ TEST_F(ContextUse, OversizedModuleOutputIsRefusedAndReleased) {
              char svc[] = "svc", host[] = "host";
              return sec_start_sec_context(&st_, client_svc_, list.get(), svc, host, 0, &made, out);
          },
-         {INT32_MAX - 7}},
+         {INT32_MAX - 7, -4}},
     };
     for (const Row &r : rows) {
         long buffers = m_.live_buffers();
