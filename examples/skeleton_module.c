@@ -54,10 +54,12 @@ enum {
     SK_UNSUPPORTED = 22, /* mpm_login_as_user: there are no passwords */
 };
 
+/* How establishment fails. The mistake variant answers 2, which does not
+ * mean "failed": it asks for an unauthenticated context. */
 #ifdef SKELETON_MISTAKE_STATUS_2
-#define SK_FAILED_EXCHANGE 2u /* the mistake: 2 asks for an unauthenticated context */
+#define EXCHANGE_FAILED(status) 2u
 #else
-#define SK_FAILED_EXCHANGE SK_BAD_TOKEN
+#define EXCHANGE_FAILED(status) (status)
 #endif
 
 enum role { ROLE_CLIENT, ROLE_SERVER, ROLE_IDENTITY };
@@ -267,7 +269,7 @@ qv_uint32_t mpm_start_sec_context(qv_uint32_t *min_stat, void *sec_token, char *
     (void)sec_token, (void)trg_svc, (void)trg_host, (void)flags;
     *min_stat = 0;
     unsigned char key[MAC_LEN];
-    if (shared_key(key) != 0) return SK_FAILED_EXCHANGE;  /* before any handle exists */
+    if (shared_key(key) != 0) return EXCHANGE_FAILED(SK_NO_KEY);  /* before any handle exists */
     memset(key, 0, sizeof key);
     struct context *c = new_context(ctx_token, ROLE_CLIENT);
     if (c == NULL) return SK_NO_MEMORY;
@@ -293,10 +295,10 @@ qv_uint32_t mpm_start_sec_context(qv_uint32_t *min_stat, void *sec_token, char *
  * status 2: in the first round that makes the client an unauthenticated
  * success. */
 static qv_uint32_t server_hello(struct context *c, const unsigned char *in, size_t len, sec_buffer_t sbuff) {
-    if (len < 4 + NONCE_LEN + 1 || differ(in, kHello, 4)) return SK_FAILED_EXCHANGE;
+    if (len < 4 + NONCE_LEN + 1 || differ(in, kHello, 4)) return EXCHANGE_FAILED(SK_BAD_TOKEN);
     size_t n = in[4 + NONCE_LEN];
-    if (n == 0 || len != 4 + NONCE_LEN + 1 + n) return SK_FAILED_EXCHANGE;
-    if (memchr(in + 4 + NONCE_LEN + 1, '\0', n) != NULL) return SK_FAILED_EXCHANGE;
+    if (n == 0 || len != 4 + NONCE_LEN + 1 + n) return EXCHANGE_FAILED(SK_BAD_TOKEN);
+    if (memchr(in + 4 + NONCE_LEN + 1, '\0', n) != NULL) return EXCHANGE_FAILED(SK_BAD_TOKEN);
     memcpy(c->nc, in + 4, NONCE_LEN);
     memcpy(c->name, in + 4 + NONCE_LEN + 1, n);
     c->name[n] = '\0';
