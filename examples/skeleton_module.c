@@ -275,8 +275,12 @@ qv_uint32_t mpm_start_sec_context(qv_uint32_t *min_stat, void *sec_token, char *
     if (c == NULL) return SK_NO_MEMORY;
     c->role = ROLE_CLIENT;
     if (c->phase != PH_NEW) return SK_BAD_STATE;
-    const struct passwd *pw = getpwuid(geteuid());
-    if (pw == NULL || strlen(pw->pw_name) > NAME_MAX_LEN) return SK_BAD_ARGUMENT;
+    /* The _r forms: several threads may be in the module at once. */
+    struct passwd pwd, *pw = NULL;
+    char pwbuf[1024];
+    if (getpwuid_r(geteuid(), &pwd, pwbuf, sizeof pwbuf, &pw) != 0 || pw == NULL ||
+        strlen(pw->pw_name) > NAME_MAX_LEN)
+        return SK_BAD_ARGUMENT;
     strcpy(c->name, pw->pw_name);
     if (fresh_nonce(c->nc) != 0) return SK_NO_MEMORY;
     unsigned char head[4 + NONCE_LEN + 1];
@@ -537,7 +541,9 @@ qv_uint32_t mpm_get_mapped_name(qv_uint32_t *min_stat, void *token, qv_int32_t *
     *min_stat = 0;
     const struct context *c = named_context(token);
     if (c == NULL) return SK_BAD_STATE;
-    if (getpwnam(c->name) == NULL) return answer("", 0, name_len, name);
+    struct passwd pwd, *pw = NULL;
+    char pwbuf[1024];
+    if (getpwnam_r(c->name, &pwd, pwbuf, sizeof pwbuf, &pw) != 0 || pw == NULL) return answer("", 0, name_len, name);
     return answer(c->name, (qv_int32_t)strlen(c->name) + 1, name_len, name);
 }
 #endif
