@@ -9,6 +9,9 @@
  * library (return code 22), not in the module. mpm_init is the one routine
  * every module must export.
  *
+ * The full contract (when each routine is called, what each status means,
+ * who releases what) is share/doc/qvsec/writing-a-module.md.
+ *
  * Rules for every routine but mpm_init:
  *  - The first argument points to the caller's minor status: store a
  *    mechanism-specific detail there (0 when there is none).
@@ -18,6 +21,9 @@
  *    failure; the library copies it into the caller's status record with the
  *    routine's name and the mechanism code, and returns 3 to its caller
  *    (except the statuses 24, 34 and 36 noted below, passed on as they are).
+ *  - Never return 2 for a failure of mpm_start_sec_context or of the first
+ *    mpm_receive_sec_context: there 2 asks for an UNAUTHENTICATED context,
+ *    and the application gets success (2 on the client, 0 on the service).
  *  - Several threads may be inside the module at once, in the same or in
  *    different routines: every routine must be thread-safe.
  *  - A thread may be cancelled inside a routine. Build the module with
@@ -25,8 +31,10 @@
  *    library's own clean-up runs when that happens.
  *  - Output buffers (sec_buffer_t outputs) are allocated by the module and
  *    released by the library through mpm_release_buffer, so the module picks
- *    the allocator. Handles (void * tokens) are the module's own records:
- *    opaque to the library, created and freed by the module's routines.
+ *    the allocator; except mpm_process_data's output, which goes to the
+ *    application and is released with free(): it must be malloc memory.
+ *    Handles (void * tokens) are the module's own records: opaque to the
+ *    library, created and freed by the module's routines.
  *  - Input buffers and strings belong to the library: read them during the
  *    call, never keep or free them.
  */
@@ -123,11 +131,14 @@ qv_uint32_t mpm_prepare_data(qv_uint32_t *min_stat, void *token, qv_uint32_t fla
                              sec_buffer_t out);
 
 /* mpm_process_data: check and unprotect what the peer's mpm_prepare_data
- * produced, into *out (module-allocated, released through
- * mpm_release_buffer). */
+ * produced, into *out. *out is the application's buffer: fill it with malloc
+ * memory (the application releases it with free(), never through
+ * mpm_release_buffer), and leave it empty (length 0, value NULL) on failure. */
 qv_uint32_t mpm_process_data(qv_uint32_t *min_stat, void *token, sec_buffer_t in, sec_buffer_t out);
 
-/* mpm_end_context: free the context handle. It is not used again. */
+/* mpm_end_context: free the context handle. It is not used again. Also
+ * called after a failed establishment step, with whatever handle the module
+ * left, possibly NULL. */
 qv_uint32_t mpm_end_context(qv_uint32_t *min_stat, void *token);
 
 /* mpm_login_as_service: acquire the credentials of service svc_name (the

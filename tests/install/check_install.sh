@@ -13,7 +13,8 @@ for f in include/qv_sec.h include/qv_sec_mpm.h include/qv_cu.h include/qv_tr.h i
          lib/libqv_sec.so lib/libvorpkit.so lib/libqv_cu.so lib/libqv_tr.so \
          lib/pkgconfig/qv_sec.pc lib/pkgconfig/vorpkit.pc \
          share/qvsec/qvsec.cat share/qvsec/qvsec.msg share/qvsec/qvsec.cfg.sample bin/qvsec bin/qvtrace \
-         bin/qvsec-example-service bin/qvsec-example-client lib/qvsec/mpm_local.so; do
+         bin/qvsec-example-service bin/qvsec-example-client lib/qvsec/mpm_local.so \
+         share/doc/qvsec/writing-a-module.md share/doc/qvsec/skeleton_module.c; do
   [ -e "$prefix/$f" ] || fail "missing $f"
 done
 # Versioned SONAMEs, and nothing exported beyond each library's own names.

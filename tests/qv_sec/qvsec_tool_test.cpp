@@ -121,6 +121,12 @@ TEST(QvsecTool, SuccessAndRefusalPaths) {
         {{"mac", "keygen", "a", "b"}, "", 2, "", "usage: qvsec mac keygen KEYFILE"},
         {{"mac", "sign", "k", "f", "t", "x"}, "", 2, "", "usage: qvsec mac keygen KEYFILE"},
         {{"mac", "verify", "k", "f"}, "", 2, "", "usage: qvsec mac keygen KEYFILE"},
+        // mechs --load names what each missing routine disables; module check
+        {{"mechs", "--load"}, good, 0, "routines (25 of 25)", "", "missing"},
+        {{"mechs", "--load"}, config("noflags.cfg", qvtest::module_path(qvtest::kTestMpmNoFlags)), 0,
+         "  missing mpm_get_ctx_flags: sec_get_ctx_attribute (flags) and sec_create_cidb fail with return code 22", ""},
+        {{"module"}, "", 2, "", "usage: qvsec module check PATH"},
+        {{"module", "check", missing}, "", 1, "", missing + ": No such file or directory"},
     };
     // A file owned by another unprivileged user is worth a warning even when
     // only its owner may write it.

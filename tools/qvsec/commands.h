@@ -20,6 +20,7 @@ int run_mechs(const Args &args);
 int run_mac(const Args &args);
 int run_cidb(const Args &args);
 int run_acl(const Args &args);
+int run_module(const Args &args);
 
 // The usage of `qvsec mac`, one line per form.
 extern const char *const kMacUsage;

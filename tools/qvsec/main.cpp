@@ -17,6 +17,9 @@ const Command kCommands[] = {
     {"mac", "mac keygen|sign|verify ...", "make a shared DES key, sign a file with it or verify a file's token", run_mac, kMacUsage},
     {"cidb", "cidb show [FILE|-]", "decode a CIDB (a client identity) from a file or standard input", run_cidb},
     {"acl", "acl show|add|del|check ...", "show, edit or check an ACL file", run_acl, kAclUsage},
+    {"module", "module check PATH",
+     "drive a mechanism module through the library and report each departure from the module contract",
+     run_module},
 };
 
 void usage(FILE *out) {

@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "library_init.h"
+#include "module_routines.h"
 #include "mpm.h"
 
 namespace {
@@ -71,11 +72,9 @@ bool report_load(const Mechanism &m) {
     std::printf("  load: ok\n  mpm_init: present\n  routines (%zu of %d):", found.size(), MPM_ROUTINE_COUNT);
     for (const char *n : found) std::printf(" %s", n);
     std::printf("\n");
-    if (!missing.empty()) {
-        std::printf("  missing:");
-        for (const char *n : missing) std::printf(" %s", n);
-        std::printf("\n");
-    }
+    // Each missing routine with what the application loses: a routine is
+    // looked up only when called, so the load itself never fails for it.
+    for (const char *n : missing) std::printf("  missing %s: %s\n", n, mpm_routine_use(n)->consequence);
     return true;
 }
 
