@@ -33,6 +33,7 @@
 #include <unistd.h>
 
 #include "endpoint.h"
+#include "failure.h"
 #include "framing.h"
 
 /* sec_start_sec_context flag of the local mechanism: the service's user must

@@ -56,6 +56,7 @@
 #include <unistd.h>
 
 #include "endpoint.h"
+#include "failure.h"
 #include "framing.h"
 
 #define MAX_THREADS 1024

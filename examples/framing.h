@@ -46,9 +46,4 @@ int send_frame(int fd, int timeout_ms, int type, const void *data, qv_int32_t le
  * timeout_ms milliseconds. On failure the buffer is empty. */
 int recv_frame(int fd, int timeout_ms, int *type, sec_buffer_desc *buffer);
 
-/* Prints "<what>: <message>" for the failure that code rc reported: the
- * catalogued message of the thread's error record, or for a failure inside a
- * mechanism module (rc 3), the module's status. */
-void print_failure(const char *what, qv_int32_t rc, const sec_status_desc *st);
-
 #endif
