@@ -51,25 +51,6 @@ pid_t spawn(const std::string &program, std::vector<std::string> args, const std
     return pid;
 }
 
-// Exit statuses of pids (-1: killed by a signal or still running at the
-// deadline, then killed), polled without a thread per child.
-std::vector<int> wait_all(const std::vector<pid_t> &pids, std::chrono::seconds limit) {
-    std::vector<int> status(pids.size(), -2);
-    auto deadline = Clock::now() + limit;
-    for (size_t done = 0; done < pids.size();) {
-        for (size_t i = 0; i < pids.size(); ++i) {
-            int st = 0;
-            if (status[i] != -2) continue;
-            if (Clock::now() > deadline) kill(pids[i], SIGKILL);
-            if (waitpid(pids[i], &st, Clock::now() > deadline ? 0 : WNOHANG) != pids[i]) continue;
-            status[i] = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-            ++done;
-        }
-        usleep(20000);
-    }
-    return status;
-}
-
 int connect_unix(const std::string &path) {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
@@ -133,7 +114,9 @@ protected:
         socket_ = dir_.path() + "/s.sock";
     }
     void TearDown() override {
-        if (pid_ > 0) wait_all({pid_}, 1s);
+        if (pid_ <= 0) return;
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
     }
     // Starts the service and waits until it listens.
     void start(std::vector<std::string> args) {
@@ -144,7 +127,7 @@ protected:
     }
     std::string service_output() const { return qvtest::read_file(dir_.path() + "/service.out"); }
     int service_exit(std::chrono::seconds limit) {
-        int st = wait_all({pid_}, limit)[0];
+        int st = qvtest::wait_bounded(pid_, limit);
         pid_ = -1;
         return st;
     }
@@ -186,10 +169,10 @@ TEST_F(ExampleService, ServesEveryClientWhileOthersMisbehave) {
     for (int i = 0; i < clients; ++i)
         pids.push_back(spawn(client_, {"--socket", socket_, "--timeout", "300", "load " + std::to_string(i)},
                              dir_.path() + "/client" + std::to_string(i) + ".out"));
-    std::vector<int> status = wait_all(pids, 400s);
     for (int i = 0; i < clients; ++i) {
+        int status = qvtest::wait_bounded(pids[static_cast<size_t>(i)], 400s);
         std::string out = qvtest::read_file(dir_.path() + "/client" + std::to_string(i) + ".out");
-        EXPECT_EQ(status[static_cast<size_t>(i)], 0) << out;
+        EXPECT_EQ(status, 0) << out;
         EXPECT_NE(out.find("you said \"load " + std::to_string(i) + "\""), std::string::npos) << out;
     }
     for (size_t i = 0; i < fds.size(); ++i) {
