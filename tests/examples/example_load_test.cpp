@@ -99,6 +99,9 @@ const std::vector<Misbehaviour> kMisbehaviours = {
     {"oversized", std::string("\x01\xff\xff\xff\xff", 5), false, "frame too long"},
     {"data first", std::string("\x04\x00\x00\x00\x01X", 6), false, "unexpected frame"},
     {"bad offer", std::string("\x01\x00\x00\x00\x03" "abc", 8), false, "no mechanism in common"},
+    // A valid offer of "local", then a context token that is not one.
+    {"bad token", std::string("\x01\x00\x00\x00\x06\x81\x01\x00\x00\x00\x01" "\x03\x00\x00\x00\x04" "junk", 20), false,
+     "authentication failed"},
     {"half frame", std::string("\x01\x00\x00\x10\x00" "ab", 7), false, ""},
     {"trickle", std::string("\x01\x00\x00\x10\x00", 5), true, ""},
 };
