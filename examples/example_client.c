@@ -3,13 +3,21 @@
  * security context with it, sends a sealed request and prints the unsealed
  * reply.
  *
- *   qvsec-example-client [--socket PATH] [--service NAME] [--service-user USER] [MESSAGE]
+ *   qvsec-example-client [--socket PATH | --connect HOST:PORT] [--service NAME]
+ *                        [--service-user USER] [--timeout SECONDS] [MESSAGE]
  *
  * The client requires mutual authentication: the service must run as a user
  * allowed to serve NAME ("example" unless given): root, the client's own
  * user, or one the administrator listed for NAME (see the local mechanism's
  * README). With --service-user it must moreover run as USER. The default
- * socket is the service's default: see example_socket_path.
+ * socket is the service's default: see example_socket_path. Each answer
+ * must arrive within --timeout seconds (60 unless given: a busy service
+ * keeps new clients waiting until one of its threads is free).
+ *
+ * Over TCP (--connect) the "local" mechanism declines: only a UNIX-domain
+ * socket lets the kernel say who runs the other end. The client then says
+ * that its mechanism cannot work over TCP; a TCP client needs a mechanism
+ * that proves identity across hosts.
  *
  * The structure to copy: sec_start; sec_get_auth_methods and the service's
  * reconciled list; sec_setup_socket on the connected socket (so the "local"
@@ -17,19 +25,22 @@
  * sec_complete_sec_context with each answer until neither side needs more;
  * sec_prepare_data / sec_process_data; sec_end_context and sec_end.
  */
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+#include "endpoint.h"
+#include "failure.h"
 #include "framing.h"
 
 /* sec_start_sec_context flag of the local mechanism: the service's user must
  * be allowed to serve the target name. */
 #define EXAMPLE_REQUIRE_MUTUAL 0x00000002u
+
+static int timeout_ms = 60000;
 
 static int refused(int type, const sec_buffer_desc *frame) {
     if (type != FRAME_REFUSED) return 0;
@@ -38,7 +49,7 @@ static int refused(int type, const sec_buffer_desc *frame) {
 }
 
 /* Runs the context exchange; returns the established context or NULL. */
-static sec_token_t establish(sec_token_t stoken, int fd, char *service) {
+static sec_token_t establish(sec_token_t stoken, int fd, const struct endpoint *ep, char *service) {
     sec_status_desc st;
     sec_token_t ctx = NULL;
     sec_buffer_desc offer = {0, NULL}, shared, c_ccdb = {0, NULL};
@@ -51,16 +62,17 @@ static sec_token_t establish(sec_token_t stoken, int fd, char *service) {
         print_failure("sec_get_auth_methods", rc, NULL);
         return NULL;
     }
-    send_frame(fd, FRAME_OFFER, offer.value, offer.length);
+    send_frame(fd, timeout_ms, FRAME_OFFER, offer.value, offer.length);
     sec_release_buffer(&offer);
-    if (recv_frame(fd, &type, &shared) != 0 || type != FRAME_SHARED) {
+    if (recv_frame(fd, timeout_ms, &type, &shared) != 0 || type != FRAME_SHARED) {
         if (!refused(type, &shared)) fprintf(stderr, "client: no answer to the offer\n");
         sec_release_buffer(&shared);
         return NULL;
     }
 
-    /* 2. Our socket too, so the mechanism can check who the service is. */
-    rc = sec_setup_socket(stoken, fd, SEC_F_LOCAL_SOCKET | SEC_F_SOCKET_BOUND, NULL, &ctx);
+    /* 2. Our socket too, so the mechanism can check who the service is (or,
+     * for a network socket, so that "local" knows to decline). */
+    rc = sec_setup_socket(stoken, fd, endpoint_socket_flags(ep), NULL, &ctx);
     if (rc != 0) {
         print_failure("sec_setup_socket", rc, NULL);
         sec_release_buffer(&shared);
@@ -72,10 +84,10 @@ static sec_token_t establish(sec_token_t stoken, int fd, char *service) {
     sec_release_buffer(&shared);
     while (rc == SEC_S_CONTINUE || c_ccdb.length > 0) {
         sec_buffer_desc s_ccdb;
-        if (c_ccdb.length > 0) send_frame(fd, FRAME_CCDB, c_ccdb.value, c_ccdb.length);
+        if (c_ccdb.length > 0) send_frame(fd, timeout_ms, FRAME_CCDB, c_ccdb.value, c_ccdb.length);
         sec_release_buffer(&c_ccdb);
         if (rc != SEC_S_CONTINUE) break;
-        if (recv_frame(fd, &type, &s_ccdb) != 0 || type != FRAME_CCDB) {
+        if (recv_frame(fd, timeout_ms, &type, &s_ccdb) != 0 || type != FRAME_CCDB) {
             if (!refused(type, &s_ccdb)) fprintf(stderr, "client: the service closed the exchange\n");
             sec_release_buffer(&s_ccdb);
             sec_end_context(&st, ctx, NULL);
@@ -92,6 +104,13 @@ static sec_token_t establish(sec_token_t stoken, int fd, char *service) {
         return NULL;
     }
     print_failure("establishing the context", rc, &st);
+    /* A mechanism that checks its peer through a UNIX-domain socket declines
+     * a network socket with EAFNOSUPPORT: say so plainly. */
+    if (ep->tcp && rc == SEC_S_MPM_FAILURE && st.min_stat == EAFNOSUPPORT)
+        fprintf(stderr,
+                "client: mechanism 0x%x cannot authenticate over TCP: it needs a UNIX-domain socket; "
+                "use --socket, or configure a mechanism that works across hosts\n",
+                st.mech_code);
     return NULL;
 }
 
@@ -114,61 +133,61 @@ static int check_service(sec_token_t ctx, const char *expected_user) {
     return ok ? 0 : -1;
 }
 
+static int usage(void) {
+    fprintf(stderr,
+            "usage: qvsec-example-client [--socket PATH | --connect HOST:PORT] [--service NAME]\n"
+            "                            [--service-user USER] [--timeout SECONDS] [MESSAGE]\n");
+    return 2;
+}
+
 int main(int argc, char **argv) {
-    char default_path[108];
-    const char *path = NULL, *expected_user = NULL;
+    const char *path = NULL, *connect_address = NULL, *expected_user = NULL;
     char *service = "example";
     const char *message = "what time is it?";
+    struct endpoint ep;
     sec_status_desc st;
     sec_token_t stoken = NULL, ctx;
     sec_buffer_desc plain, sealed = {0, NULL}, answer, reply = {0, NULL};
-    struct sockaddr_un addr;
     char mech[SEC_C_CTX_MPM_NAME_SIZE] = "";
+    long seconds = 60;
     int fd, i, type, status = 1;
     qv_int32_t rc;
 
     for (i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--socket") == 0 && i + 1 < argc) {
             path = argv[++i];
+        } else if (strcmp(argv[i], "--connect") == 0 && i + 1 < argc) {
+            connect_address = argv[++i];
         } else if (strcmp(argv[i], "--service") == 0 && i + 1 < argc) {
             service = argv[++i];
         } else if (strcmp(argv[i], "--service-user") == 0 && i + 1 < argc) {
             expected_user = argv[++i];
+        } else if (strcmp(argv[i], "--timeout") == 0 && i + 1 < argc) {
+            seconds = strtol(argv[++i], NULL, 10);
         } else if (argv[i][0] == '-') {
-            fprintf(stderr,
-                    "usage: qvsec-example-client [--socket PATH] [--service NAME] [--service-user USER] [MESSAGE]\n");
-            return 2;
+            return usage();
         } else {
             message = argv[i];
         }
     }
+    if ((path != NULL && connect_address != NULL) || seconds < 1 || seconds > 3600) return usage();
+    timeout_ms = (int)seconds * 1000;
     signal(SIGPIPE, SIG_IGN);
-    if (path == NULL) {
-        if (example_socket_path(default_path, sizeof default_path, 0) != 0) return 1;
-        path = default_path;
-    }
+    rc = endpoint_from_options(&ep, path, connect_address, 0);
+    if (rc != 0) return (int)rc;
 
     rc = sec_start(&st, 0, &stoken);
     if (rc != 0) {
         print_failure("sec_start", rc, &st);
         return 1;
     }
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof addr.sun_path) {
-        fprintf(stderr, "client: socket path too long\n");
-        sec_end(&st, 0, stoken);
-        return 1;
-    }
-    memcpy(addr.sun_path, path, strlen(path) + 1);
-    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0 || connect(fd, (struct sockaddr *)&addr, sizeof addr) != 0) {
-        perror("client: connect");
+    fd = endpoint_connect(&ep);
+    if (fd < 0) {
         sec_end(&st, 0, stoken);
         return 1;
     }
 
-    ctx = establish(stoken, fd, service);
+    ctx = establish(stoken, fd, &ep, service);
     if (ctx != NULL && check_service(ctx, expected_user) != 0) {
         sec_end_context(&st, ctx, NULL);
         ctx = NULL;
@@ -182,10 +201,11 @@ int main(int argc, char **argv) {
         rc = sec_prepare_data(&st, ctx, SEC_F_PROTECT_MODE2, &plain, &sealed);
         if (rc != 0) {
             print_failure("sec_prepare_data", rc, &st);
+        } else if (send_frame(fd, timeout_ms, FRAME_DATA, sealed.value, sealed.length) != FRAME_OK) {
+            fprintf(stderr, "client: cannot send the request (at most %u bytes sealed)\n", FRAME_MAX_LENGTH);
         } else {
-            printf("client: sending a sealed request of %d bytes: %s\n", (int)sealed.length, message);
-            send_frame(fd, FRAME_DATA, sealed.value, sealed.length);
-            if (recv_frame(fd, &type, &answer) == 0 && type == FRAME_DATA) {
+            printf("client: sent a sealed request of %d bytes: %s\n", (int)sealed.length, message);
+            if (recv_frame(fd, timeout_ms, &type, &answer) == 0 && type == FRAME_DATA) {
                 rc = sec_process_data(&st, ctx, &answer, &reply);
                 if (rc == 0) {
                     printf("client: reply: %.*s\n", (int)reply.length, (const char *)reply.value);
@@ -193,7 +213,7 @@ int main(int argc, char **argv) {
                 } else {
                     print_failure("sec_process_data", rc, &st);
                 }
-            } else {
+            } else if (!refused(type, &answer)) {
                 fprintf(stderr, "client: no reply\n");
             }
             sec_release_buffer(&answer);

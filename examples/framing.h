@@ -4,6 +4,10 @@
  * bytes. The library never touches the network; framing is the
  * application's business, and any scheme that delivers the bytes intact will
  * do.
+ *
+ * Every frame has a deadline: a peer that sends nothing, or trickles its
+ * bytes, or does not read what it is sent, is given up on when the time runs
+ * out, instead of holding the reader or writer forever.
  */
 #ifndef QVSEC_EXAMPLE_FRAMING_H
 #define QVSEC_EXAMPLE_FRAMING_H
@@ -18,30 +22,28 @@ enum frame_type {
     FRAME_REFUSED = 5  /* the service gives up on this client: the body says why */
 };
 
-/* Frames above this size are refused: a peer cannot make us allocate more. */
-#define FRAME_MAX_LENGTH (1u << 20)
+/* Every frame of this protocol is small (mechanism lists, context tokens, a
+ * short sealed message). A larger length is refused before anything is
+ * allocated: a peer cannot make us set aside more than this. */
+#define FRAME_MAX_LENGTH (64u * 1024u)
 
-/* Sends one frame; 0 on success, -1 on a socket error. */
-int send_frame(int fd, int type, const void *data, qv_int32_t length);
+/* What send_frame and recv_frame return. */
+enum frame_status {
+    FRAME_OK = 0,
+    FRAME_CLOSED = -1,    /* the peer closed the connection (or reset it) */
+    FRAME_TIMED_OUT = -2, /* the frame did not arrive or leave within the deadline */
+    FRAME_TOO_LONG = -3,  /* the length is above FRAME_MAX_LENGTH */
+    FRAME_NO_MEMORY = -4
+};
+
+/* A short text for a frame_status, for messages. */
+const char *frame_status_text(int status);
+
+/* Sends one frame, giving up after timeout_ms milliseconds. */
+int send_frame(int fd, int timeout_ms, int type, const void *data, qv_int32_t length);
 /* Receives one frame into a malloc'ed buffer (release with
- * sec_release_buffer); 0 on success, -1 on a socket error, a closed
- * connection or an oversized frame. */
-int recv_frame(int fd, int *type, sec_buffer_desc *buffer);
-
-/* Prints "<what>: <message>" for the failure that code rc reported: the
- * catalogued message of the thread's error record, or for a failure inside a
- * mechanism module (rc 3), the module's status. */
-void print_failure(const char *what, qv_int32_t rc, const sec_status_desc *st);
-
-/* The default socket path of the example service, in a directory that only
- * the service's user (or root) can write, so that no other user can put a
- * socket of its own where clients look:
- *   $XDG_RUNTIME_DIR/qvsec-example.sock   when the variable is set;
- *   /run/qvsec/example.sock               for root otherwise;
- *   /tmp/qvsec-<uid>/example.sock         for other users otherwise.
- * With create set, a missing /run/qvsec or /tmp/qvsec-<uid> is made. Fails
- * (-1, with a message on stderr) when the directory is not owned by root or
- * this user, is writable by group or others, or the path does not fit. */
-int example_socket_path(char *path, size_t size, int create);
+ * sec_release_buffer), giving up when the whole frame has not arrived within
+ * timeout_ms milliseconds. On failure the buffer is empty. */
+int recv_frame(int fd, int timeout_ms, int *type, sec_buffer_desc *buffer);
 
 #endif

@@ -22,6 +22,7 @@ namespace {
 constexpr int kEstablishments = 300;
 constexpr int kRoundTrips = 2000;
 constexpr int kDone = 9;  // frame type: the client is finished with this connection
+constexpr int kFrameTimeoutMs = 30000;
 
 struct Buf {
     sec_buffer_desc b{0, nullptr};
@@ -45,23 +46,23 @@ void die(const char *what, qv_int32_t rc) {
         sec_token_t ctx = nullptr;
         int type = 0;
         Buf offer, shared;
-        if (recv_frame(fd, &type, &offer.b) != 0) std::_Exit(0);
+        if (recv_frame(fd, kFrameTimeoutMs, &type, &offer.b) != 0) std::_Exit(0);
         if (type == kDone) std::_Exit(0);
         sec_reconcile_auth_methods(&offer.b, &shared.b);
-        send_frame(fd, FRAME_SHARED, shared.b.value, shared.b.length);
+        send_frame(fd, kFrameTimeoutMs, FRAME_SHARED, shared.b.value, shared.b.length);
         sec_setup_socket(stoken, fd, SEC_F_LOCAL_SOCKET | SEC_F_SOCKET_BOUND, nullptr, &ctx);
         for (;;) {
             Buf in, out;
-            if (recv_frame(fd, &type, &in.b) != 0 || type == kDone) break;
+            if (recv_frame(fd, kFrameTimeoutMs, &type, &in.b) != 0 || type == kDone) break;
             if (type == FRAME_CCDB) {
                 qv_int32_t rc = sec_receive_sec_context(&st, stoken, &in.b, &ctx, &out.b);
                 if (rc > 1) die("sec_receive_sec_context", rc);
-                if (out.b.length > 0) send_frame(fd, FRAME_CCDB, out.b.value, out.b.length);
+                if (out.b.length > 0) send_frame(fd, kFrameTimeoutMs, FRAME_CCDB, out.b.value, out.b.length);
             } else {
                 Buf plain;
                 if (sec_process_data(&st, ctx, &in.b, &plain.b) != 0) die("sec_process_data", 3);
                 if (sec_prepare_data(&st, ctx, SEC_F_PROTECT_MODE2, &plain.b, &out.b) != 0) die("sec_prepare_data", 3);
-                send_frame(fd, FRAME_DATA, out.b.value, out.b.length);
+                send_frame(fd, kFrameTimeoutMs, FRAME_DATA, out.b.value, out.b.length);
             }
         }
         sec_end_context(&st, ctx, nullptr);
@@ -86,21 +87,21 @@ sec_token_t establish(sec_token_t stoken, int fd) {
     qv_int32_t count = 0;
     int type = 0;
     sec_get_auth_methods(&offer.b, &count);
-    send_frame(fd, FRAME_OFFER, offer.b.value, offer.b.length);
-    if (recv_frame(fd, &type, &shared.b) != 0) die("offer", 1);
+    send_frame(fd, kFrameTimeoutMs, FRAME_OFFER, offer.b.value, offer.b.length);
+    if (recv_frame(fd, kFrameTimeoutMs, &type, &shared.b) != 0) die("offer", 1);
     sec_setup_socket(stoken, fd, SEC_F_LOCAL_SOCKET | SEC_F_SOCKET_BOUND, nullptr, &ctx);
     Buf c_ccdb;
     qv_int32_t rc = sec_start_sec_context(&st, stoken, &shared.b, const_cast<char *>("bench"),
                                           const_cast<char *>("localhost"), 0, &ctx, &c_ccdb.b);
     while (rc == SEC_S_CONTINUE) {
-        send_frame(fd, FRAME_CCDB, c_ccdb.b.value, c_ccdb.b.length);
+        send_frame(fd, kFrameTimeoutMs, FRAME_CCDB, c_ccdb.b.value, c_ccdb.b.length);
         sec_release_buffer(&c_ccdb.b);
         Buf s_ccdb;
-        if (recv_frame(fd, &type, &s_ccdb.b) != 0) die("exchange", 1);
+        if (recv_frame(fd, kFrameTimeoutMs, &type, &s_ccdb.b) != 0) die("exchange", 1);
         rc = sec_complete_sec_context(&st, &s_ccdb.b, &ctx, &c_ccdb.b);
     }
     if (rc != 0) die("establishing", rc);
-    if (c_ccdb.b.length > 0) send_frame(fd, FRAME_CCDB, c_ccdb.b.value, c_ccdb.b.length);
+    if (c_ccdb.b.length > 0) send_frame(fd, kFrameTimeoutMs, FRAME_CCDB, c_ccdb.b.value, c_ccdb.b.length);
     return ctx;
 }
 
@@ -147,7 +148,7 @@ int main() {
     for (int i = 0; i < kEstablishments; ++i) {
         int fd = connect_to(sock);
         sec_token_t ctx = establish(stoken, fd);
-        send_frame(fd, kDone, nullptr, 0);
+        send_frame(fd, kFrameTimeoutMs, kDone, nullptr, 0);
         sec_end_context(&st, ctx, nullptr);
         close(fd);
     }
@@ -164,20 +165,20 @@ int main() {
             Buf sealed, answer, opened;
             int type = 0;
             if (sec_prepare_data(&st, ctx, SEC_F_PROTECT_MODE2, &plain, &sealed.b) != 0) die("prepare", 3);
-            send_frame(fd, FRAME_DATA, sealed.b.value, sealed.b.length);
-            if (recv_frame(fd, &type, &answer.b) != 0) die("reply", 1);
+            send_frame(fd, kFrameTimeoutMs, FRAME_DATA, sealed.b.value, sealed.b.length);
+            if (recv_frame(fd, kFrameTimeoutMs, &type, &answer.b) != 0) die("reply", 1);
             if (sec_process_data(&st, ctx, &answer.b, &opened.b) != 0) die("process", 3);
         }
         double rate = kRoundTrips / seconds_since(t);
         std::printf("sealed round trips, %5zu B %25s %10.0f /s  (%.1f MB/s each way)\n", size, "", rate,
                     rate * static_cast<double>(size) / 1e6);
     }
-    send_frame(fd, kDone, nullptr, 0);
+    send_frame(fd, kFrameTimeoutMs, kDone, nullptr, 0);
     sec_end_context(&st, ctx, nullptr);
     close(fd);
     // Tell the service to stop: a connection whose first frame says so.
     int last = connect_to(sock);
-    send_frame(last, kDone, nullptr, 0);
+    send_frame(last, kFrameTimeoutMs, kDone, nullptr, 0);
     close(last);
     waitpid(child, nullptr, 0);
     sec_end(&st, 0, stoken);
