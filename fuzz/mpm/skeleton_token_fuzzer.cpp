@@ -85,9 +85,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         std::string name(bytes.c_str());
         void *id = nullptr;
         if (mpm_create_id_context(&minor, MPM_IDCTX_FROM_NAME, name.data(), &id) == 0) {
-            qv_int32_t len = 256;
-            char buf[256];
-            if (mpm_get_client_name(&minor, id, &len, buf) != 0 || std::strcmp(buf, name.c_str()) != 0) std::abort();
+            std::string buf(name.size() + 1, '\0');
+            qv_int32_t len = static_cast<qv_int32_t>(buf.size());
+            if (mpm_get_client_name(&minor, id, &len, buf.data()) != 0 || std::strcmp(buf.c_str(), name.c_str()) != 0)
+                std::abort();
         }
         mpm_end_context(&minor, id);
         break;
