@@ -41,23 +41,25 @@ constexpr int kTableMax = SEC_MPM_MAX_ENTRIES;
 
 class Findings {
 public:
+    explicit Findings(FILE *out = stderr) : out_(out) {}
     void error(const std::string &where, const std::string &text) {
-        std::fprintf(stderr, "%s: error: %s\n", where.c_str(), text.c_str());
+        std::fprintf(out_, "%s: error: %s\n", where.c_str(), text.c_str());
         ++errors_;
     }
     void warning(const std::string &where, const std::string &text) {
-        std::fprintf(stderr, "%s: warning: %s\n", where.c_str(), text.c_str());
+        std::fprintf(out_, "%s: warning: %s\n", where.c_str(), text.c_str());
         ++warnings_;
     }
     // The library's own message for a refusal, as a daemon would log it.
     void library(const std::string &where, const std::string &message) {
-        std::fprintf(stderr, "%s: %s\n", where.c_str(), message.c_str());
+        std::fprintf(out_, "%s: %s\n", where.c_str(), message.c_str());
     }
     int errors() const { return errors_; }
     int warnings() const { return warnings_; }
     int exit_status() const { return errors_ > 0 ? kExitFailed : warnings_ > 0 ? 2 : kExitOk; }
 
 private:
+    FILE *out_;
     int errors_ = 0;
     int warnings_ = 0;
 };
