@@ -789,6 +789,29 @@ qv_int32_t sec_check_acl_access(sec_status_t st, sec_token_t ctx, sec_acl_buffer
 qv_int32_t sec_check_acl_client(sec_acl_buffer_t acl, const sec_acl_types_desc *types,
                                 const sec_acl_client_desc *client, qv_uint32_t requested, qv_uint32_t *granted);
 
+/* ---- Explaining failures ----
+ * Words for people: what a return code, a message or a mechanism's status
+ * means, its usual causes and what to check, for logs and tools. The text is
+ * English, several lines, and may change between releases: do not parse it.
+ * *text receives a NUL-terminated string (length without the NUL), released
+ * with sec_release_buffer. Apart from their own argument errors, both leave
+ * the calling thread's error record as it was, so a failure can be explained
+ * before or after its message is read. */
+
+/* sec_explain_status: explains return code rc and, when st is not NULL and
+ * holds a failure of a module routine (maj_stat above 1), the module's
+ * status, in the mechanism's own words where its module provides them
+ * (mpm_explain_status in qv_sec_mpm.h; the module is loaded if needed).
+ * Returns 0, 4 (2650-060: rc is not a return code of the library, position
+ * 1; text NULL, position 3) or 6. */
+qv_int32_t sec_explain_status(qv_int32_t rc, const sec_status_desc *st, sec_buffer_t text);
+
+/* sec_explain_message: explains the message with catalogue number number
+ * (cu_msg_num of the error record) and the return code it comes with.
+ * Returns 0, 4 (2650-060: a number the library does not issue, position 1;
+ * text NULL, position 2) or 6. */
+qv_int32_t sec_explain_message(qv_int32_t number, sec_buffer_t text);
+
 /* ---- Internal routines ----
  * Exported under their own names for the library's tools and tests, and for
  * diagnostics. They take the locks their descriptions name; programs

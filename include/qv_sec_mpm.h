@@ -204,6 +204,20 @@ qv_uint32_t mpm_get_ctx_mpm(qv_uint32_t *min_stat, void *token, char *mpm);
  * mechanism: 0 yes, MPM_S_USER_NOT_VALID no (passed on as return code 36). */
 qv_uint32_t mpm_user_valid(qv_uint32_t *min_stat, void *token, char *username);
 
+/* mpm_explain_status (optional): words for people about one of this
+ * module's own statuses. major and minor are a status that one of the
+ * module's routines returned (the library passes them from a caller's status
+ * record). Write into text, size bytes with the NUL, a short explanation:
+ * what went wrong and what to do, e.g. "no socket was given to the
+ * mechanism: call sec_setup_socket", without a trailing newline; cut it to
+ * fit. Return 0 when text holds an explanation, any other value (text then
+ * unused) for a status the module does not explain. Called like any other
+ * routine (module loaded, entry read-locked), from any thread; it must not
+ * fail for any pair of numbers. sec_explain_status calls it; a module without
+ * it works unchanged, and its statuses are then shown as numbers only. */
+qv_uint32_t mpm_explain_status(qv_uint32_t *min_stat, qv_uint32_t major, qv_uint32_t minor, char *text,
+                               qv_int32_t size);
+
 #if defined(__GNUC__)
 #pragma GCC visibility pop
 #endif

@@ -126,4 +126,48 @@ TEST(MessageTable, GeneratedCatalogueMatchesTable) {
     catclose(cat);
 }
 
+// Explaining a failure: the return code's class, a module's status for a
+// mechanism this process has not configured, the argument checks, and the
+// caller's error record left as it was.
+TEST(MessageTable, ExplainedInWords) {
+    sec_status_desc module{8, 88, 0x7e000001, "mpm_receive_sec_context"};
+    sec_status_desc continuing{1, 0, 0x7e000001, ""};
+    struct Case {
+        qv_int32_t rc;
+        const sec_status_desc *st;
+        int message;  // >= 0: explain this message instead
+        qv_int32_t result;
+        const char *has, *lacks;
+    } cases[] = {
+        {21, nullptr, -1, 0, "return code 21: ", "\nmechanism 0x"},
+        {3, &module, -1, 0, "mpm_receive_sec_context: major status 8, minor status 88\n  the module gives no", "\x01"},
+        {0, &continuing, -1, 0, "return code 0: success\n", "mechanism"},
+        {11, nullptr, -1, 4, "", ""},  // not a return code of the library
+        {-1, nullptr, -1, 4, "", ""},
+        {0, nullptr, MSG_2650_019, 0, "\nreturn code 21: ", "\x01"},
+        {0, nullptr, MSG_2650_087, 0, "return code 31: ", "message:"},
+        {0, nullptr, MSG_2650_009, 4, "", ""},  // not issued by the library
+        {0, nullptr, SEC_MSG_COUNT, 4, "", ""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.rc) + " " + std::to_string(c.message));
+        sec_report(SEC_S_BAD_TOKEN, MSG_2650_061);
+        sec_buffer_desc text{5, nullptr};
+        qv_int32_t rc = c.message >= 0 ? sec_explain_message(c.message, &text) : sec_explain_status(c.rc, c.st, &text);
+        ASSERT_EQ(rc, c.result);
+        if (rc != 0) {
+            EXPECT_EQ(last_message(), MSG_2650_060);
+            continue;
+        }
+        std::string out(static_cast<const char *>(text.value));
+        EXPECT_EQ(text.length, static_cast<qv_int32_t>(out.size()));
+        EXPECT_NE(out.find(c.has), std::string::npos) << out;
+        EXPECT_EQ(out.find(c.lacks), std::string::npos) << out;
+        EXPECT_EQ(last_message(), MSG_2650_061);  // the caller's record is kept
+        sec_release_buffer(&text);
+    }
+    EXPECT_EQ(sec_explain_status(21, nullptr, nullptr), SEC_S_BAD_ARGUMENT);
+    EXPECT_EQ(sec_explain_message(MSG_2650_019, nullptr), SEC_S_BAD_ARGUMENT);
+}
+
 }  // namespace

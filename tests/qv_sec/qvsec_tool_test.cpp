@@ -7,10 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
 #include "child_process.h"
+#include "messages.h"
 #include "qv_sec.h"
 #include "test_mpm.h"
 #include "test_support.h"
@@ -21,8 +23,13 @@ constexpr uid_t kNobody = 65534;
 
 TEST(QvsecTool, SuccessAndRefusalPaths) {
     qvtest::TempDir dir;
-    auto run = [](const std::vector<std::string> &args, const std::string &config = "") {
-        return qvtest::run_tool(QVSEC_PATH, args, {{"QV_SEC_CONFIG", config}});
+    // The variables config check looks at are unset unless a row sets them.
+    using Env = std::map<std::string, std::string>;
+    auto run = [](const std::vector<std::string> &args, const std::string &config = "", const Env &env = {}) {
+        Env all = {{"QV_SEC_CONFIG", config}, {"QV_SEC_MECH", ""}, {"QV_SEC_IMP_MECHS", ""}, {"QV_TRACE", ""},
+                   {"QV_TRACE_FILE", ""}};
+        for (const auto &[k, v] : env) all[k] = v;
+        return qvtest::run_tool(QVSEC_PATH, args, all);
     };
     auto file = [&](const std::string &name, const std::string &text, mode_t mode = 0644) {
         std::string path = dir.write(name, text);
@@ -43,6 +50,16 @@ TEST(QvsecTool, SuccessAndRefusalPaths) {
     std::string nine;
     for (int i = 1; i <= 9; ++i) nine += std::to_string(i) + " m" + std::to_string(i) + " " + std::to_string(i) + " /x.so\n";
     const std::string full = file("nine.cfg", nine);
+    const std::string local = file("local.cfg", "1 local 1 " + qvtest::module_path("mpm_local.so") + " i\n");
+    const std::string not_elf = config("notelf.cfg", qvtest::module_path(qvtest::kTestMpmNotElf));
+    const std::string octal = file("octal.cfg", "1 a 08 /a.so i\n"), blanks = file("blanks.cfg", " \n\t\n");
+    const std::string dup = file("dup.cfg", "1 a 1 " + module + " i\n2 b 0x01 " + module + " i\n");
+    const std::string flags = file("flags.cfg", "1 qvtest 0x7f000001 " + module + " ix trailing\n");
+    const std::string order = file("order.cfg", "2 qvtest 0x7f000001 " + module + " i\n1 averyveryverylongmnemonic 2 " +
+                                                    module + " -\n");
+    const std::string spaced = file("spaced.cfg", "1 qvtest 0x7f000001 /opt/my mods/a.so i\n");
+    const std::string unreadable = config("unreadable.cfg", module, 0);
+    const std::string trace = dir.path() + "/t.trc", no_trace = "/nonexistent/t.trc";
 
     // Keys and tokens made before the table, checked here.
     const std::string key = dir.path() + "/key", other = dir.path() + "/other", token = dir.path() + "/token";
@@ -76,11 +93,13 @@ TEST(QvsecTool, SuccessAndRefusalPaths) {
         int status;
         std::string out_has, err_has;  // "" for err_has: standard error stays empty
         std::string out_lacks = "\x01";
+        Env env = {};
     };
     std::vector<Case> cases = {
         {{"--version"}, "", 0, "qvsec 1.0.0\n", ""},
         {{"--help"}, "", 0, "mac keygen|sign|verify", ""},
         {{"config", "--help"}, "", 0, "usage: qvsec config check [FILE]\n", ""},
+        {{"config", "--help"}, "", 0, "\nExit status: 0 no finding, 1 errors (or a usage error), 2 warnings only.\n", ""},
         {{"mechs", "-h"}, "", 0, "usage: qvsec mechs [--load]\n", ""},
         {{"mac", "help"}, "", 0, "qvsec mac verify KEYFILE FILE TOKENFILE\n", ""},
         {{}, "", 2, "", "usage:"},
@@ -89,12 +108,64 @@ TEST(QvsecTool, SuccessAndRefusalPaths) {
         {{"config", "check", good}, "", 0, "valid, 1 mechanism\npriority", ""},
         {{"config", "check"}, good, 0, good + ": valid", ""},
         {{"config", "check", good}, "", 0, " 0x7f000001 u ", ""},
-        {{"config", "check", open_cfg}, "", 0, "valid", "is writable by its group or by others (mode 0666)"},
-        {{"config", "check", shared_cfg}, "", 0, "valid", "module " + shared_module + " is writable"},
+        {{"config", "check", open_cfg}, "", 2, "valid", "is writable by its group or by others (mode 0666)"},
+        {{"config", "check", shared_cfg}, "", 2, "valid", "module " + shared_module + " is writable"},
         {{"config", "check", bad}, "", 1, "", bad + ":2: 2650-019"},
         {{"config", "check", missing}, "", 1, "", missing + ": 2650-019"},
-        {{"config"}, "", 2, "", "usage: qvsec config check"},
-        {{"config", "check", good, "x"}, "", 2, "", "usage: qvsec config check"},
+        {{"config"}, "", 1, "", "usage: qvsec config check"},
+        {{"config", "check", good, "x"}, "", 1, "", "usage: qvsec config check"},
+        // config check: the search order, each refusal's reason, what is
+        // accepted but rarely meant, the modules and the environment.
+        {{"config", "check"}, good, 0, "2. /var/qv/cfg/qvsec.cfg: ", "", "\x01"},
+        {{"config", "check"}, good, 0, "\nchosen: " + good + "\n", ""},
+        {{"config", "check", missing}, "", 1, "", missing + ": error: the file does not exist\n"},
+        {{"config", "check", dir.path()}, "", 1, "", dir.path() + ": error: the path names a directory"},
+        {{"config", "check", blanks}, "", 1, "", blanks + ": error: the file is empty or holds only blank"},
+        {{"config", "check", bad}, "", 1, "", bad + ":2: error: field 4 (path) ends the line"},
+        {{"config", "check", octal}, "", 1, "", octal + ":1: error: field 3 (code) '08' is not a valid octal"},
+        {{"config", "check", dup}, "", 1, "", dup + ":2: error: code 0x00000001 is already used by 'a' as line 1"},
+        {{"config", "check", flags}, "", 2, "valid", flags + ":1: warning: flag letter 'x' is not known"},
+        {{"config", "check", flags}, "", 2, "valid", flags + ":1: warning: 'trailing' after the flags field is ignored"},
+        {{"config", "check", order}, "", 2, "valid", order + ":2: warning: priority 1 is not above line 1's 2"},
+        {{"config", "check", order}, "", 2, "valid", order + ":2: warning: module " + module + " is also line 1's",
+         "mpm_init\nmodule "},  // a module shared by two lines is loaded once
+        {{"config", "check", order}, "", 2, "valid", order + ":2: warning: mnemonic 'averyveryverylongmnemonic' is 25"},
+        {{"config", "check", spaced}, "", 1, "valid", "warning: the path seems to hold a blank: the library reads '/opt/my'"},
+        {{"config", "check", spaced}, "", 1, "valid", spaced + ":1: error: module /opt/my: does not exist"},
+        {{"config", "check", no_init}, "", 1, "valid", "error: module " + qvtest::module_path(qvtest::kTestMpmNoInit) +
+                                                          ": does not export mpm_init"},
+        {{"config", "check", not_elf}, "", 1, "valid", ": cannot be loaded (2650-051): "},
+        {{"config", "check", good}, "", 0, "valid", "", "\x01", {{"QV_SEC_IMP_MECHS", " none  qvtest"}}},
+        {{"config", "check", good}, "", 2, "valid", "QV_SEC_IMP_MECHS: warning: allows only 'none'", "\x01",
+         {{"QV_SEC_IMP_MECHS", "none"}}},
+        {{"config", "check", good}, "", 1, "valid", "QV_TRACE: error: 'junk' is not component:category=level",
+         "\x01", {{"QV_TRACE", "junk;_SEA:API=1"}, {"QV_TRACE_FILE", trace}}},
+        {{"config", "check", good}, "", 2, "valid", "QV_SEC_MECH: warning: 'bogus' is not a configured mechanism",
+         "\x01", {{"QV_SEC_MECH", "bogus"}}},
+        {{"config", "check", good}, "", 1, "valid", "(mnemonics are separated by blanks, not commas)", "\x01",
+         {{"QV_SEC_IMP_MECHS", "qvtest,x"}}},
+        {{"config", "check", good}, "", 1, "valid", "QV_SEC_IMP_MECHS: error: names no configured mechanism", "\x01",
+         {{"QV_SEC_IMP_MECHS", "qvtest,x"}}},
+        {{"config", "check", good}, "", 0, "valid", "", "\x01", {{"QV_TRACE", "_SEA:API=8;*:*=1"}, {"QV_TRACE_FILE", trace}}},
+        {{"config", "check", good}, "", 1, "valid", "QV_TRACE: error: 'API=x' in '_SEA:API=x' is not category=level",
+         "\x01", {{"QV_TRACE", "_SEA:API=x"}, {"QV_TRACE_FILE", trace}}},
+        {{"config", "check", good}, "", 2, "valid", "QV_TRACE: warning: category 'Bufer' is not one of the library's",
+         "\x01", {{"QV_TRACE", "_SEA:Bufer=1"}, {"QV_TRACE_FILE", trace}}},
+        {{"config", "check", good}, "", 1, "valid", "QV_TRACE_FILE: error: " + no_trace + " cannot be created",
+         "\x01", {{"QV_TRACE", "_SEA:*=1"}, {"QV_TRACE_FILE", no_trace}}},
+        {{"config", "check", good}, "", 2, "valid", "QV_TRACE: warning: is set but QV_TRACE_FILE is not", "\x01",
+         {{"QV_TRACE", "_SEA:API=1"}}},
+        // explain
+        {{"explain", "21"}, "", 0, "return code 21: ", ""},
+        {{"explain", "2650-019"}, "", 0, std::string(cu_mesgtbl_qvsec_msg[MSG_2650_019]) + "\nmessage: ", ""},
+        {{"explain", "--mech", "local", "8", "88"}, local, 0,
+         "\n  local: no socket was given to the mechanism: call sec_setup_socket", ""},
+        {{"explain", "--mech", "local", "34", "7"}, local, 0, "return code 34: ", ""},
+        {{"explain", "--mech", "qvtest", "0x8", "88"}, good, 0, "major status 8, minor status 88\n  the module gives no", ""},
+        {{"explain", "--mech", "nosuch", "8", "88"}, good, 1, "", "no mechanism named 'nosuch' in " + good},
+        {{"explain", "99"}, "", 1, "", "99 is not a return code of the library"},
+        {{"explain", "2650-500"}, "", 1, "", "2650-500 is not a message of the library"},
+        {{"explain"}, "", 2, "", "usage: qvsec explain CODE"},
         // mechs
         {{"mechs"}, good, 0, "1 mechanism", ""},
         {{"mechs", "--load"}, good, 0, "load: ok", ""},
@@ -130,20 +201,22 @@ TEST(QvsecTool, SuccessAndRefusalPaths) {
     };
     // A file owned by another unprivileged user is worth a warning even when
     // only its owner may write it.
-    if (geteuid() == 0) {
+    if (geteuid() != 0) {
+        cases.push_back({{"config", "check", unreadable}, "", 1, "", unreadable + ": error: the file cannot be read"});
+    } else {
         std::string theirs = file("theirs.so", qvtest::read_file(module), 0755);
         std::string theirs_cfg = config("theirs.cfg", theirs);
         for (const std::string &p : {theirs, theirs_cfg}) EXPECT_EQ(chown(p.c_str(), kNobody, kNobody), 0);
-        cases.push_back({{"config", "check", theirs_cfg}, "", 0, "valid",
+        cases.push_back({{"config", "check", theirs_cfg}, "", 2, "valid",
                          "configuration file " + theirs_cfg + " is owned by"});
-        cases.push_back({{"config", "check", theirs_cfg}, "", 0, "valid",
+        cases.push_back({{"config", "check", theirs_cfg}, "", 2, "valid",
                          "module " + theirs + " is owned by"});
     }
     for (const Case &c : cases) {
         std::string shown;
         for (const std::string &a : c.args) shown += a + " ";
         SCOPED_TRACE(shown);
-        qvtest::ToolRun r = run(c.args, c.config);
+        qvtest::ToolRun r = run(c.args, c.config, c.env);
         EXPECT_EQ(r.status, c.status) << r.err;
         EXPECT_NE(r.out.find(c.out_has), std::string::npos) << r.out;
         EXPECT_EQ(r.out.find(c.out_lacks), std::string::npos) << r.out;
@@ -153,6 +226,11 @@ TEST(QvsecTool, SuccessAndRefusalPaths) {
             EXPECT_NE(r.err.find(c.err_has), std::string::npos) << r.err;
         }
     }
+    // QV_SEC_CONFIG set to the empty string, which the tool's runner cannot
+    // pass as such.
+    qvtest::ToolRun empty_path = qvtest::run_tool("/usr/bin/env", {"QV_SEC_CONFIG=", QVSEC_PATH, "config", "check"});
+    EXPECT_EQ(empty_path.status, 1);
+    EXPECT_NE(empty_path.err.find("(empty path): error: the path is empty"), std::string::npos) << empty_path.err;
     EXPECT_EQ(qvtest::read_file(key), key_bytes);  // never replaced
     EXPECT_EQ(qvtest::read_file(empty_token), "");
 }

@@ -10,8 +10,8 @@ namespace {
 
 const Command kCommands[] = {
     {"config", "config check [FILE]",
-     "validate a configuration file as the library reads it (default: the file the library would read)",
-     run_config},
+     "check a configuration file, its modules and the environment (default: the file the library would read)",
+     run_config, kConfigUsage},
     {"mechs", "mechs [--load]",
      "list the configured mechanisms; with --load, load each module and list the routines it exports", run_mechs},
     {"mac", "mac keygen|sign|verify ...", "make a shared DES key, sign a file with it or verify a file's token", run_mac, kMacUsage},
@@ -20,6 +20,8 @@ const Command kCommands[] = {
     {"module", "module check PATH",
      "drive a mechanism module through the library and report each departure from the module contract",
      run_module},
+    {"explain", "explain CODE|2650-NNN|--mech ...", "say what a return code, a message or a mechanism's status means",
+     run_explain, kExplainUsage},
 };
 
 void usage(FILE *out) {
