@@ -470,6 +470,7 @@ TEST(Qvtrace, NamesTheLibrarysRecords) {
         {"_SEA", 106, PayloadKind::data, {ptr, le(uint64_t(-5), 8), ptr}, " sec_renew_identity entry st=0x7ffe0010 ltime=-5 stoken=0x7ffe0010"},
         {"_SEA", 146, PayloadKind::strings, {"al ice" + kNul}, " sec_user_valid entry username=\"al ice\""},
         {"_SEA", 1, PayloadKind::strings, {"sec_create_acle" + kNul}, " sec_create_acle exit"},
+        {"_SEA", 3, PayloadKind::data, {"", rc3}, " (null) exit rc=3 (module failure, see the status)"},
         {"_SEA", 4, PayloadKind::data, {"sec_x" + kNul, le(2, 4), le(0, 4), le(0, 4), le(0, 4), kNul},
          " sec_x exit rc=2 (complete, unauthenticated) maj=0 min=0 mech=none desc=\"\""},
         {"_SEA", 5, PayloadKind::data, {ccdb.substr(0, 4)}, " buffer head=\"CCDB\" v2"},

@@ -238,10 +238,12 @@ bool append_named_record(std::string &out, const qvtr::TraceEvent &event, const 
     // routine in their first item.
     if (rec.routine.empty() && !rec.fields.empty() && rec.fields[0].name == "routine") {
         std::span<const uint8_t> routine = event.items[0];
-        if (!routine.empty() && routine.back() == 0)
-            routine = routine.first(routine.size() - 1);
-        line += ' ';
-        append_escaped(line, routine, false);
+        if (routine.empty()) {
+            line += " (null)";
+        } else {
+            line += ' ';
+            append_escaped(line, routine.first(routine.size() - (routine.back() == 0 ? 1 : 0)), false);
+        }
         first = 1;
     } else if (!rec.routine.empty()) {
         line += ' ';
