@@ -1,6 +1,7 @@
-// Arbitrary bytes as a trace file. Besides not crashing, the reader must find
-// the same things whether it gets the file at once or in two pieces, and every
-// record it accepts must encode back to exactly the bytes it came from.
+// Arbitrary bytes as a trace file, printed raw and by name. Besides not
+// crashing, the reader must find the same things whether it gets the file at
+// once or in two pieces, and every record it accepts must encode back to
+// exactly the bytes it came from.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -20,6 +21,10 @@ std::vector<std::string> read_events(std::span<const uint8_t> data, size_t split
             return;
         }
         lines.push_back(std::to_string(ev.offset) + " " + qvtrace::format_event(ev));
+        // The library's records by name: every typed-buffer and item decoder
+        // on whatever the bytes hold, with one code that has a mnemonic.
+        static const qvtrace::Mnemonics names{{0x10002, "krb"}};
+        lines.push_back(qvtrace::format_event(ev, &names));
         if (ev.kind != qvtr::TraceEvent::Kind::record)
             return;
         std::vector<qvtr::Item> items;

@@ -133,17 +133,17 @@ extern "C" {
 
 qv_int32_t sec_start(sec_status_t st, qv_uint32_t flags, sec_token_t *stokenp) {
     sec_init_once();
-    sec_trace_api_entry(11, 12, st, flags, stokenp);
+    sec_trace_api_entry(kTraceStart, st, flags, stokenp);
     qv_int32_t rc = start(st, flags, stokenp);
-    sec_trace_api_exit(14, 15, 16, rc, st);
+    sec_trace_api_exit(kTraceStart, rc, st);
     return rc;
 }
 
 qv_int32_t sec_end(sec_status_t st, qv_uint32_t flags, sec_token_t stoken) {
     sec_init_once();
-    sec_trace_api_entry(17, 18, st, flags, stoken);
+    sec_trace_api_entry(kTraceEnd, st, flags, stoken);
     qv_int32_t rc = end(st, flags, stoken);
-    sec_trace_api_exit(20, 21, 22, rc, st);
+    sec_trace_api_exit(kTraceEnd, rc, st);
     return rc;
 }
 

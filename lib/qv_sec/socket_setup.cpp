@@ -110,9 +110,9 @@ qv_uint32_t sec__bind_unix_socket(int sockfd, char *path, char **rpath) {
 
 qv_int32_t sec_setup_socket(sec_token_t stoken, int sockfd, qv_uint32_t flags, void *arg, sec_token_t *ctokenp) {
     sec_init_once();
-    sec_trace_api_entry(23, 24, stoken, sockfd, flags, arg, ctokenp);
+    sec_trace_api_entry(kTraceSetupSocket, stoken, sockfd, flags, arg, ctokenp);
     qv_int32_t rc = setup_socket(stoken, sockfd, flags, arg, ctokenp);
-    sec_trace_api_exit(26, 27, 27, rc, nullptr);
+    sec_trace_api_exit(kTraceSetupSocket, rc, nullptr);
     return rc;
 }
 

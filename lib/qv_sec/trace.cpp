@@ -50,12 +50,12 @@ void sec__trace_routine_end(const char *name, qv_int32_t rc, sec_status_t st) {
     SecCancelDisabled no_cancel;  // as for sec_trace_api_exit
     if (sec_trace_on(SEC_TRC_API, kTraceData)) {
         if (st == nullptr) {
-            tr_record_data_1(kTraceComponent, 3, 2, name, strlen(name) + 1, &rc, sizeof rc);
+            tr_record_data_1(kTraceComponent, kTraceRoutineEndRc, 2, name, strlen(name) + 1, &rc, sizeof rc);
         } else {
-            record_status(4, name, rc, st);
+            record_status(kTraceRoutineEndStatus, name, rc, st);
         }
     } else if (sec_trace_on(SEC_TRC_API)) {
-        tr_record_strings_1(kTraceComponent, 1, 1, name);
+        tr_record_strings_1(kTraceComponent, kTraceRoutineEnd, 1, name);
     }
 }
 
@@ -64,24 +64,24 @@ void sec__trace_buffer(sec_buffer_t buf) {
     if (sec_trace_on(SEC_TRC_BUFFER, kTraceData)) {
         qv_int32_t len = buf->length;
         size_t n = (buf->value != nullptr && len > 0) ? static_cast<size_t>(len) : 0;
-        tr_record_data_1(kTraceComponent, 6, 2, &len, sizeof len, buf->value, n);
+        tr_record_data_1(kTraceComponent, kTraceBufferWhole, 2, &len, sizeof len, buf->value, n);
     } else if (sec_trace_on(SEC_TRC_BUFFER)) {
         qv_uint32_t first = 0;
         if (buf->value != nullptr && buf->length >= 4) std::memcpy(&first, buf->value, sizeof first);
-        tr_record_data_1(kTraceComponent, 5, 1, &first, sizeof first);
+        tr_record_data_1(kTraceComponent, kTraceBufferWord, 1, &first, sizeof first);
     }
 }
 
 void sec__trace_service_token(sec_svc_token_t token) {
     if (token == nullptr || !sec_trace_on(SEC_TRC_SVCTKN)) return;
-    if (token->magic != kSvcTokenMagic) tr_record_id_1(kTraceComponent, 7);
+    if (token->magic != kSvcTokenMagic) tr_record_id_1(kTraceComponent, kTraceBadServiceToken);
 }
 
 void sec__trace_context_token(void *token) {
     if (token == nullptr || !sec_trace_on(SEC_TRC_CTXTKN)) return;
     qv_uint32_t magic;
     std::memcpy(&magic, token, sizeof magic);
-    if (magic != kCtxTokenMagic) tr_record_id_1(kTraceComponent, 8);
+    if (magic != kCtxTokenMagic) tr_record_id_1(kTraceComponent, kTraceBadContextToken);
 }
 
 }  // extern "C"

@@ -55,8 +55,10 @@ void sec_trace_api_entry(qv_uint32_t id_plain, qv_uint32_t id_data, const T &...
 void sec_trace_api_exit(qv_uint32_t id_plain, qv_uint32_t id_rc, qv_uint32_t id_status, qv_int32_t rc,
                         sec_status_t st);
 
-template <typename... T>
-void sec_trace_api_entry(const sec_trace_ids &ids, const T &...args) {
+template <typename Row, typename... T>
+void sec_trace_api_entry(const sec_trace_routine_ids<Row> &ids, const T &...args) {
+    static_assert(sec_trace_layout_fits(Row::arguments_layout, {sizeof(T)...}),
+                  "the arguments differ from the routine's row in trace_records.def");
     sec_trace_api_entry(ids.entry, ids.entry_data, args...);
 }
 

@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "child_process.h"
 #include "context_test_harness.h"
 #include "current_error.h"
 #include "sec_test_util.h"
@@ -1403,6 +1404,68 @@ TEST_F(ApiTrace, IdentityContextPrivilegeSetAboveInfoOne) {
         });
         const std::vector<std::string> privset = {"qvtest_client@example", "<nil>", "0", ""};
         EXPECT_EQ(seen, level == 1 ? std::vector<std::string>() : privset);
+    }
+}
+
+// qvtrace reads what real calls wrote by name: a restarted service, a
+// negotiation that succeeds, one with no mechanism in common, and a
+// configured module whose file is missing. Each row is one output line that
+// holds every part, the rows in order. The literal ids pin the records the
+// library writes, the names the table qvtrace reads.
+TEST_F(ApiTrace, QvtraceNamesNegotiationsAndMissingModules) {
+    configure(line(1, "qvtest", kCodeA, qvtest::kTestMpm) + line(2, "qvtest2", kCodeB, qvtest::kTestMpm2) +
+              "3 qvgone 119 /nonexistent/libqvgone.so i\n");
+    size_t from = trace_size();
+    for (auto c : {SEC_TRC_API, SEC_TRC_BUFFER, SEC_TRC_ERRORS}) sec__trace_detail_levels[c] = 8;
+    restart_server();
+    Out offer, shared, nothing;
+    qv_int32_t n = 0;
+    EXPECT_EQ(sec_get_auth_methods(offer.get(), &n), 0);
+    EXPECT_EQ(sec_reconcile_auth_methods(offer.get(), shared.get()), 0);
+    EXPECT_EQ(establish(shared.bytes()).client_rc, 0);
+    end_contexts();
+    View foreign(mech_list({0x99}));
+    EXPECT_EQ(sec_reconcile_auth_methods(foreign.get(), nothing.get()), 0);
+    EXPECT_EQ(establish(nothing.bytes()).client_rc, 2);
+    end_contexts();
+    int gone_rc = establish(mech_list({119})).client_rc;
+    EXPECT_GT(gone_rc, 2);
+    for (auto c : {SEC_TRC_API, SEC_TRC_BUFFER, SEC_TRC_ERRORS}) sec__trace_detail_levels[c] = 0;
+
+    const std::string all = qvtest::read_file(kTraceFile);
+    std::string tail = dir_.write("tail.trc", all.substr(0, qvtr::kFileHeaderSize) + all.substr(from));
+    qvtest::ToolRun run = qvtest::run_tool(QVTRACE_PATH, {"--config", dir_.path() + "/qvsec.cfg", tail});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const std::string gone_exit = "sec_start_sec_context exit rc=" + std::to_string(gone_rc);
+    const std::vector<std::vector<std::string>> rows = {
+        {"id=18 ", "sec_end entry st=0x", " flags=0x0 stoken=0x"},
+        {"id=22 ", "sec_end exit rc=0 (ok) maj=0 min=0 mech=none desc=\"\""},
+        {"id=12 ", "sec_start entry st=0x"},
+        {"id=16 ", "sec_start exit rc=0 (ok)"},
+        {"id=33 ", "sec_get_auth_methods exit rc=0 (ok)"},
+        {"id=61 ", "sec_start_sec_context entry st=0x", " flags=0x0 ctokenp=0x"},
+        {"id=6 ", "buffer length=14 buffer=\"mechanism list\" v1 "
+                  "mechanisms=qvtest(0x00010002),qvtest2(0x00000051),qvgone(0x00000077)"},
+        {"id=6 ", "buffer=\"CCDB\" v2 mech=qvtest(0x00010002) seq=1 flags=0x0"},
+        {"id=74 ", "sec_receive_sec_context exit rc=0 (ok)"},
+        {"buffer length=2 buffer=\"mechanism list\" v1 mechanisms=(none)"},
+        {"id=64 ", "sec_start_sec_context exit rc=2 (complete, unauthenticated)"},
+        {"buffer length=8 buffer=\"CCDB\" v2 mech=none seq=1 flags=0x00 body=0"},
+        {"id=173 ", "module file missing (stat failed) module=\"qvgone\" thread=0x",
+         " path=\"/nonexistent/libqvgone.so\""},
+        {"id=64 ", gone_exit},
+    };
+    size_t at = 0;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.back());
+        bool found = false;
+        while (!found && at < run.out.size()) {
+            size_t end = run.out.find('\n', at);
+            std::string line = run.out.substr(at, end - at);
+            at = end == std::string::npos ? run.out.size() : end + 1;
+            found = std::all_of(row.begin(), row.end(), [&](const std::string &p) { return line.find(p) != line.npos; });
+        }
+        ASSERT_TRUE(found) << run.out;
     }
 }
 

@@ -424,7 +424,7 @@ TEST(Qvtrace, PrintsOneLinePerRecordAndEachDamage) {
     const std::string torn = record_bytes("_SEA", 3, PayloadKind::data, {"abc"});
     std::string file = header_bytes() + r1 + r2 + garbage + r3 + header_bytes() + r4 + torn.substr(0, torn.size() - 2);
     const size_t garbage_at = 8 + r1.size() + r2.size(), torn_at = file.size() - torn.size() + 2;
-    qvtest::ToolRun run = run_qvtrace({dir.write("small.trc", file)});
+    qvtest::ToolRun run = run_qvtrace({"--raw", dir.write("small.trc", file)});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.out,
               "2026-11-22 10:15:03.000000005 UTC _SEA id=11 pid=4242 tid=4343\n"
@@ -437,6 +437,82 @@ TEST(Qvtrace, PrintsOneLinePerRecordAndEachDamage) {
     EXPECT_NE(run.err.find("2 damaged"), std::string::npos) << run.err;
 }
 
+std::string le(uint64_t v, size_t n) {
+    std::string out;
+    for (size_t i = 0; i < n; ++i) out += char(v >> (8 * i));
+    return out;
+}
+const std::string kNul("\0", 1);
+
+// The library's records by name, with mechanism mnemonics from the
+// configuration; what does not fit its id's layout stays raw.
+TEST(Qvtrace, NamesTheLibrarysRecords) {
+    qvtest::TempDir dir;
+    std::string cfg = dir.write("qvsec.cfg", "1 krb 65538 /x/krb.so i\n2 unix 81 /x/unix.so u\n");
+    const std::string ptr = le(0x7ffe0010, 8), four = le(0x2000000, 4), rc3 = le(3, 4);
+    const std::string list = std::string("\x81\x01\x00\x01\x00\x02\x00\x00\x00\x99", 10);
+    const std::string ccdb = std::string("\x82\x02\x00\x00\x00\x51\x01\x01secret", 14);
+    const std::string cidb = std::string("\x87\x01", 2) + std::string(7, '\0') + "\x05" +
+                             std::string("\x00\x01\x00\x02\x00\x40\x00\x00", 8);
+    struct Row {
+        std::string comp;
+        uint32_t id;
+        PayloadKind kind;
+        std::vector<std::string> items;
+        const char *shown;  // after "pid=4242 tid=4343"
+    } rows[] = {
+        {"_SEA", 11, PayloadKind::none, {}, " sec_start entry"},
+        {"_SEA", 12, PayloadKind::data, {ptr, four, le(0, 8)}, " sec_start entry st=0x7ffe0010 flags=0x2000000 stokenp=NULL"},
+        {"_SEA", 27, PayloadKind::data, {le(uint32_t(-1), 4)}, " sec_setup_socket exit rc=-1"},
+        {"_SEA", 64, PayloadKind::data, {rc3, le(8, 4), le(88, 4), le(0x10002, 4), "mpm_start\t" + kNul},
+         " sec_start_sec_context exit rc=3 (module failure, see the status) maj=8 min=88 "
+         "mech=krb(0x00010002) desc=\"mpm_start\\t\""},
+        {"_SEA", 106, PayloadKind::data, {ptr, le(uint64_t(-5), 8), ptr}, " sec_renew_identity entry st=0x7ffe0010 ltime=-5 stoken=0x7ffe0010"},
+        {"_SEA", 146, PayloadKind::strings, {"al ice" + kNul}, " sec_user_valid entry username=\"al ice\""},
+        {"_SEA", 1, PayloadKind::strings, {"sec_create_acle" + kNul}, " sec_create_acle exit"},
+        {"_SEA", 3, PayloadKind::data, {"", rc3}, " (null) exit rc=3 (module failure, see the status)"},
+        {"_SEA", 4, PayloadKind::data, {"sec_x" + kNul, le(2, 4), le(0, 4), le(0, 4), le(0, 4), kNul},
+         " sec_x exit rc=2 (complete, unauthenticated) maj=0 min=0 mech=none desc=\"\""},
+        {"_SEA", 5, PayloadKind::data, {ccdb.substr(0, 4)}, " buffer head=\"CCDB\" v2"},
+        {"_SEA", 6, PayloadKind::data, {le(10, 4), list},
+         " buffer length=10 buffer=\"mechanism list\" v1 mechanisms=krb(0x00010002),0x00000099"},
+        {"_SEA", 6, PayloadKind::data, {le(3, 4), list.substr(0, 3)}, " buffer length=3 buffer=\"mechanism list\" v1 mechanisms=(none) stray=1"},
+        {"_SEA", 6, PayloadKind::data, {le(14, 4), ccdb}, " buffer length=14 buffer=\"CCDB\" v2 mech=unix(0x00000051) seq=1 flags=0x01 body=6"},
+        {"_SEA", 6, PayloadKind::data, {le(7, 4), ccdb.substr(0, 7)}, " buffer length=7 buffer=\"CCDB\" cut short at 7 bytes"},
+        {"_SEA", 6, PayloadKind::data, {le(6, 4), std::string("\x86\x02\x00\x00\x00\x00", 6)}, " buffer length=6 buffer=\"seal buffer\" v2 mech=none body=0"},
+        {"_SEA", 6, PayloadKind::data, {le(18, 4), cidb},
+         " buffer length=18 buffer=\"CIDB\" v1 node=0x0000000000000005 mech=krb(0x00010002) flags=0x00400000 length=18"},
+        {"_SEA", 6, PayloadKind::data, {le(2, 4), "\x42\x01"}, " buffer length=2 buffer=untyped, 2 bytes"},
+        {"_SEA", 6, PayloadKind::data, {le(0, 4), ""}, " buffer length=0 buffer=(empty)"},
+        {"_SEA", 174, PayloadKind::data, {"krb" + kNul, le(0xbeef, 4), "/x/krb.so" + kNul, "no such" + kNul},
+         " module load failed module=\"krb\" thread=0xbeef path=\"/x/krb.so\" error=\"no such\""},
+        {"_SEA", 8, PayloadKind::none, {}, " bad context token"},
+        // Not the layout of the id, an unknown id, another component: raw.
+        {"_SEA", 12, PayloadKind::data, {ptr, le(1, 8), ptr}, " 1000fe7f00000000 0100000000000000 1000fe7f00000000"},
+        {"_SEA", 5, PayloadKind::strings, {"abc" + kNul}, " \"abc\""},
+        {"_SEA", 160, PayloadKind::strings, {"a" + kNul}, " \"a\""},
+        {"_SEA", 175, PayloadKind::none, {}, ""},
+        {"_XYZ", 11, PayloadKind::none, {}, ""},
+    };
+    std::string file = header_bytes(), expected;
+    for (const Row &r : rows) {
+        file += record_bytes(r.comp, r.id, r.kind, r.items);
+        expected += "2026-11-22 10:15:03.123456789 UTC " + r.comp + " id=" + std::to_string(r.id) +
+                    " pid=4242 tid=4343" + r.shown + "\n";
+    }
+    std::string trace = dir.write("named.trc", file);
+    qvtest::ToolRun run = run_qvtrace({"--config", cfg, trace});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, expected);
+    // Without the configuration the codes stand alone.
+    run = run_qvtrace({"--config", dir.path() + "/none.cfg", trace});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find("none.cfg: not a readable configuration file"), std::string::npos) << run.err;
+    run = qvtest::run_tool(QVTRACE_PATH, {trace}, {{"QV_SEC_CONFIG", dir.path() + "/none.cfg"}});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.out.find("mechanisms=0x00010002,0x00000099\n"), std::string::npos) << run.out;
+}
+
 TEST(Qvtrace, UsageAndUnreadableFiles) {
     qvtest::TempDir dir;
     std::string newer = header_bytes();
@@ -447,9 +523,10 @@ TEST(Qvtrace, UsageAndUnreadableFiles) {
         const char *out_starts;
         const char *err_has;
     } cases[] = {
-        {{"--help"}, 0, "usage: qvtrace FILE\n", ""},
-        {{}, 2, "", "usage: qvtrace FILE"},
-        {{"a", "b"}, 2, "", "usage: qvtrace FILE"},
+        {{"--help"}, 0, "usage: qvtrace [--raw] [--config CFG] FILE\n", ""},
+        {{}, 2, "", "usage: qvtrace"},
+        {{"a", "b"}, 2, "", "usage: qvtrace"},
+        {{"--raw", "--config"}, 2, "", "usage: qvtrace"},
         {{dir.path() + "/missing"}, 2, "", "/missing: No such file or directory"},
         {{dir.path()}, 2, "", "Is a directory"},
         {{dir.write("newer.trc", newer)}, 2, "", "unsupported trace file version 9"},

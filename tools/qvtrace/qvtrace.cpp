@@ -1,14 +1,19 @@
-// qvtrace FILE: prints a trace file written by libqv_tr, one line per record
-// in file order, and reports damaged stretches on their own lines.
+// qvtrace [--raw] [--config CFG] FILE: prints a trace file written by
+// libqv_tr, one line per record in file order, the security library's
+// records by name, and reports damaged stretches on their own lines.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "library_init.h"
+#include "qv_sec.h"
 #include "record_printer.h"
 #include "trace_format.h"
 
@@ -20,12 +25,18 @@ constexpr int kExitError = 2;
 constexpr size_t kChunkSize = size_t{1} << 20;
 
 const char kUsage[] =
-    "usage: qvtrace FILE\n"
+    "usage: qvtrace [--raw] [--config CFG] FILE\n"
     "Prints the trace file FILE (as named by QV_TRACE_FILE), one line per record\n"
     "in the order written:\n"
     "  TIME COMPONENT id=N pid=P tid=T ITEM...\n"
-    "TIME is UTC with nanoseconds; string items are shown in double quotes with\n"
-    "non-printable bytes escaped, data items in hexadecimal.\n"
+    "TIME is UTC with nanoseconds. The security library's records (component\n"
+    "_SEA) are shown by name: a routine's entry with its arguments, its exit with\n"
+    "the return code and status, module loading and locking, the headers of the\n"
+    "buffers traced (mechanism lists, CCDBs, seal buffers, ...). Mechanism codes\n"
+    "are shown with their mnemonics from the configuration file CFG (default:\n"
+    "the one the library reads, from QV_SEC_CONFIG or its standard places).\n"
+    "Other records, and all of them with --raw, are shown as items: strings in\n"
+    "double quotes with non-printable bytes escaped, data in hexadecimal.\n"
     "A damaged stretch is shown as \"damaged record at offset N\" and reading\n"
     "goes on at the next whole record.\n"
     "Exit status: 0 clean file, 1 damage found, 2 file unreadable or bad usage.\n";
@@ -50,16 +61,40 @@ int fail(const char *path, const std::string &why) {
     return kExitError;
 }
 
-int print_trace_file(const char *path) {
+// The configuration's mnemonics by code. The default file is chosen as the
+// library chooses it; that one may well be absent where a trace is read, and
+// then codes are shown alone. A file named with --config must be readable.
+bool read_mnemonics(const char *named, qvtrace::Mnemonics &names) {
+    const char *path = named != nullptr ? named : std::getenv("QV_SEC_CONFIG");
+    struct stat sb;
+    if (path == nullptr)
+        path = ::stat(kSecConfigPrimary, &sb) == 0 ? kSecConfigPrimary : kSecConfigFallback;
+    sec_config_rec_t recs = nullptr;
+    qv_int32_t count = 0, line = 0;
+    if (sec__validate_config_file(path, &recs, &count, &line) != 0) {
+        if (named == nullptr)
+            return true;
+        std::fprintf(stderr, "qvtrace: %s: not a readable configuration file%s\n", path,
+                     line > 0 ? (" (line " + std::to_string(line) + ")").c_str() : "");
+        return false;
+    }
+    for (sec_config_rec_t r = recs; r != nullptr; r = r->next)
+        if (r->name != nullptr)
+            names.emplace(r->code, r->name);
+    sec__free_config_recs(recs);
+    return true;
+}
+
+int print_trace_file(const char *path, const qvtrace::Mnemonics *names) {
     FileDescriptor fd(::open(path, O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0)
         return fail(path, std::strerror(errno));
 
     qvtr::TraceReader reader;
-    auto print = [](const qvtr::TraceEvent &event) {
+    auto print = [names](const qvtr::TraceEvent &event) {
         if (event.kind == qvtr::TraceEvent::Kind::header)
             return;
-        std::string line = qvtrace::format_event(event);
+        std::string line = qvtrace::format_event(event, names);
         line += '\n';
         std::fwrite(line.data(), 1, line.size(), stdout);
     };
@@ -100,17 +135,36 @@ int print_trace_file(const char *path) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
-        std::fputs(kUsage, stdout);
-        return kExitClean;
+    bool raw = false;
+    const char *config = nullptr;
+    int i = 1;
+    for (; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            std::fputs(kUsage, stdout);
+            return kExitClean;
+        }
+        if (std::strcmp(argv[i], "--raw") == 0) {
+            raw = true;
+        } else if (std::strcmp(argv[i], "--config") == 0) {
+            if (++i == argc) {
+                std::fputs(kUsage, stderr);
+                return kExitError;
+            }
+            config = argv[i];
+        } else {
+            break;
+        }
     }
-    if (argc != 2 || argv[1][0] == '\0') {
+    if (argc - i != 1 || argv[i][0] == '\0') {
         std::fputs(kUsage, stderr);
         return kExitError;
     }
     try {
-        return print_trace_file(argv[1]);
+        qvtrace::Mnemonics names;
+        if (!raw && !read_mnemonics(config, names))
+            return kExitError;
+        return print_trace_file(argv[i], raw ? nullptr : &names);
     } catch (const std::bad_alloc &) {
-        return fail(argv[1], "out of memory");
+        return fail(argv[i], "out of memory");
     }
 }

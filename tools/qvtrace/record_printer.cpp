@@ -7,7 +7,6 @@
 #include <cstdio>
 
 namespace qvtrace {
-namespace {
 
 // Component names and strings come from a file and may hold anything; the
 // line must stay one line and unambiguous.
@@ -35,6 +34,8 @@ void append_escaped(std::string &out, std::span<const uint8_t> bytes, bool quote
     }
 }
 
+namespace {
+
 void append_hex(std::string &out, std::span<const uint8_t> bytes) {
     static const char hex[] = "0123456789abcdef";
     for (uint8_t b : bytes) {
@@ -46,15 +47,7 @@ void append_hex(std::string &out, std::span<const uint8_t> bytes) {
 void append_item(std::string &out, qvtr::PayloadKind kind, std::span<const uint8_t> item) {
     out += ' ';
     if (kind == qvtr::PayloadKind::strings) {
-        if (item.empty()) {
-            out += "(null)";
-            return;
-        }
-        if (item.back() == 0)
-            item = item.first(item.size() - 1);
-        out += '"';
-        append_escaped(out, item, true);
-        out += '"';
+        append_string(out, item);
     } else if (item.empty()) {
         out += "(empty)";
     } else {
@@ -63,6 +56,18 @@ void append_item(std::string &out, qvtr::PayloadKind kind, std::span<const uint8
 }
 
 }  // namespace
+
+void append_string(std::string &out, std::span<const uint8_t> item) {
+    if (item.empty()) {
+        out += "(null)";
+        return;
+    }
+    if (item.back() == 0)
+        item = item.first(item.size() - 1);
+    out += '"';
+    append_escaped(out, item, true);
+    out += '"';
+}
 
 std::string format_time(uint64_t seconds, uint32_t nanoseconds) {
     char text[64];
@@ -78,7 +83,7 @@ std::string format_time(uint64_t seconds, uint32_t nanoseconds) {
     return text;
 }
 
-std::string format_event(const qvtr::TraceEvent &event) {
+std::string format_event(const qvtr::TraceEvent &event, const Mnemonics *names) {
     if (event.kind == qvtr::TraceEvent::Kind::damage)
         return "damaged record at offset " + std::to_string(event.offset);
     const qvtr::RecordHeader &r = event.record;
@@ -88,6 +93,8 @@ std::string format_event(const qvtr::TraceEvent &event) {
                    false);
     line += " id=" + std::to_string(r.id) + " pid=" + std::to_string(r.pid) +
             " tid=" + std::to_string(r.tid);
+    if (names != nullptr && append_named_record(line, event, *names))
+        return line;
     for (std::span<const uint8_t> item : event.items)
         append_item(line, r.kind, item);
     return line;
