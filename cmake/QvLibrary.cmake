@@ -20,6 +20,7 @@ function(qv_add_library target)
   add_library(${target} SHARED $<TARGET_OBJECTS:${target}_objects>)
   target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
     $<INSTALL_INTERFACE:include>)
   target_link_libraries(${target} PUBLIC ${A_DEPS} Threads::Threads ${CMAKE_DL_LIBS})
   set_target_properties(${target} PROPERTIES

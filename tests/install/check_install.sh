@@ -29,7 +29,7 @@ done
 
 # Every public header compiles alone, as C99 and as C++.
 for h in "$prefix"/include/*.h; do
-  echo "#include \"$(basename "$h")\"" > "$prefix/h.c"
+  printf '#include "%s"\ntypedef int translation_unit_not_empty;\n' "$(basename "$h")" > "$prefix/h.c"
   gcc -std=c99 -Wall -Wextra -Werror -pedantic -fsyntax-only -I"$prefix/include" "$prefix/h.c" || fail "$h as C99"
   g++ -std=c++20 -Wall -Wextra -Werror -fsyntax-only -x c++ -I"$prefix/include" "$prefix/h.c" || fail "$h as C++"
 done

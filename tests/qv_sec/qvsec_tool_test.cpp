@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "child_process.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 #include "test_mpm.h"
 #include "test_support.h"
 
