@@ -32,7 +32,8 @@ function(qv_add_library target)
   if(NOT QV_SANITIZE AND NOT QV_FUZZ)
     target_link_options(${target} PRIVATE -Wl,--no-undefined)
   endif()
-  install(TARGETS ${target} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  # The export set qv_secTargets becomes the CMake package's imported targets.
+  install(TARGETS ${target} EXPORT qv_secTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endfunction()
 
 # Adds every direct subfolder of <dir> that has a CMakeLists.txt.
