@@ -44,3 +44,9 @@ install(CODE "
 # Users running their programs under valgrind need the same suppression of
 # the loader's word-sized read that the tests use.
 install(FILES ${PROJECT_SOURCE_DIR}/tests/qv_cu/valgrind.supp DESTINATION ${QV_INSTALL_SHAREDIR})
+
+# The documentation beside the man pages.
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/docs/writing-a-module.md
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qvsec)
+install(FILES ${PROJECT_SOURCE_DIR}/mpm/local/README.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qvsec
+  RENAME local-mechanism.md)

@@ -16,7 +16,7 @@ for f in include/qv_sec.h include/qv_sec_internal.h include/qv_sec_version.h inc
          bin/qvsec-example-service bin/qvsec-example-client lib/qvsec/mpm_local.so \
          lib/cmake/qv_sec/qv_secConfig.cmake lib/cmake/qv_sec/qv_secConfigVersion.cmake share/qvsec/valgrind.supp \
          share/man/man1/qvsec.1 share/man/man1/qvtrace.1 share/man/man3/qv_sec.3 share/man/man5/qvsec.cfg.5 \
-         share/man/man7/qvsec-local.7; do
+         share/man/man7/qvsec-local.7 share/doc/qvsec/README.md share/doc/qvsec/local-mechanism.md; do
   [ -e "$prefix/$f" ] || fail "missing $f"
 done
 # Versioned SONAMEs, and nothing exported beyond each library's own names.
