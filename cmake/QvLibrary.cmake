@@ -20,6 +20,7 @@ function(qv_add_library target)
   add_library(${target} SHARED $<TARGET_OBJECTS:${target}_objects>)
   target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
     $<INSTALL_INTERFACE:include>)
   target_link_libraries(${target} PUBLIC ${A_DEPS} Threads::Threads ${CMAKE_DL_LIBS})
   set_target_properties(${target} PROPERTIES
@@ -31,7 +32,8 @@ function(qv_add_library target)
   if(NOT QV_SANITIZE AND NOT QV_FUZZ)
     target_link_options(${target} PRIVATE -Wl,--no-undefined)
   endif()
-  install(TARGETS ${target} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  # The export set qv_secTargets becomes the CMake package's imported targets.
+  install(TARGETS ${target} EXPORT qv_secTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endfunction()
 
 # Adds every direct subfolder of <dir> that has a CMakeLists.txt.

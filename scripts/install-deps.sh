@@ -3,9 +3,10 @@
 # missing (so a machine that has them needs no network).
 set -euo pipefail
 # util-linux gives setpriv, with which a test runs a set-user-id program as
-# another user.
+# another user; groff-base and man-db lint and render the man pages.
 packages=(cmake ninja-build g++ gcc clang libclang-rt-14-dev pkg-config libc-bin
-          libgtest-dev libssl-dev libsodium-dev libgmp-dev valgrind util-linux)
+          libgtest-dev libssl-dev libsodium-dev libgmp-dev valgrind util-linux
+          groff-base man-db)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 #include "qv_sec_mpm.h"
 
 namespace {

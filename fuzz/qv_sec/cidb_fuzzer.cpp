@@ -10,7 +10,7 @@
 #include <memory>
 
 #include "context_fuzz_setup.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static int fd = memfd_create("qvsec-config", MFD_CLOEXEC);

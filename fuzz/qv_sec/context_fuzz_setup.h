@@ -18,7 +18,7 @@
 #include <unistd.h>
 
 #include "../../tests/support/test_mpm_control.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 namespace ctxfuzz {
 

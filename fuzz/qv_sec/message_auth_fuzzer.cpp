@@ -17,7 +17,7 @@
 #include <cstring>
 #include <vector>
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 1 << 20) return 0;

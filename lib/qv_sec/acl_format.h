@@ -9,7 +9,7 @@
 #include <cstring>
 #include <span>
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 namespace acl {
 

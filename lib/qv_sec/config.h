@@ -3,7 +3,7 @@
 // SEC_STATE.lock, taken by the caller.
 #pragma once
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 #include <pthread.h>
 #include <sys/stat.h>

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "qv_cu.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 #include "qv_sec_mpm.h"
 
 // Service token state bits.

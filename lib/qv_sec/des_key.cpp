@@ -1,7 +1,7 @@
 // DES keys of the message-authentication routines: odd parity in the low bit
 // of each byte, the weak and semi-weak keys that key generation avoids, and
 // the fixed initialisation vector of the token's CBC chain.
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 namespace {
 

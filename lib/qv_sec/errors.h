@@ -9,7 +9,7 @@
 
 #include "messages.h"
 #include "qv_cu.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 
 inline constexpr const char *kSecCatalogue = "qvsec.cat";

@@ -2,7 +2,7 @@
 // every exported routine.
 #pragma once
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 
 // Registers the fork handlers (fork_handlers.cpp); run once, from

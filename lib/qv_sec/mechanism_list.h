@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 using MechCodes = std::vector<qv_uint32_t>;
 

@@ -7,7 +7,7 @@
 #include <pthread.h>
 
 #include "cancel_state.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 #include "trace.h"
 
 // The module routines in the library's order; kMpmRoutineNames gives each

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 struct SecFree {
     void operator()(void *p) const { std::free(p); }

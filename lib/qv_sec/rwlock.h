@@ -43,7 +43,7 @@
 
 #include <atomic>
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 inline std::atomic_ref<int> sec_rwlock_count(sec_rwlock_t l) { return std::atomic_ref<int>(l->count); }
 inline std::atomic_ref<int> sec_rwlock_writers(sec_rwlock_t l) { return std::atomic_ref<int>(l->writers); }

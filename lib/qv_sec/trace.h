@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <tuple>
 
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 #include "qv_tr.h"
 #include "trace_ids.h"
 

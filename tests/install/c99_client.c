@@ -4,7 +4,7 @@
 #include <stdlib.h>
 
 #include "qv_cu.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 int main(int argc, char **argv) {
     sec_config_rec_t recs = NULL;

@@ -16,7 +16,7 @@
 #include "alloc_failure.h"
 #include "local_module.h"
 #include "qv_cu.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 namespace qvtest {
 namespace {

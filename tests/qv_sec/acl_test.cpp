@@ -19,7 +19,7 @@
 #include "child_process.h"
 #include "identity_fixture.h"
 #include "messages.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 #include "test_support.h"
 
 // This program's identity mapping: every user is in "qvgrp" alone.

@@ -14,7 +14,7 @@
 
 #include "messages.h"
 #include "mpm_test_fixture.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 #include "sec_buffer.h"
 
 namespace ctxtest {

@@ -24,6 +24,7 @@
 
 #include "child_process.h"
 #include "messages.h"
+#include "qv_sec_internal.h"
 #include "sec_buffer.h"
 #include "sec_test_util.h"
 #include "test_mpm.h"

@@ -12,7 +12,7 @@
 #include "current_error.h"
 #include "library_init.h"
 #include "qv_cu.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 #include "test_mpm.h"
 #include "test_support.h"
 

@@ -13,7 +13,7 @@
 
 #include "child_process.h"
 #include "messages.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 #include "test_mpm.h"
 #include "test_support.h"
 

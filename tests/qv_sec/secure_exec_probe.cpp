@@ -6,7 +6,7 @@
 #include <sys/auxv.h>
 
 #include "qv_cu.h"
-#include "qv_sec.h"
+#include "qv_sec_internal.h"
 
 int main() {
     sec_status_desc st{};

@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "qv_cu.h"
+#include "qv_sec.h"
 
 namespace {
 
@@ -53,7 +54,8 @@ int main(int argc, char **argv) {
         return argc < 2 ? kExitUsage : kExitOk;
     }
     if (!std::strcmp(argv[1], "--version")) {
-        std::printf("qvsec %s\n", QVSEC_VERSION);
+        // The library's own version: the tool reports what it runs with.
+        std::printf("qvsec %s\n", sec_version());
         return kExitOk;
     }
     for (const Command &c : kCommands) {
