@@ -4,6 +4,7 @@
 #include "internal.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -89,6 +90,14 @@ TraceFile *process_trace_file() {
     // Never destroyed, so that records written from exit handlers still
     // reach the file.
     static TraceFile *const file = []() -> TraceFile * {
+        // Opening the file is a cancellation point; a thread cancelled there
+        // would unwind out of the static's initialisation and leave the next
+        // caller to open the file again. Held off, the open runs to its end.
+        struct HoldOffCancellation {
+            int old = 0;
+            HoldOffCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old); }
+            ~HoldOffCancellation() { pthread_setcancelstate(old, nullptr); }
+        } hold;
         // Ignored in secure-execution mode (set-user-id and the like): the
         // environment then belongs to a less privileged user.
         const char *path = secure_getenv("QV_TRACE_FILE");
