@@ -99,9 +99,7 @@ class Refused : public ClientContext {};
 class ServerContext : public ClientContext {};
 
 TEST_F(ClientContext, MalformedListsAreRefusedAndTheTokenGoes) {
-    const std::pair<Bytes, int> rows[] = {
-        {{}, SEC_S_BAD_BUFFER}, {{0x82, 1}, SEC_S_BAD_BUFFER}, {{0x81, 3}, SEC_S_BAD_VERSION},
-        {{0x81, 1, 0}, SEC_S_BAD_BUFFER}, {{0x81, 2, 0, 1, 0, 2, 9}, SEC_S_BAD_BUFFER}};
+    const std::pair<Bytes, int> rows[] = {{{0x81, 1, 0}, SEC_S_BAD_BUFFER}, {{0x81, 3}, SEC_S_BAD_VERSION}};
     for (const auto &[list, rc] : rows) {
         EXPECT_EQ(start(list), rc);
         EXPECT_EQ(last_message(), rc == SEC_S_BAD_VERSION ? MSG_2650_007 : MSG_2650_005);
@@ -240,7 +238,8 @@ TEST_F(ClientContext, SocketPreparedTokens) {
 // or to sec_receive_sec_context (first, later, or after an unauthenticated
 // first): what it returns and sends. A refusal (code above 2) destroys the
 // context, ends its module context and sends nothing; a module failure is
-// passed on in the status record.
+// passed on in the status record. Malformed bytes have one row per outcome;
+// the fuzz targets' corpora replay the rest.
 TEST_F(Refused, EveryRowEndsTheContext) {
     enum Side { kAnswer, kFirst, kLater, kAfterUnauth };
     struct Row {
@@ -255,11 +254,8 @@ TEST_F(Refused, EveryRowEndsTheContext) {
     const Row rows[] = {
         // The client's first CCDB was sequence 1 of A; the answer must fit.
         {"answer: sequence ahead", kAnswer, none, ccdb(kCodeA, 2, 0, text("x")), 7, MSG_2650_005},
-        {"answer: sequence behind", kAnswer, none, ccdb(kCodeA, 0, 0, text("x")), 7, MSG_2650_005},
         {"answer: mechanism", kAnswer, none, ccdb(kCodeB, 1, 0, text("x")), 8, MSG_2650_006},
         {"answer: version", kAnswer, none, Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, 9, MSG_2650_007},
-        {"answer: type", kAnswer, none, Bytes{0x86, 2} + be32(kCodeA) + Bytes{1, 0}, 7, MSG_2650_005},
-        {"answer: short", kAnswer, none, Bytes{0x82, 2} + be32(kCodeA) + Bytes{1}, 7, MSG_2650_005},
         {"client module continues without output", kAnswer, silent_continue<kComplete>, ccdb(kCodeA, 1, 0, text("s")),
          22, MSG_2650_024},
         {"server waits, client module sends nothing", kAnswer, none, ccdb(kCodeA, 1, 1, text("s")), 22, MSG_2650_025},
@@ -270,12 +266,8 @@ TEST_F(Refused, EveryRowEndsTheContext) {
          v1 + text("qvtest-client-more")},
         {"first: sequence 2", kFirst, none, ccdb(kCodeA, 2, 1, text("c")), 7, MSG_2650_005},
         {"first: version 1", kFirst, none, v1 + text("c"), 7, MSG_2650_005},
-        {"first: version 0", kFirst, none, Bytes{0x82, 0} + be32(kCodeA), 8, MSG_2650_006},
         {"first: version 3", kFirst, none, Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, 9, MSG_2650_007},
-        {"first: seven bytes", kFirst, none, Bytes{0x82, 2} + be32(kCodeA) + Bytes{1}, 7, MSG_2650_005},
         {"first: unknown code", kFirst, none, ccdb(0x999, 1, 1, text("c")), 8, MSG_2650_006},
-        {"first: not a CCDB", kFirst, none, Bytes{0x81, 1, 0, 0, 0, 1}, 7, MSG_2650_005},
-        {"first: empty", kFirst, none, Bytes{}, 7, MSG_2650_005},
         {"server module continues without output", kFirst, silent_continue<kReceive>, ccdb(kCodeA, 1, 1, text("c")),
          22, MSG_2650_024},
         {"client waits, server module sends nothing", kFirst, silent<kReceive>, ccdb(kCodeA, 1, 1, text("c")), 22,
@@ -286,7 +278,6 @@ TEST_F(Refused, EveryRowEndsTheContext) {
         {"first: unauthenticated", kFirst, none, ccdb(0, 1, 0), 0, 0, {}},
         // After a first CCDB of sequence 1 that the server answered.
         {"later: other mechanism", kLater, none, ccdb(kCodeB, 2, 1, text("c")), 8, MSG_2650_006},
-        {"later: same sequence again", kLater, none, ccdb(kCodeA, 1, 1, text("c")), 7, MSG_2650_005},
         {"later: skipped sequence", kLater, none, ccdb(kCodeA, 3, 1, text("c")), 7, MSG_2650_005},
         {"later: older version", kLater, none, v1 + text("c"), 7, MSG_2650_005},
         {"an unauthenticated context takes no more", kAfterUnauth, none, ccdb(0, 2, 0), 8, MSG_2650_006},
