@@ -1021,6 +1021,30 @@ TEST_F(ApiTrace, SigningAtEachLevel) {
     EXPECT_EQ(traced_signing(8, nullptr), (Ids{131, 133, 136, 138}));
 }
 
+// The buffers the context routines are given, at BUFFER detail: the first
+// word at level 1, all the bytes at level 8 (the client's list, the
+// server's CCDB); and the API records of routines beside the contexts.
+TEST_F(ApiTrace, BuffersAndOtherRoutines) {
+    for (unsigned char level : {1, 8}) {
+        size_t from = trace_size();
+        sec__trace_detail_levels[SEC_TRC_BUFFER] = level;
+        ASSERT_EQ(establish(mech_list({kCodeA})).server_rc, 0);
+        sec__trace_detail_levels[SEC_TRC_BUFFER] = 0;
+        EXPECT_EQ(library_record_ids(from), (level == 1 ? Ids{5, 5} : Ids{6, 6}));
+        if (level == 1) end_contexts();
+    }
+    size_t from = trace_size();
+    sec__trace_detail_levels[SEC_TRC_API] = 1;
+    View l(mech_list({kCodeA}));
+    EXPECT_EQ(sec_set_imposed_mechs(l.get()), 0);
+    sec_status_desc st{};
+    sec_token_t id = nullptr;
+    EXPECT_EQ(sec_create_id_context(&st, server_svc_, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP, ex_.server_ctx, &id), 0);
+    sec__trace_detail_levels[SEC_TRC_API] = 0;
+    EXPECT_EQ(sec_end_context(&st, id, nullptr), 0);
+    EXPECT_EQ(library_record_ids(from), (Ids{45, 47, 155, 157}));
+}
+
 // The privilege set an identity context takes from a security context is
 // traced above INFO detail 1 only: name, mapped name ("<nil>" when none),
 // group count and the groups joined by blanks.

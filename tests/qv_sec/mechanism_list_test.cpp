@@ -171,6 +171,8 @@ TEST_F(MechanismLists, ImposedMechanismEditing) {
     EXPECT_EQ(apply(sec_add_imposed_mechs, list_bytes({0x10, 0x40, 0})), 0);
     EXPECT_EQ(env(), "beta alpha gamma none");
     setenv(kEnvImposedMechs, "  gamma\t\tbeta ", 1);
+    EXPECT_EQ(apply(sec_add_imposed_mechs, list_bytes({})), 0);
+    EXPECT_EQ(env(), "  gamma\t\tbeta ");  // nothing to add: nothing changes
     EXPECT_EQ(apply(sec_add_imposed_mechs, list_bytes({0x40})), 0);
     EXPECT_EQ(env(), "gamma beta");  // rewritten in canonical form
     EXPECT_EQ(apply(sec_add_imposed_mechs, list_bytes({})), 0);
