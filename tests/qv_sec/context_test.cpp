@@ -1,10 +1,10 @@
 // Security contexts through the public routines: the client's walk over the
 // shared list, what each side does with every CCDB it is given, whole
 // exchanges of 1 to 255 rounds, unauthenticated contexts, the routines of a
-// complete context, the argument and token contract of the exported
-// routines, the trace records of the context routines, and the typed buffers
-// beneath them. The fixture ends every test by checking that the test
-// modules got back every handle and buffer they handed out.
+// complete context, the module wrappers beneath, and the trace records of
+// the context routines (the argument and token contract is contract_test's).
+// The fixture ends every test by checking that the test modules got back
+// every handle and buffer they handed out.
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
@@ -100,9 +100,7 @@ class Refused : public ClientContext {};
 class ServerContext : public ClientContext {};
 
 TEST_F(ClientContext, MalformedListsAreRefusedAndTheTokenGoes) {
-    const std::pair<Bytes, int> rows[] = {
-        {{}, SEC_S_BAD_BUFFER}, {{0x82, 1}, SEC_S_BAD_BUFFER}, {{0x81, 3}, SEC_S_BAD_VERSION},
-        {{0x81, 1, 0}, SEC_S_BAD_BUFFER}, {{0x81, 2, 0, 1, 0, 2, 9}, SEC_S_BAD_BUFFER}};
+    const std::pair<Bytes, int> rows[] = {{{0x81, 1, 0}, SEC_S_BAD_BUFFER}, {{0x81, 3}, SEC_S_BAD_VERSION}};
     for (const auto &[list, rc] : rows) {
         EXPECT_EQ(start(list), rc);
         EXPECT_EQ(last_message(), rc == SEC_S_BAD_VERSION ? MSG_2650_007 : MSG_2650_005);
@@ -241,7 +239,8 @@ TEST_F(ClientContext, SocketPreparedTokens) {
 // or to sec_receive_sec_context (first, later, or after an unauthenticated
 // first): what it returns and sends. A refusal (code above 2) destroys the
 // context, ends its module context and sends nothing; a module failure is
-// passed on in the status record.
+// passed on in the status record. Malformed bytes have one row per outcome;
+// the fuzz targets' corpora replay the rest.
 TEST_F(Refused, EveryRowEndsTheContext) {
     enum Side { kAnswer, kFirst, kLater, kAfterUnauth };
     struct Row {
@@ -256,11 +255,8 @@ TEST_F(Refused, EveryRowEndsTheContext) {
     const Row rows[] = {
         // The client's first CCDB was sequence 1 of A; the answer must fit.
         {"answer: sequence ahead", kAnswer, none, ccdb(kCodeA, 2, 0, text("x")), 7, MSG_2650_005},
-        {"answer: sequence behind", kAnswer, none, ccdb(kCodeA, 0, 0, text("x")), 7, MSG_2650_005},
         {"answer: mechanism", kAnswer, none, ccdb(kCodeB, 1, 0, text("x")), 8, MSG_2650_006},
         {"answer: version", kAnswer, none, Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, 9, MSG_2650_007},
-        {"answer: type", kAnswer, none, Bytes{0x86, 2} + be32(kCodeA) + Bytes{1, 0}, 7, MSG_2650_005},
-        {"answer: short", kAnswer, none, Bytes{0x82, 2} + be32(kCodeA) + Bytes{1}, 7, MSG_2650_005},
         {"client module continues without output", kAnswer, silent_continue<kComplete>, ccdb(kCodeA, 1, 0, text("s")),
          22, MSG_2650_024},
         {"server waits, client module sends nothing", kAnswer, none, ccdb(kCodeA, 1, 1, text("s")), 22, MSG_2650_025},
@@ -271,12 +267,8 @@ TEST_F(Refused, EveryRowEndsTheContext) {
          v1 + text("qvtest-client-more")},
         {"first: sequence 2", kFirst, none, ccdb(kCodeA, 2, 1, text("c")), 7, MSG_2650_005},
         {"first: version 1", kFirst, none, v1 + text("c"), 7, MSG_2650_005},
-        {"first: version 0", kFirst, none, Bytes{0x82, 0} + be32(kCodeA), 8, MSG_2650_006},
         {"first: version 3", kFirst, none, Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, 9, MSG_2650_007},
-        {"first: seven bytes", kFirst, none, Bytes{0x82, 2} + be32(kCodeA) + Bytes{1}, 7, MSG_2650_005},
         {"first: unknown code", kFirst, none, ccdb(0x999, 1, 1, text("c")), 8, MSG_2650_006},
-        {"first: not a CCDB", kFirst, none, Bytes{0x81, 1, 0, 0, 0, 1}, 7, MSG_2650_005},
-        {"first: empty", kFirst, none, Bytes{}, 7, MSG_2650_005},
         {"server module continues without output", kFirst, silent_continue<kReceive>, ccdb(kCodeA, 1, 1, text("c")),
          22, MSG_2650_024},
         {"client waits, server module sends nothing", kFirst, silent<kReceive>, ccdb(kCodeA, 1, 1, text("c")), 22,
@@ -287,7 +279,6 @@ TEST_F(Refused, EveryRowEndsTheContext) {
         {"first: unauthenticated", kFirst, none, ccdb(0, 1, 0), 0, 0, {}},
         // After a first CCDB of sequence 1 that the server answered.
         {"later: other mechanism", kLater, none, ccdb(kCodeB, 2, 1, text("c")), 8, MSG_2650_006},
-        {"later: same sequence again", kLater, none, ccdb(kCodeA, 1, 1, text("c")), 7, MSG_2650_005},
         {"later: skipped sequence", kLater, none, ccdb(kCodeA, 3, 1, text("c")), 7, MSG_2650_005},
         {"later: older version", kLater, none, v1 + text("c"), 7, MSG_2650_005},
         {"an unauthenticated context takes no more", kAfterUnauth, none, ccdb(0, 2, 0), 8, MSG_2650_006},
@@ -416,7 +407,7 @@ TEST_F(ContextFixture, OneRoundBeyondTheLimitFailsTheClient) {
     Exchange &ex = establish(mech_list({kCodeA}));
     EXPECT_EQ(ex.client_rc, SEC_S_BAD_MPM);
     EXPECT_EQ(last_message(), MSG_2650_026);
-    EXPECT_NE(last_error_text().find("(qvtest)"), std::string::npos);
+    EXPECT_EQ(qvtest::current_error_args(), "qvtest");  // the module named
     EXPECT_EQ(ex.client_ctx, nullptr);
     EXPECT_EQ(ex.wire.size(), 510u);  // 255 rounds crossed
     EXPECT_EQ(ex.server_rc, 1);
@@ -719,323 +710,6 @@ TEST_F(ContextUse, EndContextReleasesTheBufferUnlessRefused) {
     EXPECT_TRUE(buff.empty());
 }
 
-// ---- The argument and token contract ----
-
-char kSvc[] = "svc";
-char kHost[] = "host";
-char kEmpty[] = "";
-sec_buffer_desc g_empty{0, kSvc};  // bytes, but none counted
-sec_buffer_desc g_no_bytes{3, nullptr};
-
-// The tokens and buffers a row can hand to a routine, made afresh for each row.
-struct Env {
-    sec_token_t svc = nullptr, server_svc = nullptr;  // started service tokens
-    sec_svc_token_desc unstarted{};     // the magic without the started bit
-    qv_uint32_t junk[16] = {0x12345678, 2, 3};
-    sec_token_t pending = nullptr;      // a client context waiting for the server
-    sec_token_t client_done = nullptr;  // a complete client context
-    sec_token_t server_done = nullptr;  // a complete, authenticated server context
-    sec_token_t unauth_client = nullptr, unauth_server = nullptr;
-    sec_token_t identity = nullptr;     // an identity context
-    sec_token_t made = nullptr;         // where a routine would put a new context
-    sec_status_desc st{};
-    bool status_given = false;
-    Out out;
-    View list{mech_list({kCodeA})};
-    View ccdb_in{ccdb(kCodeA, 1, 1, text("c"))};
-    View user_id{Bytes{SEC_BUF_TYPED_ID, 2} + be32(kCodeB) + text("alice")};
-    View data{text("data")};
-    View nothing{Bytes{}};
-    View seal_b{Bytes{SEC_BUF_SEAL, 2} + be32(kCodeB) + text("QVTP")};
-    View five{Bytes{SEC_BUF_SEAL, 2, 0, 1, 0}};
-    View not_seal{Bytes{SEC_BUF_CCDB, 2} + be32(kCodeA) + text("QVTP")};
-    sec_buffer_desc unsealable{INT32_MAX - 5, nullptr};  // claims far more than it holds
-    char *name = nullptr, *mname = nullptr;
-    sec_buffer_desc id{0, nullptr};
-    qv_uint32_t u32 = 0;
-    qv_int32_t i32 = 0;
-
-    sec_status_t status() {
-        status_given = true;
-        return &st;
-    }
-};
-
-struct Row {
-    const char *routine;
-    const char *situation;
-    std::function<int(Env &)> call;
-    int rc;
-    int msg;
-    const char *in_text = nullptr;  // text the message must hold beside the routine's name
-    const char *named = nullptr;    // the routine the message names, when not this one
-};
-
-// One row: the routine, the situation, the return code and message number,
-// then the call's arguments (e is the row's Env).
-#define ROW(routine, situation, rc, msg, ...) \
-    Row { #routine, situation, []([[maybe_unused]] Env &e) { return routine(__VA_ARGS__); }, rc, msg }
-
-Row at(Row r, const char *text) {
-    r.in_text = text;
-    return r;
-}
-
-const char *pos(int n) {
-    static const char *const texts[] = {"", "Positional parameter number: 1", "Positional parameter number: 2",
-                                        "Positional parameter number: 3", "Positional parameter number: 4",
-                                        "Positional parameter number: 5"};
-    return texts[n];
-}
-
-std::vector<Row> rows() {
-    constexpr qv_uint32_t kM1 = SEC_F_PROTECT_MODE1, kM2 = SEC_F_PROTECT_MODE2, kSecCtx = SEC_F_IDCTX_SECCTX;
-    Row process_no_status = ROW(sec_process_data, "no status", 4, MSG_2650_002, nullptr, e.client_done,
-                                e.data.get(), e.out.get());
-    process_no_status.named = "sec_prepare_data";  // reported under its sibling's name
-    return {
-        ROW(sec_start_sec_context, "no status", 4, MSG_2650_060,
-            nullptr, e.svc, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()),
-        ROW(sec_start_sec_context, "no service token", 4, MSG_2650_002,
-            e.status(), nullptr, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()),
-        ROW(sec_start_sec_context, "no target name", 4, MSG_2650_002,
-            e.status(), e.svc, e.list.get(), nullptr, kHost, 0, &e.made, e.out.get()),
-        ROW(sec_start_sec_context, "no host", 4, MSG_2650_002,
-            e.status(), e.svc, e.list.get(), kSvc, nullptr, 0, &e.made, e.out.get()),
-        ROW(sec_start_sec_context, "no token pointer", 4, MSG_2650_002,
-            e.status(), e.svc, e.list.get(), kSvc, kHost, 0, nullptr, e.out.get()),
-        ROW(sec_start_sec_context, "no output", 4, MSG_2650_002,
-            e.status(), e.svc, e.list.get(), kSvc, kHost, 0, &e.made, nullptr),
-        ROW(sec_start_sec_context, "no list", 4, MSG_2650_002,
-            e.status(), e.svc, nullptr, kSvc, kHost, 0, &e.made, e.out.get()),
-        ROW(sec_start_sec_context, "not a service token", 5, MSG_2650_003,
-            e.status(), e.junk, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()),
-        ROW(sec_start_sec_context, "service not started", 5, MSG_2650_003,
-            e.status(), &e.unstarted, e.list.get(), kSvc, kHost, 0, &e.made, e.out.get()),
-        ROW(sec_complete_sec_context, "no status", 4, MSG_2650_060, nullptr, e.ccdb_in.get(), &e.pending, e.out.get()),
-        ROW(sec_complete_sec_context, "no answer", 4, MSG_2650_002, e.status(), nullptr, &e.pending, e.out.get()),
-        ROW(sec_complete_sec_context, "empty answer", 4, MSG_2650_002, e.status(), &g_empty, &e.pending, e.out.get()),
-        ROW(sec_complete_sec_context, "answer without bytes", 4, MSG_2650_002,
-            e.status(), &g_no_bytes, &e.pending, e.out.get()),
-        ROW(sec_complete_sec_context, "no token pointer", 4, MSG_2650_002,
-            e.status(), e.ccdb_in.get(), nullptr, e.out.get()),
-        ROW(sec_complete_sec_context, "no token", 4, MSG_2650_002, e.status(), e.ccdb_in.get(), &e.made, e.out.get()),
-        ROW(sec_complete_sec_context, "no output", 4, MSG_2650_002, e.status(), e.ccdb_in.get(), &e.pending, nullptr),
-        ROW(sec_complete_sec_context, "already complete", 5, MSG_2650_003,
-            e.status(), e.ccdb_in.get(), &e.client_done, e.out.get()),
-        ROW(sec_complete_sec_context, "a server context", 5, MSG_2650_003,
-            e.status(), e.ccdb_in.get(), &e.server_done, e.out.get()),
-        ROW(sec_receive_sec_context, "no status", 4, MSG_2650_002,
-            nullptr, e.server_svc, e.ccdb_in.get(), &e.made, e.out.get()),
-        ROW(sec_receive_sec_context, "no service token", 4, MSG_2650_002,
-            e.status(), nullptr, e.ccdb_in.get(), &e.made, e.out.get()),
-        ROW(sec_receive_sec_context, "no input", 4, MSG_2650_002,
-            e.status(), e.server_svc, nullptr, &e.made, e.out.get()),
-        ROW(sec_receive_sec_context, "no token pointer", 4, MSG_2650_002,
-            e.status(), e.server_svc, e.ccdb_in.get(), nullptr, e.out.get()),
-        ROW(sec_receive_sec_context, "no output", 4, MSG_2650_002,
-            e.status(), e.server_svc, e.ccdb_in.get(), &e.made, nullptr),
-        ROW(sec_receive_sec_context, "service not started", 5, MSG_2650_003,
-            e.status(), &e.unstarted, e.ccdb_in.get(), &e.made, e.out.get()),
-        ROW(sec_get_ctx_attribute, "no status", 4, MSG_2650_060, nullptr, e.client_done, SEC_C_CTX_FLAGS, &e.u32),
-        ROW(sec_get_ctx_attribute, "attribute 0", 4, MSG_2650_002, e.status(), e.client_done, 0, &e.u32),
-        ROW(sec_get_ctx_attribute, "attribute 5", 4, MSG_2650_002, e.status(), e.client_done, 5, &e.u32),
-        ROW(sec_get_ctx_attribute, "no answer", 4, MSG_2650_002, e.status(), e.client_done, SEC_C_CTX_FLAGS, nullptr),
-        ROW(sec_get_ctx_attribute, "no token", 4, MSG_2650_002, e.status(), nullptr, SEC_C_CTX_FLAGS, &e.u32),
-        ROW(sec_get_ctx_attribute, "not complete", 5, MSG_2650_003, e.status(), e.pending, SEC_C_CTX_FLAGS, &e.u32),
-        ROW(sec_get_ctx_attribute, "a service token", 5, MSG_2650_003, e.status(), e.svc, SEC_C_CTX_FLAGS, &e.u32),
-        ROW(sec_get_ctx_lifetime, "no status", 4, MSG_2650_002, nullptr, e.client_done, &e.i32),
-        ROW(sec_get_ctx_lifetime, "no token", 4, MSG_2650_002, e.status(), nullptr, &e.i32),
-        ROW(sec_get_ctx_lifetime, "not complete", 5, MSG_2650_003, e.status(), e.pending, &e.i32),
-        ROW(sec_get_ctx_lifetime, "a service token", 5, MSG_2650_003, e.status(), e.svc, &e.i32),
-        ROW(sec_prepare_data, "no status", 4, MSG_2650_002, nullptr, e.client_done, kM1, e.data.get(), e.out.get()),
-        ROW(sec_prepare_data, "no token", 4, MSG_2650_002, e.status(), nullptr, kM1, e.data.get(), e.out.get()),
-        ROW(sec_prepare_data, "not complete", 5, MSG_2650_061, e.status(), e.pending, kM1, e.data.get(), e.out.get()),
-        ROW(sec_prepare_data, "identity context", 5, MSG_2650_062,
-            e.status(), e.identity, kM1, e.data.get(), e.out.get()),
-        ROW(sec_prepare_data, "no mode", 4, MSG_2650_002, e.status(), e.client_done, 0, e.data.get(), e.out.get()),
-        ROW(sec_prepare_data, "both modes", 4, MSG_2650_002,
-            e.status(), e.client_done, kM1 | kM2, e.data.get(), e.out.get()),
-        ROW(sec_prepare_data, "other bits only", 4, MSG_2650_002,
-            e.status(), e.client_done, 0x0040ffff, e.data.get(), e.out.get()),
-        ROW(sec_prepare_data, "no input", 4, MSG_2650_002, e.status(), e.client_done, kM2, nullptr, e.out.get()),
-        ROW(sec_prepare_data, "no output", 4, MSG_2650_002, e.status(), e.client_done, kM2, e.data.get(), nullptr),
-        ROW(sec_prepare_data, "empty input", 7, MSG_2650_027, e.status(), e.client_done, kM2, e.nothing.get(),
-            e.out.get()),
-        ROW(sec_prepare_data, "a seal that cannot fit", 7, MSG_2650_027,
-            e.status(), e.client_done, kM2, &e.unsealable, e.out.get()),
-        process_no_status,
-        ROW(sec_process_data, "no token", 4, MSG_2650_002, e.status(), nullptr, e.data.get(), e.out.get()),
-        ROW(sec_process_data, "no input", 4, MSG_2650_002, e.status(), e.client_done, nullptr, e.out.get()),
-        ROW(sec_process_data, "no output", 4, MSG_2650_002, e.status(), e.client_done, e.data.get(), nullptr),
-        ROW(sec_process_data, "identity context", 5, MSG_2650_062, e.status(), e.identity, e.data.get(), e.out.get()),
-        ROW(sec_process_data, "empty input", 7, MSG_2650_027, e.status(), e.client_done, e.nothing.get(), e.out.get()),
-        ROW(sec_process_data, "five bytes", 7, MSG_2650_005, e.status(), e.client_done, e.five.get(), e.out.get()),
-        ROW(sec_process_data, "not a seal buffer", 7, MSG_2650_005,
-            e.status(), e.client_done, e.not_seal.get(), e.out.get()),
-        ROW(sec_process_data, "sealed by another mechanism", 8, MSG_2650_028,
-            e.status(), e.client_done, e.seal_b.get(), e.out.get()),
-        ROW(sec_end_context, "no status", 4, MSG_2650_060, nullptr, e.client_done, e.out.get()),
-        ROW(sec_end_context, "not a context token", 5, MSG_2650_003, e.status(), e.junk, e.out.get()),
-        ROW(sec_get_client_identity, "no status", 4, MSG_2650_060, nullptr, e.server_done, &e.name, &e.mname, &e.id),
-        ROW(sec_get_client_identity, "no token", 4, MSG_2650_002, e.status(), nullptr, &e.name, &e.mname, &e.id),
-        ROW(sec_get_client_identity, "not a context token", 5, MSG_2650_003,
-            e.status(), e.junk, &e.name, &e.mname, &e.id),
-        ROW(sec_get_client_identity, "a service token", 5, MSG_2650_003,
-            e.status(), e.server_svc, &e.name, &e.mname, &e.id),
-        ROW(sec_get_client_identity, "not complete", 5, MSG_2650_003, e.status(), e.pending, &e.name, &e.mname, &e.id),
-        ROW(sec_get_client_identity, "unauthenticated", 12, MSG_2650_010,
-            e.status(), e.unauth_server, &e.name, &e.mname, &e.id),
-        ROW(sec_get_client_identity, "unauthenticated, mapped name only", 12,
-            MSG_2650_010, e.status(), e.unauth_server, nullptr, &e.mname, nullptr),
-        ROW(sec_login_as_service, "no status", 4, MSG_2650_002, nullptr, kSvc, e.svc),
-        ROW(sec_login_as_service, "no name", 4, MSG_2650_002, e.status(), nullptr, e.svc),
-        ROW(sec_login_as_service, "empty name", 4, MSG_2650_002, e.status(), kEmpty, e.svc),
-        ROW(sec_login_as_service, "no token", 4, MSG_2650_002, e.status(), kSvc, nullptr),
-        ROW(sec_login_as_service, "not a service token", 5, MSG_2650_003, e.status(), kSvc, e.junk),
-        ROW(sec_login_as_service, "a context token", 5, MSG_2650_003, e.status(), kSvc, e.client_done),
-        ROW(sec_login_as_service, "service not started", 5, MSG_2650_003, e.status(), kSvc, &e.unstarted),
-        ROW(sec_renew_identity, "no status", 4, MSG_2650_002, nullptr, 3600, e.svc),
-        ROW(sec_renew_identity, "no token", 4, MSG_2650_002, e.status(), 3600, nullptr),
-        ROW(sec_renew_identity, "not a service token", 5, MSG_2650_003, e.status(), 3600, e.junk),
-        ROW(sec_login_as_user, "no status", 4, MSG_2650_002, nullptr, e.svc, e.user_id.get(), nullptr, 0),
-        ROW(sec_login_as_user, "no token", 4, MSG_2650_002, e.status(), nullptr, e.user_id.get(), nullptr, 0),
-        ROW(sec_login_as_user, "no identity", 4, MSG_2650_002, e.status(), e.svc, nullptr, nullptr, 0),
-        ROW(sec_login_as_user, "not a service token", 5, MSG_2650_003, e.status(), e.junk, e.user_id.get(), nullptr, 0),
-        ROW(sec_login_as_user, "service not started", 5, MSG_2650_003,
-            e.status(), &e.unstarted, e.user_id.get(), nullptr, 0),
-        at(ROW(sec_create_cidb, "no status", 4, MSG_2650_060, nullptr, 1, e.server_done, e.out.get()), pos(1)),
-        at(ROW(sec_create_cidb, "no token", 4, MSG_2650_060, e.status(), 1, nullptr, e.out.get()), pos(3)),
-        at(ROW(sec_create_cidb, "no output", 4, MSG_2650_060, e.status(), 1, e.server_done, nullptr), pos(4)),
-        ROW(sec_create_cidb, "not a context token", 5, MSG_2650_061, e.status(), 1, e.junk, e.out.get()),
-        ROW(sec_create_cidb, "a service token", 5, MSG_2650_061, e.status(), 1, e.server_svc, e.out.get()),
-        ROW(sec_create_cidb, "not complete", 5, MSG_2650_061, e.status(), 1, e.pending, e.out.get()),
-        at(ROW(sec_create_id_context, "no status", 4, MSG_2650_060, nullptr, e.svc, kSecCtx, e.server_done, &e.made),
-           pos(1)),
-        at(ROW(sec_create_id_context, "no service token", 4, MSG_2650_060, e.status(), nullptr, kSecCtx,
-               e.server_done, &e.made), pos(2)),
-        ROW(sec_create_id_context, "not a service token", 5, MSG_2650_003, e.status(), e.junk, kSecCtx,
-            e.server_done, &e.made),
-        ROW(sec_create_id_context, "service not started", 5, MSG_2650_003, e.status(), &e.unstarted, kSecCtx,
-            e.server_done, &e.made),
-        ROW(sec_create_id_context, "neither source", 4, MSG_2650_066, e.status(), e.svc, 0, e.server_done, &e.made),
-        ROW(sec_create_id_context, "both sources", 4, MSG_2650_066, e.status(), e.svc, 0x3, e.server_done, &e.made),
-        ROW(sec_create_id_context, "forced and no mapping", 4, MSG_2650_069, e.status(), e.svc, 0x31, e.server_done,
-            &e.made),
-        at(ROW(sec_create_id_context, "no input", 4, MSG_2650_060, e.status(), e.svc, kSecCtx, nullptr, &e.made),
-           pos(4)),
-        at(ROW(sec_create_id_context, "no token pointer", 4, MSG_2650_060, e.status(), e.svc, kSecCtx, e.server_done,
-               nullptr), pos(5)),
-        ROW(sec_create_id_context, "context not complete", 5, MSG_2650_061, e.status(), e.svc, kSecCtx, e.pending,
-            &e.made),
-        ROW(sec_create_id_context, "empty CIDB", 7, MSG_2650_005, e.status(), e.svc, SEC_F_IDCTX_CIDB, &g_empty,
-            &e.made),
-        ROW(sec_generate_key, "no key", 4, MSG_2650_002, nullptr),
-    };
-}
-
-// sec_idm_get_groups names the position of the argument it refuses.
-std::vector<Row> group_rows() {
-    static char user[] = "root";
-    static char blank[] = "\0x";
-    static sec_buffer_desc good{5, user}, no_value{5, nullptr}, negative{-1, user}, empty{2, blank};
-    static int count;
-    static sec_buffer_t groups;
-    auto row = [](const char *what, sec_buffer_t name, int *c, sec_buffer_t *g, int n) {
-        return Row{"sec_idm_get_groups", what, [=](Env &) { return sec_idm_get_groups(name, c, g); }, 4,
-                   MSG_2650_060, pos(n)};
-    };
-    return {
-        row("no name", nullptr, &count, &groups, 1),
-        row("name without bytes", &no_value, &count, &groups, 1),
-        row("negative length", &negative, &count, &groups, 1),
-        row("empty name", &empty, &count, &groups, 1),
-        row("no count", &good, nullptr, &groups, 2),
-        row("no groups", &good, &count, nullptr, 3),
-    };
-}
-
-// Each row must also leave the status record cleared, hand out nothing,
-// change no token it was given, and call no module routine.
-class ArgumentContract : public ContextFixture {
-protected:
-    // Every module call but the ending of a context the failure destroyed.
-    unsigned long module_calls() const {
-        unsigned long n = 0;
-        for (int r = 0; r < QVTEST_MPM_ROUTINES; ++r)
-            if (r != QVTEST_MPM_END_CONTEXT) n += m_.calls(r) + m2_.calls(r);
-        return n;
-    }
-
-    void prepare(Env &e) {
-        e.svc = client_svc_;
-        e.server_svc = server_svc_;
-        e.unstarted.magic = SEC_SVC_TOKEN_MAGIC;
-        pthread_mutex_init(&e.unstarted.lock, nullptr);
-        e.unsealable.value = e.data.d.value;
-        Exchange &done = establish(mech_list({kCodeA}));
-        ASSERT_EQ(done.client_rc, 0);
-        e.client_done = done.client_ctx;
-        e.server_done = done.server_ctx;
-        ex_ = Exchange{};
-        Exchange &unauth = establish(mech_list({}));
-        ASSERT_EQ(unauth.server_rc, 0);
-        e.unauth_client = unauth.client_ctx;
-        e.unauth_server = unauth.server_ctx;
-        ex_ = Exchange{};
-        ASSERT_EQ(sec_create_id_context(&e.st, server_svc_, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP, e.server_done,
-                                        &e.identity),
-                  0);
-        m_.behaviour(kStartCtx).continue_rounds = 1;
-        Out out;
-        ASSERT_EQ(sec_start_sec_context(&e.st, client_svc_, e.list.get(), kSvc, kHost, 0, &e.pending, out.get()), 1);
-        std::memset(&e.st, 0x5a, sizeof e.st);
-    }
-
-    static void finish(Env &e) {
-        sec_status_desc st{};
-        for (sec_token_t t : {e.pending, e.client_done, e.server_done, e.unauth_client, e.unauth_server, e.identity,
-                              e.made})
-            EXPECT_EQ(sec_end_context(&st, t, nullptr), 0);
-        pthread_mutex_destroy(&e.unstarted.lock);
-    }
-
-    void check(const Row &r) {
-        SCOPED_TRACE(std::string(r.routine) + ": " + r.situation);
-        Env e;
-        prepare(e);
-        unsigned long calls = module_calls();
-        cu_set_no_error_1();
-        EXPECT_EQ(r.call(e), r.rc);
-        qvtest::CurrentError err = qvtest::current_error();
-        EXPECT_NE(err.id, 0);
-        EXPECT_EQ(err.msg_num, r.msg);
-        // The argument messages name the routine, and some the position.
-        if (r.msg == MSG_2650_002 || r.msg == MSG_2650_060) {
-            EXPECT_NE(err.text.find(r.named ? r.named : r.routine), std::string::npos) << err.text;
-        }
-        if (r.in_text != nullptr) {
-            EXPECT_NE(err.text.find(r.in_text), std::string::npos) << err.text;
-        }
-        if (e.status_given) {
-            EXPECT_EQ(e.st.maj_stat, 0u);
-        }
-        EXPECT_EQ(module_calls(), calls);
-        EXPECT_EQ(e.made, nullptr);
-        EXPECT_TRUE(e.out.empty());
-        EXPECT_TRUE(e.name == nullptr && e.mname == nullptr && e.id.value == nullptr);
-        EXPECT_EQ(e.u32, 0u);
-        EXPECT_EQ(e.unstarted.state, 0u);
-        EXPECT_EQ(e.junk[1], 2u);
-        finish(e);
-    }
-};
-
-TEST_F(ArgumentContract, EveryRoutineRefusesWhatItCannotUse) {
-    for (const Row &r : rows()) check(r);
-    for (const Row &r : group_rows()) check(r);
-}
-
 // ---- Calls through the module wrappers ----
 
 // The module sees its arguments in its own order, statuses become the
@@ -1204,17 +878,6 @@ TEST_F(Dispatch, EveryWrapperUnderEveryStatus) {
     }
 }
 
-TEST_F(Dispatch, ReleaseBufferIgnoresTheModulesStatus) {
-    sec_mpm_entry_t e = reserve(kCode, qvtest::kTestMpm);
-    mpm_.behaviour(QVTEST_MPM_RELEASE_BUFFER).maj_stat = 9;
-    sec_buffer_desc b{4, malloc(4)};
-    EXPECT_EQ(sec__mpm_release_buffer(e, &b), 0u);
-    EXPECT_EQ(b.value, nullptr);
-    EXPECT_EQ(b.length, 0);
-    EXPECT_EQ(mpm_.calls(QVTEST_MPM_RELEASE_BUFFER), 1u);
-    EXPECT_TRUE(lock_is_free(e));
-}
-
 // A module that cannot be loaded fails every call with 22 and its message
 // from the library's catalogue, leaves the status record and the entry's
 // lock alone, and is tried again by the next call.
@@ -1231,13 +894,9 @@ TEST_F(Dispatch, LoadFailuresReportTheirMessageAndAreRetried) {
             cu_set_no_error_1();
             qv_int32_t lifetime = 0;
             EXPECT_EQ(sec__mpm_get_ctx_lifetime(e, &st, nullptr, &lifetime), 22u);
-            cu_error_t *err = nullptr;
-            ASSERT_EQ(cu_get_error_1(&err), 0);
-            EXPECT_EQ(err->cu_error_id, 22);
-            EXPECT_STREQ(err->cu_msg_cat, "qvsec.cat");
-            EXPECT_EQ(err->cu_msg_set, 1);
-            EXPECT_EQ(err->cu_msg_num, message);
-            cu_rel_error_1(err);
+            qvtest::CurrentError err = qvtest::current_error();
+            EXPECT_EQ(err.id, 22);
+            EXPECT_EQ(err.msg_num, message);
             EXPECT_EQ(st.maj_stat, 0u);
             EXPECT_STREQ(st.desc, "");
             EXPECT_TRUE(lock_is_free(e));
@@ -1261,25 +920,6 @@ TEST_F(Dispatch, MissingRoutineFailsEveryCallAndReleasesTheLock) {
         EXPECT_EQ(sec__mpm_get_ctx_lifetime(e, &st, nullptr, &lifetime), 0u);
     }
     EXPECT_EQ(noflags.calls(QVTEST_MPM_INIT), 1u);
-}
-
-TEST_F(Dispatch, StartRoutineByNameHoldsTheReadLock) {
-    sec_mpm_entry_t e = reserve(kCode, qvtest::kTestMpm);
-    const char *names[] = {"mpm_get_ctx_lifetime", "mpm_init", "qvtest_mpm_blocked"};
-    for (const char *name : names) {
-        SCOPED_TRACE(name);
-        sec_mpm_routine_t fn = nullptr;
-        ASSERT_EQ(sec__mpm_start_routine(e, const_cast<char *>(name), &fn), 0u);
-        EXPECT_NE(fn, nullptr);
-        EXPECT_EQ(e->lock.count, 1);
-        EXPECT_FALSE(lock_is_free(e));
-        sec__mpm_end_routine(e);
-        EXPECT_TRUE(lock_is_free(e));
-    }
-    sec_mpm_routine_t fn = nullptr;
-    EXPECT_EQ(sec__mpm_start_routine(e, const_cast<char *>("mpm_no_such_routine"), &fn), 22u);
-    EXPECT_EQ(fn, nullptr);
-    EXPECT_TRUE(lock_is_free(e));
 }
 
 // ---- Trace records ----
@@ -1380,6 +1020,32 @@ TEST_F(ApiTrace, SigningAtEachLevel) {
     EXPECT_EQ(traced_signing(1, &st), (Ids{130, 132, 135, 137}));
     EXPECT_EQ(traced_signing(8, &st), (Ids{131, 134, 136, 139}));
     EXPECT_EQ(traced_signing(8, nullptr), (Ids{131, 133, 136, 138}));
+}
+
+// The buffers the context routines are given, at BUFFER detail: the first
+// word at level 1, all the bytes at level 8 (the client's list, the
+// server's CCDB); and the API records of routines beside the contexts.
+TEST_F(ApiTrace, BuffersAndOtherRoutines) {
+    for (unsigned char level : {1, 8}) {
+        size_t from = trace_size();
+        sec__trace_detail_levels[SEC_TRC_BUFFER] = level;
+        ASSERT_EQ(establish(mech_list({kCodeA})).server_rc, 0);
+        sec__trace_detail_levels[SEC_TRC_BUFFER] = 0;
+        EXPECT_EQ(library_record_ids(from), (level == 1 ? Ids{5, 5} : Ids{6, 6}));
+        if (level == 1) end_contexts();
+    }
+    size_t from = trace_size();
+    sec__trace_detail_levels[SEC_TRC_API] = 1;
+    View l(mech_list({kCodeA}));
+    EXPECT_EQ(sec_set_imposed_mechs(l.get()), 0);
+    sec_status_desc st{};
+    sec_token_t id = nullptr;
+    EXPECT_EQ(sec_create_id_context(&st, server_svc_, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP, ex_.server_ctx, &id), 0);
+    View user(Bytes{SEC_BUF_TYPED_ID, 2} + be32(kCodeA) + text("alice"));
+    EXPECT_EQ(sec_login_as_user(&st, client_svc_, user.get(), nullptr, 0), 0);
+    sec__trace_detail_levels[SEC_TRC_API] = 0;
+    EXPECT_EQ(sec_end_context(&st, id, nullptr), 0);
+    EXPECT_EQ(library_record_ids(from), (Ids{45, 47, 155, 157, 110, 112}));
 }
 
 // The privilege set an identity context takes from a security context is

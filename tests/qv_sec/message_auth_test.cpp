@@ -289,7 +289,7 @@ TEST(MessageAuthErrors, EveryOutcome) {
                   c.process_rc);
         EXPECT_EQ(last_message(), c.msg);
         if (c.msg == MSG_2650_002) {
-            EXPECT_NE(last_error_text().find("sec_prepare_message"), std::string::npos);
+            EXPECT_EQ(qvtest::current_error_args().rfind("sec_prepare_message", 0), 0u);
         }
     }
     // Other flag bits beside the digest flag are ignored.

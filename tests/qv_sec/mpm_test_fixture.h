@@ -18,12 +18,6 @@
 
 namespace qvtest {
 
-// The message number of the thread's error record, -1 when there is none.
-inline int last_message() {
-    CurrentError e = current_error();
-    return e.id != 0 && e.id != -1 ? e.msg_num : -1;
-}
-
 inline void clear_mpm_table() {
     pthread_mutex_lock(&SEC_STATE.lock);
     for (sec_mpm_entry_desc &e : SEC_STATE.mpms.entries) {

@@ -28,6 +28,18 @@ inline CurrentError current_error() {
     return out;
 }
 
+// The message number of the thread's error record, -1 when it holds none.
+inline int last_message() {
+    CurrentError e = current_error();
+    return e.id != 0 && e.id != -1 ? e.msg_num : -1;
+}
+
+// The formatted text of the thread's error record ("" when it holds none).
+inline std::string last_error_text() {
+    CurrentError e = current_error();
+    return e.id != 0 && e.id != -1 ? e.text : std::string();
+}
+
 // The arguments of the thread's error record joined by commas (strings as
 // they are, numbers in decimal): which routine, position or value a message
 // names, without repeating the message's text.
