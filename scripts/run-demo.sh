@@ -29,9 +29,11 @@ echo
 echo "\$ qvsec config check \$QV_SEC_CONFIG"
 "$prefix/bin/qvsec" config check
 echo
-"$prefix/bin/qvsec-example-service" --socket "$work/example.sock" --count 1 &
+# The socket file appears at bind, a moment before the service listens: the
+# client starts once the service says it listens.
+"$prefix/bin/qvsec-example-service" --socket "$work/example.sock" --count 1 > >(tee "$work/service.out") &
 service_pid=$!
-for _ in $(seq 100); do [ -S "$work/example.sock" ] && break; sleep 0.05; done
+for _ in $(seq 200); do grep -q "listening on" "$work/service.out" 2>/dev/null && break; sleep 0.05; done
 "$prefix/bin/qvsec-example-client" --socket "$work/example.sock" "hello from $(id -un)"
 wait "$service_pid"
 service_pid=""

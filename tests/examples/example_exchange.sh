@@ -11,7 +11,9 @@ work=$(mktemp -d)
 pid=""
 trap '[ -n "$pid" ] && kill "$pid" 2>/dev/null; rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
-wait_socket() { for _ in $(seq 200); do [ -S "$1" ] && return 0; sleep 0.05; done; fail "no socket $1"; }
+# The socket file appears at bind, a moment before the service listens: wait
+# for the service to say it listens.
+wait_listening() { for _ in $(seq 200); do grep -q "listening on" "$1" 2>/dev/null && return 0; sleep 0.05; done; fail "not listening: $(cat "$1")"; }
 
 printf '1 local 0x00000001 %s i\n' "$module" > "$work/qvsec.cfg"
 export QV_SEC_CONFIG="$work/qvsec.cfg"
@@ -22,7 +24,7 @@ user=$(id -un)
 
 "$service" --count 3 --cidb "$work/client.cidb" > "$work/service.out" 2>&1 &
 pid=$!
-wait_socket "$work/run/qvsec-example.sock"
+wait_listening "$work/service.out"
 
 out=$("$client" "ping 42")
 grep -q 'context established with mechanism "local"' <<<"$out" || fail "client: $out"
@@ -65,7 +67,7 @@ if [ "$(id -u)" = 0 ] && command -v setpriv > /dev/null; then
   QV_SEC_CONFIG="$imp/qvsec.cfg" setpriv --reuid=65534 --regid=65534 --clear-groups \
     "$service" --socket "$imp/run/s.sock" --count 1 > "$work/impostor.out" 2>&1 &
   pid=$!
-  wait_socket "$imp/run/s.sock"
+  wait_listening "$work/impostor.out"
   if "$client" --socket "$imp/run/s.sock" "secret" > "$work/client-imp.out" 2>&1; then
     fail "client accepted an impostor: $(cat "$work/client-imp.out")"
   fi
