@@ -161,7 +161,8 @@ class SealReservation {
 public:
     SealReservation() = default;
     // Room for a seal buffer around a body of about `body` bytes.
-    explicit SealReservation(size_t body) : cap_(kHeader + body + kSlack), block_(std::malloc(cap_)) {
+    explicit SealReservation(size_t body)
+        : cap_(static_cast<size_t>(sec__buff_tvm_len) + body + kSlack), block_(std::malloc(cap_)) {
         if (block_ == nullptr) cap_ = 0;
     }
     ~SealReservation() { std::free(block_); }
@@ -186,7 +187,6 @@ public:
     }
 
 private:
-    static constexpr size_t kHeader = 6;
     // More than a module's nonce, tag or signature needs.
     static constexpr size_t kSlack = 1024;
     size_t cap_ = 0;
