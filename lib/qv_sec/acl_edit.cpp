@@ -11,6 +11,7 @@
 // stored out of order is sorted instead; only odd stored lengths need the
 // tree itself.
 #include <algorithm>
+#include <bit>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -18,6 +19,10 @@
 #include <new>
 #include <span>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "acl_arguments.h"
 #include "acl_edit.h"
@@ -126,49 +131,136 @@ struct Scan {
     bool equal = false;   // ... and it has the new entry's identifier
 };
 
+// Where strcmp decides between identifiers a and b, looking from index i
+// on: the first index at which they differ or a ends, and the order there.
+// a_room and b_room are the bytes that may be read at a and at b, and each
+// holds a NUL; bytes after a NUL may be anything. Sixteen bytes are
+// compared at once while both have room, and the order is read from the
+// same registers rather than by loading the two bytes again.
+struct Split {
+    size_t at;
+    int order;  // the sign of strcmp(a, b)
+};
+
+[[gnu::always_inline]] inline Split split(const uint8_t *a, size_t a_room, const uint8_t *b, size_t b_room,
+                                          size_t i) {
+#if defined(__SSE2__)
+    const size_t room = std::min(a_room, b_room);
+    for (; i + 16 <= room; i += 16) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + i));
+        const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + i));
+        const unsigned same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y)));
+        const unsigned ends = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, _mm_setzero_si128())));
+        const unsigned stop = (same ^ 0xffffu) | ends;
+        if (stop == 0) continue;
+        const unsigned bit = stop & (0u - stop);
+        const unsigned below = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(x, y), x)));
+        const int order = (bit & same) != 0 ? 0 : (bit & below) != 0 ? -1 : 1;
+        return {i + static_cast<size_t>(std::countr_zero(stop)), order};
+    }
+#else
+    (void)a_room;
+    (void)b_room;
+#endif
+    // Stops at a's NUL at the latest, or earlier at b's, where they differ.
+    while (a[i] == b[i] && a[i] != 0) ++i;
+    return {i, a[i] < b[i] ? -1 : a[i] > b[i] ? 1 : 0};
+}
+
+// The entry at e, with room bytes left in its sub-ACL: its length, or 0
+// when it does not fit or has no NUL. plain is cleared for an entry whose
+// comparisons are not strcmp.
+[[gnu::always_inline]] inline uint32_t check_entry(const uint8_t *e, size_t room, bool &plain) {
+    if (room < acl::kEntryHeadLen) return 0;
+    const uint32_t len = acl::be32(e);
+    // An entry as sec_create_acle makes it (17 bytes or more, its NUL
+    // followed by two zero bytes) is readable and compares plainly,
+    // whatever comes before: the search for its NUL is saved.
+    if (len - (acl::kEntryHeadLen + 1) < room - acl::kEntryHeadLen && e[len - 3] == 0) return len;
+    if (len < acl::kEntryHeadLen || len > room) return 0;
+    const void *nul = std::memchr(e + acl::kIdOffset, 0, len - acl::kIdOffset);
+    if (nul == nullptr) return 0;
+    if (!acl::compares_plainly(e, static_cast<const uint8_t *>(nul) - (e + acl::kIdOffset))) plain = false;
+    return len;
+}
+
+// One pass over the entries: checks each one's length and NUL, and while
+// the identifiers are plain and ascending, finds the new entry's place. The
+// order check compares each identifier with the one before it; the place
+// needs no second comparison for most entries: with q the length of the
+// prefix the key shares with the previous identifier (which is below it)
+// and p that shared by the previous and this one, p > q puts this one below
+// the key as well and p < q above it; only p == q compares on, from q.
+// Three loops, each keeping only what it still needs: before the place,
+// after it, and once the order is settled.
 bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *entry, Scan &r) {
-    const uint8_t *b = buf.data();
-    const char *prev = nullptr;
-    const char *key = acl::entry_id(entry);
+    const uint8_t *const buf_end = buf.data() + buf.size();
+    const uint8_t *const end = buf.data() + s.end;
+    const uint8_t *e = buf.data() + s.begin;
+    const uint8_t *prev = nullptr;
+    const uint8_t *const key = acl::bytes_of(acl::entry_id(entry));
+    const size_t key_room = acl::entry_length(entry) - acl::kIdOffset;
+    auto room_at = [buf_end](const uint8_t *id) { return static_cast<size_t>(buf_end - id); };
+    int32_t count = 0;
+    bool plain = true;
     bool placed = false;
     r.place = s.end;
-    for (size_t off = s.begin; off < s.end;) {
-        const uint8_t *e = b + off;
-        const size_t room = s.end - off;
-        if (room < acl::kEntryHeadLen) return false;
-        const uint32_t len = acl::be32(e);
-        if (len < acl::kEntryHeadLen || len > room) return false;
-        // An entry as sec_create_acle makes it ends with its NUL and two
-        // zero bytes: then it is readable and compares plainly, whatever
-        // comes before, and the search for its NUL is saved.
-        if (!(len > acl::kEntryHeadLen && e[len - 3] == 0)) {
-            const void *nul = std::memchr(e + acl::kIdOffset, 0, len - acl::kIdOffset);
-            if (nul == nullptr) return false;
-            const size_t id_length = static_cast<const uint8_t *>(nul) - (e + acl::kIdOffset);
-            if (!acl::compares_plainly(e, id_length)) r.plain = false;
-        }
-        const char *id = acl::entry_id(e);
-        if (r.plain) {
-            // Plain comparisons are strcmp: the cheaper call gives the same order.
-            if (r.sorted && prev != nullptr) {
-                int c = std::strcmp(prev, id);
-                if (c == 0) r.duplicate = true;
-                if (c >= 0) r.sorted = false;
+    // Before the place: every identifier so far is below the key.
+    for (size_t q = 0; e < end && !placed;) {
+        const uint32_t len = check_entry(e, static_cast<size_t>(end - e), plain);
+        if (len == 0) return false;
+        const uint8_t *id = e + acl::kIdOffset;
+        e += len;
+        ++count;
+        if (!plain) break;
+        size_t from = 0;
+        if (prev != nullptr) {
+            const Split c = split(prev, room_at(prev), id, room_at(id), 0);
+            if (c.order >= 0) {
+                r.sorted = false;
+                r.duplicate = c.order == 0;
+                break;
             }
-            if (!placed) {
-                int c = std::strcmp(id, key);
-                if (c >= 0) {
-                    placed = true;
-                    r.place = off;
-                    r.equal = c == 0;
-                }
-            }
+            from = c.at;
         }
         prev = id;
-        off += len;
-        ++r.count;
+        if (from > q) continue;  // shares more with the one before than that with the key: below the key
+        if (from == q) {
+            const Split c = split(id, room_at(id), key, key_room, q);
+            q = c.at;
+            r.equal = c.order == 0;
+            if (c.order < 0) continue;
+        }
+        placed = true;
+        r.place = static_cast<size_t>(id - acl::kIdOffset - buf.data());
     }
-    return r.count == s.count;
+    // After the place: the order check alone.
+    for (bool comparing = plain && r.sorted; e < end && comparing;) {
+        const uint32_t len = check_entry(e, static_cast<size_t>(end - e), plain);
+        if (len == 0) return false;
+        const uint8_t *id = e + acl::kIdOffset;
+        e += len;
+        ++count;
+        comparing = plain;
+        if (!plain) break;
+        const Split c = split(prev, room_at(prev), id, room_at(id), 0);
+        if (c.order >= 0) {
+            r.sorted = comparing = false;
+            r.duplicate = c.order == 0;
+        }
+        prev = id;
+    }
+    // Settled: the checks alone (an entry that does not compare plainly
+    // still sends the edit to the tree).
+    while (e < end) {
+        const uint32_t len = check_entry(e, static_cast<size_t>(end - e), plain);
+        if (len == 0) return false;
+        e += len;
+        ++count;
+    }
+    r.plain = plain;
+    r.count = count;
+    return count == s.count;
 }
 
 std::vector<const uint8_t *> stored_entries(std::span<const uint8_t> buf, const acl::SubAcl &s) {

@@ -264,19 +264,22 @@ struct Tree {
 TEST(AclEdit, AgreesWithTheEditingTree) {
     std::mt19937 rng(11);
     auto pick = [&](int n) { return int(rng() % n); };
-    const char *ids[] = {"a", "b", "ab", "abc", "b0", "\x7f", "ba", "c", "ca", "abd"};
+    // Short ones, and long ones sharing more than the sixteen bytes compared at once.
+    const char *ids[] = {"a", "b", "ab", "abc", "b0", "\x7f", "ba", "c", "ca", "abd", "\xe9",
+                         "user0000000000000001@X", "user0000000000000002@X", "user00000000000000", "user0000000000000\xe9"};
+    constexpr int kIds = sizeof ids / sizeof ids[0];
     int outcomes[24] = {};
     for (int round = 0; round < 3000; ++round) {
         const int kind = round % 3;  // 0 in order, 1 any order, 2 any order with odd stored lengths
         std::vector<Bytes> stored;
         std::set<std::string> seen;
         for (int i = pick(9); i > 0; --i) {
-            std::string id = ids[pick(10)];
+            std::string id = ids[pick(kIds)];
             if (kind == 0 && !seen.insert(id).second) continue;
             stored.push_back(entry(3, 7, uint32_t(rng()), id, kind == 2 ? size_t(pick(2) * 4) : 2));
         }
         if (kind == 0) std::sort(stored.begin(), stored.end(), [](auto &a, auto &b) { return Tree::cmp(a, b) < 0; });
-        const Bytes x = entry(3, 7, uint32_t(rng()), ids[pick(10)], kind == 2 ? size_t(pick(3)) : 2);
+        const Bytes x = entry(3, 7, uint32_t(rng()), ids[pick(kIds)], kind == 2 ? size_t(pick(3)) : 2);
         const bool add = pick(2) == 0;
         const Sub before{4, 7, {entry(4, 7, 1, "g")}}, after{3, 8, {entry(3, 8, 1, "z")}};
         Acl a(acl_of({before, {3, 7, stored}, after}));
