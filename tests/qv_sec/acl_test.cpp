@@ -153,20 +153,18 @@ Bytes edited(const std::vector<Grant> &ops) {
     return a.bytes();
 }
 
+// What the random edits below do not reach: the layout of a buffer made
+// from nothing, sub-ACLs in first-use order, types without identifier, a
+// delete that empties a sub-ACL.
 TEST(AclEdit, BuiltBuffers) {
     EXPECT_EQ(to_hex(edited({{3, 0x10002, 5, "b"}})),
               "b0bc0de1000000100000000100000001b0bc0de2000300000001000200000000"
               "00000001000000120001000200000005000362000000");
     const std::vector<std::pair<std::vector<Grant>, Bytes>> rows = {
-        {{{3, 1, 1, "b"}, {3, 1, 2, "a"}, {3, 1, 3, "c"}},
-         acl_of({{3, 1, {entry(3, 1, 2, "a"), entry(3, 1, 1, "b"), entry(3, 1, 3, "c")}}})},
-        {{{3, 1, 1, "a"}, {3, 1, 9, "a"}}, acl_of({{3, 1, {entry(3, 1, 9, "a")}}})},
         {{{1, 1, 1, "x"}, {1, 1, 2, "y"}}, acl_of({{1, 1, {entry(1, 1, 2)}}})},
         {{{4, 2, 1, "g"}, {3, 1, 1, "u"}, {4, 1, 1, "h"}, {4, 2, 5, "f"}},
          acl_of({{4, 2, {entry(4, 2, 5, "f"), entry(4, 2, 1, "g")}}, {3, 1, {entry(3, 1, 1, "u")}},
                  {4, 1, {entry(4, 1, 1, "h")}}})},
-        {{{3, 1, 1, "a"}, {3, 1, 1, "bb"}, {3, 2, 1, "z"}, {3, 1, 0, "a", true}},
-         acl_of({{3, 1, {entry(3, 1, 1, "bb")}}, {3, 2, {entry(3, 2, 1, "z")}}})},
         {{{3, 1, 1, "a"}, {2, 0, 1, ""}, {3, 1, 0, "a", true}}, acl_of({{3, 1, {}}, {2, 0, {entry(2, 0, 1)}}})},
     };
     for (const auto &[ops, want] : rows) EXPECT_EQ(to_hex(edited(ops)), to_hex(want)) << ops.back().id;
