@@ -122,6 +122,15 @@ TEST(Acl, EntriesAndPermissionRoutines) {
     EXPECT_EQ(made, nullptr);
     EXPECT_EQ(sec_release_acl(&valid.d), 0);
     EXPECT_EQ(valid.d.value, nullptr);
+    // An entry list is freed whole (a block left shows as a leak) and emptied.
+    qvtest::alloc_failure_sweep(
+        [] {
+            auto *list = static_cast<sec_acle_list_t>(malloc(sizeof(sec_acle_list_desc)));
+            if (list == nullptr) return 6;
+            list->elements = static_cast<sec_acle_t>(malloc(32));
+            return sec_release_acle_list(&list) + (list != nullptr);
+        },
+        [](int rc, bool) { EXPECT_NE(rc, 1); }, [] { sec_release_acle_list(nullptr); });
 }
 
 // ---- Editing ----
@@ -480,13 +489,13 @@ TEST(AclTool, EditsShowsChecksAndRefusesDamage) {
         {{"show", f}, 0, "  type 3  0x00000001 perm 0x00000002  bob\n"},
         {{"check", f, "1", "bob", "staff"}, 0, "granted 0x00000112\n  type 3  0x00000001 perm 0x00000002  bob\n"},
         {{"check", f, "none"}, 0, "granted 0x00000100\n  type 2  none       perm 0x00000100  \n"},
-        {{"add", f, "3", "1", "0x5"}, 2, ""},
-        {{"add", bad, "3", "1", "0x5", "x"}, 1, ""},
+        {{"add", f, "3", "1", "0x5"}, 2, "qvsec acl: "},  // and its reason
+        {{"add", bad, "3", "1", "0x5", "x"}, 1, "damaged ACL at offset 0"},
     };
     for (const auto &[args, status, out] : rows) {
         qvtest::ToolRun r = qvsec(args);
         EXPECT_EQ(r.status, status) << args[0] << " " << r.err;
-        EXPECT_NE(r.out.find(out), std::string::npos) << r.out;
+        EXPECT_NE((r.out + r.err).find(out), std::string::npos) << r.out << r.err;
     }
     Acl expect;
     build(expect, {{3, 1, 0x2, "bob"}, {4, 1, 0x10, "staff"}, {2, 0, 0x100, ""}});
