@@ -120,15 +120,6 @@ TEST(Acl, EntriesAndPermissionRoutines) {
     EXPECT_EQ(made, nullptr);
     EXPECT_EQ(sec_release_acl(&valid.d), 0);
     EXPECT_EQ(valid.d.value, nullptr);
-    // An entry list is freed whole (a block left shows as a leak) and emptied.
-    qvtest::alloc_failure_sweep(
-        [] {
-            auto *list = static_cast<sec_acle_list_t>(malloc(sizeof(sec_acle_list_desc)));
-            if (list == nullptr) return 6;
-            list->elements = static_cast<sec_acle_t>(malloc(32));
-            return sec_release_acle_list(&list) + (list != nullptr);
-        },
-        [](int rc, bool) { EXPECT_NE(rc, 1); }, [] { sec_release_acle_list(nullptr); });
 }
 
 // ---- Editing ----
@@ -301,6 +292,7 @@ TEST(AclEdit, AgreesWithTheEditingTree) {
     EXPECT_GT(outcomes[23], 100);
 }
 
+// Every allocation of an edit failing in turn; and an entry list released.
 TEST(AclEdit, AllocationFailuresLeaveTheBuffer) {
     auto sub = [](const char *first, const char *second, size_t pad) {
         return acl_of({{3, 1, {entry(3, 1, 1, first, pad), entry(3, 1, 1, second, pad)}}});
@@ -333,7 +325,15 @@ TEST(AclEdit, AllocationFailuresLeaveTheBuffer) {
             }
             before = a.d.value;
         });
-    }
+    }    // An entry list is freed whole (a block left shows as a leak) and emptied.
+    qvtest::alloc_failure_sweep(
+        [] {
+            auto *list = static_cast<sec_acle_list_t>(malloc(sizeof(sec_acle_list_desc)));
+            if (list == nullptr) return 6;
+            list->elements = static_cast<sec_acle_t>(malloc(32));
+            return sec_release_acle_list(&list) + (list != nullptr);
+        },
+        [](int rc, bool) { EXPECT_NE(rc, 1); }, [] { sec_release_acle_list(nullptr); });
 }
 
 // ---- The access check ----
