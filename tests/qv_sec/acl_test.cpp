@@ -381,6 +381,11 @@ TEST(AclCheck, NamedCasesAndContexts) {
         {"identifiers compare exactly", {5, "alic", "", {"staf", "staff0"}}, 0x2c},
     };
     for (const auto &[what, client, want] : rows) EXPECT_EQ(check(a.d, kTypes, client), want) << what;
+    // "Any authenticated client" or "anyone" may not be a type that carries an identifier.
+    sec_acl_client_desc anon{0, nullptr, nullptr, 0, nullptr};
+    uint32_t bits = 0;
+    for (sec_acl_types_desc t : {sec_acl_types_desc{-1, -1, -1, 3, -1}, sec_acl_types_desc{-1, -1, -1, -1, 4}})
+        EXPECT_EQ(sec_check_acl_client(&a.d, &t, &anon, 1, &bits), SEC_S_BAD_ARGUMENT);
 
     // Identity contexts: their names and groups; unmapped, the name alone.
     sec_mpm_entry_desc mpm{};
