@@ -210,6 +210,9 @@ TEST(AclEdit, FailuresLeaveTheBufferAsItWas) {
         EXPECT_EQ(a.d.value, before);
         EXPECT_EQ(a.bytes(), r.acl);
     }
+    // A record of length 0 is the empty ACL, whatever its pointer.
+    sec_acl_buffer_desc zero{0, kAb};
+    EXPECT_EQ(sec_del_acle_from_acl(Entry(entry(4, 1, 0, "q")).e, 0, &zero), SEC_S_NO_ACL_ENTRIES);
 }
 
 // The editing tree, plainly: a node that compares greater sends the new
