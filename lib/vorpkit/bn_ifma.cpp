@@ -117,8 +117,13 @@ __attribute__((target("avx512f,avx512vl,avx512ifma"))) void amm(const Modulus52 
             out[k][j] = c[k] & kMask52;
             c[k] >>= 52;
         }
-    volatile Limb *wipe = &t[0][0];
-    for (size_t j = 0; j < K * 4 * NV; ++j) wipe[j] = 0;
+    // Wiped by vector stores; the empty statement after them tells the
+    // compiler that they are needed.
+#pragma GCC unroll 2
+    for (size_t k = 0; k < K; ++k)
+#pragma GCC unroll 16
+        for (size_t v = 0; v < NV; ++v) _mm256_storeu_epi64(t[k] + 4 * v, zero);
+    __asm__ volatile("" : : "r"(&t[0][0]) : "memory");
 }
 
 // The window table scan, NV vectors of four digits an entry: every entry
