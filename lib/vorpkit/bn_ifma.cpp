@@ -11,6 +11,8 @@
 #endif
 #include <immintrin.h>
 
+#include <utility>
+
 #include "bn_montgomery.h"
 #include "cpu_features.h"
 
@@ -50,59 +52,64 @@ void from_digits52(const Limb *d, size_t count, Limb *a, size_t n) {
 // below 2m[k]. Each turn adds the low halves of a * b[i] and y * m (y chosen
 // so that the lowest digit becomes 0 modulo 2^52), moves the accumulator
 // down one digit, and adds the high halves, which belong one digit up. The
-// digits are normalised once, at the end. K products run interleaved, so
-// that one's chain of dependent steps fills the other's waits; the vector
-// count is a template argument so that every vector stays in a register.
+// digits are normalised once, at the end. The lowest digit, which decides
+// y and is then dropped, is followed in a general register (z), with the
+// carry it leaves for the next digit: so y waits for one lane move and two
+// scalar products rather than for the vector products of its own turn. K
+// products run interleaved, so that one's chain of dependent steps fills
+// the other's waits; the vector count is a template argument so that every
+// accumulator stays in a register.
 template <size_t K, size_t NV>
 __attribute__((target("avx512f,avx512vl,avx512ifma"))) void amm(const Modulus52 *const mod[K], Limb *const out[K],
                                                        const Limb *const a[K], const Limb *const b[K]) {
     const __m256i zero = _mm256_setzero_si256();
-    __m256i acc[K][NV], av[K][NV], mv[K][NV];
+    __m256i acc[K][NV];
+    Limb carry[K] = {};
 #pragma GCC unroll 2
     for (size_t k = 0; k < K; ++k)
 #pragma GCC unroll 16
-        for (size_t v = 0; v < NV; ++v) {
-            acc[k][v] = zero;
-            av[k][v] = _mm256_loadu_epi64(a[k] + 4 * v);
-            mv[k][v] = _mm256_loadu_epi64(mod[k]->m + 4 * v);
-        }
+        for (size_t v = 0; v < NV; ++v) acc[k][v] = zero;
     for (size_t i = 0; i < mod[0]->digits; ++i) {
         __m256i bi[K], y[K];
 #pragma GCC unroll 2
         for (size_t k = 0; k < K; ++k) {
-            bi[k] = _mm256_set1_epi64x((long long)b[k][i]);
-#pragma GCC unroll 16
-            for (size_t v = 0; v < NV; ++v) acc[k][v] = _mm256_madd52lo_epu64(acc[k][v], av[k][v], bi[k]);
-        }
-#pragma GCC unroll 2
-        for (size_t k = 0; k < K; ++k) {
-            const Limb low = Limb(_mm_cvtsi128_si64(_mm256_castsi256_si128(acc[k][0])));
-            y[k] = _mm256_set1_epi64x((long long)((low * mod[k]->k0) & kMask52));
-#pragma GCC unroll 16
-            for (size_t v = 0; v < NV; ++v) acc[k][v] = _mm256_madd52lo_epu64(acc[k][v], mv[k][v], y[k]);
-        }
-#pragma GCC unroll 2
-        for (size_t k = 0; k < K; ++k) {
-            const Limb carry = Limb(_mm_cvtsi128_si64(_mm256_castsi256_si128(acc[k][0]))) >> 52;
-#pragma GCC unroll 16
-            for (size_t v = 0; v + 1 < NV; ++v) acc[k][v] = _mm256_alignr_epi64(acc[k][v + 1], acc[k][v], 1);
-            acc[k][NV - 1] = _mm256_alignr_epi64(zero, acc[k][NV - 1], 1);
-            acc[k][0] = _mm256_mask_add_epi64(acc[k][0], 1, acc[k][0], _mm256_set1_epi64x((long long)carry));
+            const Limb bk = b[k][i];
+            const Limb z = Limb(_mm_cvtsi128_si64(_mm256_castsi256_si128(acc[k][0]))) + carry[k] + ((a[k][0] * bk) & kMask52);
+            const Limb yk = (z * mod[k]->k0) & kMask52;
+            carry[k] = (z + ((yk * mod[k]->m[0]) & kMask52)) >> 52;
+            bi[k] = _mm256_set1_epi64x((long long)bk);
+            y[k] = _mm256_set1_epi64x((long long)yk);
         }
 #pragma GCC unroll 2
         for (size_t k = 0; k < K; ++k)
 #pragma GCC unroll 16
             for (size_t v = 0; v < NV; ++v) {
-                acc[k][v] = _mm256_madd52hi_epu64(acc[k][v], av[k][v], bi[k]);
-                acc[k][v] = _mm256_madd52hi_epu64(acc[k][v], mv[k][v], y[k]);
+                acc[k][v] = _mm256_madd52lo_epu64(acc[k][v], _mm256_loadu_epi64(a[k] + 4 * v), bi[k]);
+                acc[k][v] = _mm256_madd52lo_epu64(acc[k][v], _mm256_loadu_epi64(mod[k]->m + 4 * v), y[k]);
+            }
+#pragma GCC unroll 2
+        for (size_t k = 0; k < K; ++k) {
+#pragma GCC unroll 16
+            for (size_t v = 0; v + 1 < NV; ++v) acc[k][v] = _mm256_alignr_epi64(acc[k][v + 1], acc[k][v], 1);
+            acc[k][NV - 1] = _mm256_alignr_epi64(zero, acc[k][NV - 1], 1);
+        }
+#pragma GCC unroll 2
+        for (size_t k = 0; k < K; ++k)
+#pragma GCC unroll 16
+            for (size_t v = 0; v < NV; ++v) {
+                acc[k][v] = _mm256_madd52hi_epu64(acc[k][v], _mm256_loadu_epi64(a[k] + 4 * v), bi[k]);
+                acc[k][v] = _mm256_madd52hi_epu64(acc[k][v], _mm256_loadu_epi64(mod[k]->m + 4 * v), y[k]);
             }
     }
-    // The K carry chains of the normalisation run side by side.
-    Limb t[K][4 * NV], c[K] = {};
+    // The K carry chains of the normalisation run side by side; the last
+    // turn's carry goes into the lowest digit.
+    Limb t[K][4 * NV], c[K];
 #pragma GCC unroll 2
-    for (size_t k = 0; k < K; ++k)
+    for (size_t k = 0; k < K; ++k) {
+        c[k] = carry[k];
 #pragma GCC unroll 16
         for (size_t v = 0; v < NV; ++v) _mm256_storeu_epi64(t[k] + 4 * v, acc[k][v]);
+    }
     for (size_t j = 0; j < 4 * NV; ++j)
 #pragma GCC unroll 2
         for (size_t k = 0; k < K; ++k) {
@@ -110,21 +117,43 @@ __attribute__((target("avx512f,avx512vl,avx512ifma"))) void amm(const Modulus52 
             out[k][j] = c[k] & kMask52;
             c[k] >>= 52;
         }
-    volatile Limb *wipe = &t[0][0];
-    for (size_t j = 0; j < K * 4 * NV; ++j) wipe[j] = 0;
+    // Wiped by vector stores; the empty statement after them tells the
+    // compiler that they are needed.
+#pragma GCC unroll 2
+    for (size_t k = 0; k < K; ++k)
+#pragma GCC unroll 16
+        for (size_t v = 0; v < NV; ++v) _mm256_storeu_epi64(t[k] + 4 * v, zero);
+    __asm__ volatile("" : : "r"(&t[0][0]) : "memory");
 }
 
-// The window table scan four digits at a time (n a multiple of 4).
-__attribute__((target("avx512f,avx512vl"))) void select_entry52(Limb *out, const Limb *table, size_t entries, size_t n,
-                                                        Limb idx) {
-    for (size_t v = 0; v < n; v += 4) {
-        __m256i acc = _mm256_setzero_si256();
-        for (size_t e = 0; e < entries; ++e) {
-            const __m256i mask = _mm256_set1_epi64x((long long)ct_eq_mask(e, idx));
-            acc = _mm256_or_si256(acc, _mm256_and_si256(mask, _mm256_loadu_epi64(table + e * n + v)));
-        }
-        _mm256_storeu_epi64(out + v, acc);
+// The window table scan, NV vectors of four digits an entry: every entry
+// is loaded, and a lane mask from comparing the entry number with idx
+// decides by a blend (no branch, no index) whether it is kept.
+template <size_t NV>
+__attribute__((target("avx512f,avx512vl"))) void select52(Limb *out, const Limb *table, size_t entries, Limb idx) {
+    const __m256i want = _mm256_set1_epi64x((long long)idx), step = _mm256_set1_epi64x(1);
+    __m256i acc[NV], e = _mm256_setzero_si256();
+#pragma GCC unroll 16
+    for (size_t v = 0; v < NV; ++v) acc[v] = _mm256_setzero_si256();
+    for (size_t i = 0; i < entries; ++i, e = _mm256_add_epi64(e, step), table += 4 * NV) {
+        const __mmask8 keep = _mm256_cmpeq_epi64_mask(e, want);
+#pragma GCC unroll 16
+        for (size_t v = 0; v < NV; ++v) acc[v] = _mm256_mask_mov_epi64(acc[v], keep, _mm256_loadu_epi64(table + 4 * v));
     }
+#pragma GCC unroll 16
+    for (size_t v = 0; v < NV; ++v) _mm256_storeu_epi64(out + 4 * v, acc[v]);
+}
+
+template <size_t... V>
+void select_entry52_for(Limb *out, const Limb *table, size_t entries, size_t n, Limb idx, std::index_sequence<V...>) {
+    using Fn = void (*)(Limb *, const Limb *, size_t, Limb);
+    static constexpr Fn fns[] = {select52<V + 1>...};
+    fns[n / 4 - 1](out, table, entries, idx);
+}
+
+// n a multiple of 4, at most 4 * kMaxVectors.
+void select_entry52(Limb *out, const Limb *table, size_t entries, size_t n, Limb idx) {
+    select_entry52_for(out, table, entries, n, idx, std::make_index_sequence<kMaxVectors>{});
 }
 
 template <size_t K>

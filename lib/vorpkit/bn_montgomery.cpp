@@ -47,6 +47,84 @@ void reduce_once(Limb *out, const Limb *x, Limb carry, const Limb *m, size_t n, 
     for (size_t j = 0; j < n; ++j) out[j] = (tmp[j] & mask) | (x[j] & ~mask);
 }
 
+namespace {
+
+// x = diff where mask is all-ones, else x unchanged.
+void masked_select(Limb *__restrict x, const Limb *__restrict diff, Limb mask, size_t n) {
+    for (size_t j = 0; j < n; ++j) x[j] = (diff[j] & mask) | (x[j] & ~mask);
+}
+
+// `steps` (at least 1) modular doublings of x (below m, n limbs, n a
+// positive multiple of 4) in
+// one pass of flags: each step writes 2x over x and 2x + neg = 2x - m
+// (neg = 2^(64n) - m) beside it in d, the doubling on the CF chain (ADCX)
+// and the addition on the OF chain (ADOX); the carries of the two chains
+// say whether 2x >= m. That choice is kept in ZF, which
+// neither chain touches, and applied by a conditional move as the next
+// step reads each limb (and once more at the end): every limb of both is
+// read whatever the choice.
+void double_steps_adx(Limb *x, const Limb *neg, Limb *d, size_t n, size_t steps) {
+    Limb *xp, *dp;
+    const Limb *gp;
+    size_t c;
+    unsigned char take;
+#define VORP_DOUBLE_LIMB(off)         \
+    "mov " off "(%[xp]), %%rax\n\t"   \
+    "cmovnz " off "(%[dp]), %%rax\n\t" \
+    "adcx %%rax, %%rax\n\t"           \
+    "mov %%rax, " off "(%[xp])\n\t"   \
+    "adox " off "(%[gp]), %%rax\n\t"  \
+    "mov %%rax, " off "(%[dp])\n\t"
+    __asm__ volatile(
+        "xor %%eax, %%eax\n\t"  // ZF set: the first step keeps x
+        "1:\n\t"
+        "mov %[n4], %[c]\n\t"
+        "mov %[x], %[xp]\n\t"
+        "mov %[g], %[gp]\n\t"
+        "mov %[d], %[dp]\n\t"
+        "2:\n\t"
+        VORP_DOUBLE_LIMB("0") VORP_DOUBLE_LIMB("8") VORP_DOUBLE_LIMB("16") VORP_DOUBLE_LIMB("24")
+        "lea 32(%[xp]), %[xp]\n\t"
+        "lea 32(%[gp]), %[gp]\n\t"
+        "lea 32(%[dp]), %[dp]\n\t"
+        "lea -1(%[c]), %[c]\n\t"
+        "jrcxz 3f\n\t"
+        "jmp 2b\n\t"
+        "3:\n\t"
+        "setc %%al\n\t"
+        "seto %%dl\n\t"
+        "or %%dl, %%al\n\t"  // ZF clear when 2x >= m; CF and OF cleared
+        "mov %[steps], %[c]\n\t"
+        "lea -1(%[c]), %[c]\n\t"
+        "mov %[c], %[steps]\n\t"
+        "jrcxz 4f\n\t"
+        "jmp 1b\n\t"
+        "4:\n\t"
+        "setnz %[take]\n\t"
+        : [steps] "+r"(steps), [c] "=&c"(c), [xp] "=&r"(xp), [gp] "=&r"(gp), [dp] "=&r"(dp), [take] "=&q"(take)
+        : [x] "r"(x), [g] "r"(neg), [d] "r"(d), [n4] "r"(n / 4)
+        : "rax", "rdx", "cc", "memory");
+#undef VORP_DOUBLE_LIMB
+    // The last step's choice.
+    masked_select(x, d, Limb(0) - Limb(take), n);
+}
+
+// The same without ADX.
+Limb double_step_portable(Limb *x, const Limb *neg, Limb *diff, size_t n) {
+    Limb top = 0, carry = 0;
+    for (size_t j = 0; j < n; ++j) {
+        const Limb d = x[j] << 1 | top;
+        top = x[j] >> 63;
+        x[j] = d;
+        const u128 s = u128(d) + neg[j] + carry;
+        diff[j] = Limb(s);
+        carry = Limb(s >> 64);
+    }
+    return top | carry;
+}
+
+}  // namespace
+
 Montgomery::Montgomery(Limbs m, bool secret)
     : m_(std::move(m)), n_(m_.size()), adx_(cpu().bmi2 && cpu().adx), scratch_(3 * m_.size() + 2) {
     // Newton's iteration doubles the correct low bits of the inverse; an
@@ -65,25 +143,27 @@ Montgomery::Montgomery(Limbs m, bool secret)
     // R mod m by 64n doublings of 1, each reduced by a masked subtraction;
     // then with 64n = t * 2^k: t more doublings give 2^t * R, and k
     // Montgomery squarings (x -> x^2 / R) take it to 2^(64n) * R = R^2.
-    Limb *tmp = scratch_.data();
-    Limbs x(n_);
+    // The doublings run on n4 limbs, a multiple of 4, zero above m.
+    const size_t n4 = (n_ + 3) / 4 * 4;
+    Limbs x(n4), neg(n4), d(n4);
     x[0] = 1;
-    reduce_once(x.data(), x.data(), 0, m_.data(), n_, tmp);  // m = 1 gives 0
+    reduce_once(x.data(), x.data(), 0, m_.data(), n_, d.data());  // m = 1 gives 0
+    // neg = 2^(64 n4) - m, so that x - m is x + neg, whose carry says x >= m.
+    Limb borrow = 0;
+    for (size_t j = 0; j < n4; ++j) {
+        u128 diff = u128(0) - (j < n_ ? m_[j] : 0) - borrow;
+        neg[j] = Limb(diff);
+        borrow = Limb(diff >> 64) & 1;
+    }
     const size_t total = 64 * n_;
     const size_t k = size_t(__builtin_ctzll(total)), t = total >> k;
-    for (size_t step = 0; step < total + t; ++step) {
-        // x = 2x, and 2x - m beside it; the masks pick one.
-        unsigned char carry = 0, borrow = 0;
-        for (size_t j = 0; j < n_; ++j) {
-            unsigned long long d, diff;
-            carry = _addcarry_u64(carry, x[j], x[j], &d);
-            borrow = _subborrow_u64(borrow, d, m_[j], &diff);
-            x[j] = d;
-            tmp[j] = diff;
-        }
-        const Limb mask = Limb(0) - Limb(carry | (borrow ^ 1));
-        for (size_t j = 0; j < n_; ++j) x[j] = (tmp[j] & mask) | (x[j] & ~mask);
+    if (adx_) {
+        double_steps_adx(x.data(), neg.data(), d.data(), n4, total + t);
+    } else {
+        for (size_t step = 0; step < total + t; ++step)
+            masked_select(x.data(), d.data(), Limb(0) - double_step_portable(x.data(), neg.data(), d.data(), n4), n4);
     }
+    x.resize(n_);
     for (size_t i = 0; i < k; ++i) mul(x.data(), x.data(), x.data());
     rr_ = std::move(x);
 }
