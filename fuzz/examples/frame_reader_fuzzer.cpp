@@ -5,25 +5,22 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
+#include "../fuzz_support.h"
 
 extern "C" {
 #include "framing.h"
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    // What fits in a socket's buffer at once: the reader never waits here.
-    if (size > 80 * 1024) return 0;
+// At most what fits in a socket's buffer at once: the reader never waits here.
+QV_FUZZ_TARGET(80 * 1024) {
     int sv[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return 0;
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
     int sndbuf = 256 * 1024;
     setsockopt(sv[0], SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
     if (size > 0 && write(sv[0], data, size) != static_cast<ssize_t>(size)) {
         close(sv[0]);
         close(sv[1]);
-        return 0;
+        return;
     }
     close(sv[0]);
     size_t consumed = 0;
@@ -42,5 +39,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         free(frame.value);
     }
     close(sv[1]);
-    return 0;
 }

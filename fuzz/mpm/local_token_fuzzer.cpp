@@ -10,14 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
-
+#include "../fuzz_support.h"
 #include "local_mech.h"
 
 namespace {
@@ -29,9 +22,7 @@ struct Established {
     int fd[2] = {-1, -1};
 };
 
-sec_buffer_desc as_buffer(const std::vector<uint8_t> &v) {
-    return sec_buffer_desc{static_cast<qv_int32_t>(v.size()), v.empty() ? nullptr : const_cast<uint8_t *>(v.data())};
-}
+using qvfuzz::view;
 
 // One context pair for the whole run, for the readers of established
 // contexts (nothing random ever passes their checks, so it stays usable).
@@ -72,7 +63,7 @@ void login_token(const std::vector<uint8_t> &in) {
     if ((in[0] & 1) && token.size() >= 5)
         for (int i = 0; i < 4; ++i) token[1 + i] = static_cast<uint8_t>(own >> (24 - 8 * i));
     if (in[0] & 2) token.insert(token.end(), qvlocal::host_name().begin(), qvlocal::host_name().end());
-    sec_buffer_desc id = as_buffer(token);
+    sec_buffer_desc id = view<sec_buffer_desc>(token);
     qv_uint32_t minor = 0;
     qv_uint32_t rc = mpm_login_as_user(&minor, &id, nullptr, 0, g_service);
     qv_uint32_t want = qvlocal::kNotPermitted;
@@ -120,11 +111,11 @@ void name_of_identity(const std::vector<uint8_t> &in) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size == 0) return 0;
+QV_FUZZ_TARGET(SIZE_MAX) {
+    if (size == 0) return;
     Established &p = pair();
-    const std::vector<uint8_t> in(data + 1, data + size);
-    sec_buffer_desc buf = as_buffer(in);
+    std::vector<uint8_t> in(data + 1, data + size);
+    sec_buffer_desc buf = view<sec_buffer_desc>(in);
     qv_uint32_t minor = 0;
     switch (data[0] % 8) {
     case 0: {
@@ -178,5 +169,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         break;
     }
     }
-    return 0;
 }

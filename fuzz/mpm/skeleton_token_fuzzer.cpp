@@ -5,12 +5,7 @@
 // Each reader runs on a context in the state that expects that input, made
 // fresh for the call, so that a reader's refusal is checked too: no input
 // without the key can be a valid reply, proof, seal or signature.
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
+#include "../fuzz_support.h"
 #include "qv_sec_mpm.h"
 
 namespace {
@@ -45,14 +40,14 @@ void exchange(Pair &p, int rounds) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+QV_FUZZ_TARGET(SIZE_MAX) {
     static bool ready = [] {
         setenv("QV_SKELETON_KEY", "fuzzing key", 1);
         mpm_init();
         return true;
     }();
     (void)ready;
-    if (size == 0) return 0;
+    if (size == 0) return;
     std::string bytes(reinterpret_cast<const char *>(data) + 1, size - 1);
     sec_buffer_desc in{static_cast<qv_int32_t>(bytes.size()), bytes.empty() ? nullptr : bytes.data()};
     sec_buffer_desc out{0, nullptr};
@@ -95,5 +90,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     }
     release(out);
-    return 0;
 }

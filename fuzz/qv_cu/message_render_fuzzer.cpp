@@ -2,16 +2,12 @@
 // default text, as cu_get_errmsg_1 does for a record whose catalogue message
 // was translated by someone else. Input: default text, a NUL byte, the
 // catalogue text. Argument values are taken from the input's first bytes.
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <string>
 #include <string_view>
-#include <vector>
 
+#include "../fuzz_support.h"
 #include "cu_internal.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+QV_FUZZ_TARGET(SIZE_MAX) {
     std::string_view input(reinterpret_cast<const char *>(data), size);
     size_t nul = input.find('\0');
     std::string default_text(input.substr(0, nul));
@@ -49,5 +45,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     rec.cu_arg_cnt = uint32_t(args.size());
     rec.cu_args = args.data();
     qvcu::free_record(qvcu::copy_record(&rec));
-    return 0;
 }

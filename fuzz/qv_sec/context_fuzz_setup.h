@@ -8,16 +8,12 @@
 // stops at once rather than run checks that cannot fail.
 #pragma once
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <dlfcn.h>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "../../tests/support/test_mpm_control.h"
+#include "../fuzz_support.h"
 #include "qv_sec_internal.h"
 
 namespace ctxfuzz {
@@ -94,6 +90,16 @@ inline const Setup &fresh_setup() {
     return s;
 }
 
+// sec_start_sec_context on the client's service token with the shared list
+// `list` (NULL: module A's code alone).
+inline qv_int32_t start_client(const Setup &s, sec_buffer_t list, sec_token_t *ctx, sec_buffer_t first) {
+    static const uint8_t a_only[] = {0x81, 1, 0x00, 0x01, 0x00, 0x02};
+    sec_buffer_desc own{sizeof a_only, const_cast<uint8_t *>(a_only)};
+    sec_status_desc st{};
+    char svc[] = "fuzz", host[] = "host";
+    return sec_start_sec_context(&st, s.client_svc, list != nullptr ? list : &own, svc, host, 0, ctx, first);
+}
+
 // A client and a server context that a real one-round exchange over module
 // A established, made once and kept for every input (nothing an input does
 // to them may end them).
@@ -104,16 +110,12 @@ struct ContextPair {
 
 inline const ContextPair &established_pair() {
     static ContextPair c = [] {
-        const Setup &s = setup();
+        const Setup &s = fresh_setup();
         ContextPair r;
-        s.reset_module();
         if (qvtest_mpm_behaviour_t *b = s.behaviour(QVTEST_MPM_START_SEC_CONTEXT)) b->continue_rounds = 1;
-        static const uint8_t list_bytes[] = {0x81, 1, 0x00, 0x01, 0x00, 0x02};
-        sec_buffer_desc list{sizeof list_bytes, const_cast<uint8_t *>(list_bytes)};
         sec_status_desc st{};
         sec_buffer_desc first{0, nullptr}, answer{0, nullptr}, last{0, nullptr};
-        char svc[] = "fuzz", host[] = "host";
-        if (sec_start_sec_context(&st, s.client_svc, &list, svc, host, 0, &r.client, &first) != 1 ||
+        if (start_client(s, nullptr, &r.client, &first) != 1 ||
             sec_receive_sec_context(&st, s.server_svc, &first, &r.server, &answer) != 0 ||
             sec_complete_sec_context(&st, &answer, &r.client, &last) != 0) {
             std::fprintf(stderr, "no context pair over the test module\n");

@@ -4,11 +4,7 @@
 // registered with the value in QV_TRACE gets, in each category, its default
 // raised to its minimum and then every matching setting in order, never
 // below the minimum.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
+#include "../fuzz_support.h"
 #include "internal.h"
 #include "qv_tr.h"
 
@@ -18,8 +14,7 @@ bool matches(const std::string &pattern, const char *name) { return pattern == "
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size > 4096) return 0;
+QV_FUZZ_TARGET(4096) {
     std::string text(reinterpret_cast<const char *>(data), strnlen(reinterpret_cast<const char *>(data), size));
     qvtr::ParsedSettings parsed = qvtr::parse_level_settings(text);
 
@@ -53,5 +48,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (levels[3] != 0xee) __builtin_trap();  // no category 3: left alone
     if (tr_unregister_component_1("_FZZ") != TR_OK) __builtin_trap();
     unsetenv("QV_TRACE");
-    return 0;
 }

@@ -2,11 +2,7 @@
 // crashing, the reader must find the same things whether it gets the file at
 // once or in two pieces, and every record it accepts must encode back to
 // exactly the bytes it came from.
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
-
+#include "../fuzz_support.h"
 #include "record_printer.h"
 #include "trace_format.h"
 
@@ -49,11 +45,10 @@ std::vector<std::string> read_events(std::span<const uint8_t> data, size_t split
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
-    std::span<const uint8_t> data(bytes, size);
-    std::vector<std::string> whole = read_events(data, size);
-    size_t split = size == 0 ? 0 : (size_t(bytes[0]) * 131 + size / 2) % (size + 1);
-    if (read_events(data, split) != whole)
+QV_FUZZ_TARGET(SIZE_MAX) {
+    std::span<const uint8_t> bytes(data, size);
+    std::vector<std::string> whole = read_events(bytes, size);
+    size_t split = size == 0 ? 0 : (size_t(data[0]) * 131 + size / 2) % (size + 1);
+    if (read_events(bytes, split) != whole)
         std::abort();
-    return 0;
 }

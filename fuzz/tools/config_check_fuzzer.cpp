@@ -2,18 +2,14 @@
 // (compiled in with the subcommand's source) and the library's own record
 // reader and parser. The two must agree line by line: every line the library
 // refuses gets a reason, and no line it accepts is called wrong.
-#include <cstdint>
-#include <cstdio>
-#include <string>
-
 #include "../../tools/qvsec/config_command.cpp"
+#include "../fuzz_support.h"
 
 // The subcommand's error text comes from main.cpp, which is not built here.
 std::string current_error_message() { return {}; }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+QV_FUZZ_TARGET(1 << 16) {
     static FILE *quiet = std::fopen("/dev/null", "w");  // the warnings of check_accepted
-    if (size > 1 << 16) return 0;
     std::string text(reinterpret_cast<const char *>(data), size);
     text.resize(text.find('\0') == std::string::npos ? size : text.find('\0'));  // the library's C string
     Findings f(quiet);
@@ -28,5 +24,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         check_accepted(f, "fuzz", line.text, Record{line.number, rec->priority, rec->code, rec->name, rec->path});
         sec__free_config_recs(rec);
     }
-    return 0;
 }

@@ -4,12 +4,7 @@
 //  - text and data round trips give back the same number;
 //  - a = q * b + r with |r| < |b| and r carrying a's sign (or zero);
 //  - n * inverse(n) mod |b| is 1 whenever an inverse is returned.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
-
+#include "../fuzz_support.h"
 #include "vorpkit.h"
 
 namespace {
@@ -82,8 +77,8 @@ void inverse(bignum_tc n, bignum_tc m) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size < 1 || size > 4096) return 0;
+QV_FUZZ_TARGET(4096) {
+    if (size < 1) return;
     const int radix = 2 + data[0] % 15;
     const qv_int32_t signum = qv_int32_t(data[0] % 3) - 1;
     ++data;
@@ -96,5 +91,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(bn_fromData(0, data, qv_int32_t(split), &a.p) && bn_fromData(0, data + split, qv_int32_t(size - split), &b.p));
     division(a.p, b.p);
     inverse(a.p, b.p);
-    return 0;
 }

@@ -10,11 +10,7 @@
 //  - Vorp_dh: pub^priv mod p.
 // Records that no key can have (an even modulus, a bad type or format) must
 // fail with their error code and leave the output alone.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <vector>
-
+#include "../fuzz_support.h"
 #include "cpu_features.h"
 #include "vorpkit.h"
 
@@ -168,8 +164,8 @@ void dh(Input &in, uint8_t format) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size < 1 || size > 2048) return 0;
+QV_FUZZ_TARGET(2048) {
+    if (size < 1) return;
     const uint8_t choice = data[0];
     Input in{data + 1, size - 1};
     vorp::force_portable(choice & 0x80);
@@ -183,5 +179,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     case 6: dh(in, '2'); break;
     default: dh(in, uint8_t('0' + (choice >> 4) % 8)); break;
     }
-    return 0;
 }

@@ -172,6 +172,7 @@ TEST(MessageFormat, HostileCatalogueTexts) {
         {"%3$d and %5$s", "-1 and %5$s"},         // beyond the arguments: as written
         {"%0$d|%1$|%", "%0$d|%1$|%"},
         {"%1$s", "7"},                            // an int printed by its own type
+        {"%1$05s", "    7"},                      // ... with the width, but none of the flags
         {"%2$d|%2$-6d|", "abc|abc   |"},          // a string by its own type
         {"%1$f %1$p", "7 7"},
         {"%2$p", "abc"},

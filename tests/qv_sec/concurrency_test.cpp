@@ -413,6 +413,26 @@ TEST_F(ContextFixture, ImposedMechanismsStaySetWhileBeingSet) {
     EXPECT_EQ(wrong_offers.load(), 0);
 }
 
+// Additions made at the same moment all survive: each thread's code ends up
+// in the variable, whichever thread read it first.
+TEST_F(ContextFixture, SimultaneousAdditionsAllSurvive) {
+    View a(mech_list({kCodeA})), b(mech_list({kCodeB}));
+    for (int round = 0; round < 500; ++round) {
+        unsetenv("QV_SEC_IMP_MECHS");
+        std::atomic<int> ready{0};
+        auto add = [&ready](View &l) {
+            for (++ready; ready < 2;) {
+            }
+            sec_add_imposed_mechs(l.get());
+        };
+        std::thread ta(add, std::ref(a)), tb(add, std::ref(b));
+        ta.join();
+        tb.join();
+        const std::string v = getenv("QV_SEC_IMP_MECHS") ? getenv("QV_SEC_IMP_MECHS") : "";
+        ASSERT_TRUE(v == "qvtest qvtest2" || v == "qvtest2 qvtest") << "round " << round << ": " << v;
+    }
+}
+
 // Chosen before the first trace record.
 [[maybe_unused]] const std::string kTraceFile = qvtest::trace_file_of_process("concurrency");
 

@@ -43,6 +43,10 @@ protected:
     }
 };
 
+// A refusal has one row per rule here; more lines that one rule refuses
+// (bad octal, a number out of range, punctuation first, a path last on its
+// line) are the configuration-check fuzzer's seeds, where the library must
+// refuse exactly the lines that the tool's own diagnosis finds wrong.
 TEST_F(ConfigReader, AcceptsAndRejects) {
     struct Case {
         const char *what;
@@ -65,13 +69,9 @@ TEST_F(ConfigReader, AcceptsAndRejects) {
         {"number truncated to 32 bits", "1 a 0x1ffffffff /a i\n", 0, -1, {{1, "a", 0xffffffff, "/a", 1}}},
         {"empty file", "", 21, MSG_2650_019, {}},
         {"only white space", " \n\t\n", 21, MSG_2650_019, {}},
-        {"path last on its line", "1 a 1 /a.so\n2 b 2 /b.so i\n", 21, MSG_2650_019, {}},
         {"path last in the file", "1 a 1 /a.so", 21, MSG_2650_019, {}},
-        {"priority 08 is bad octal", "08 a 1 /a i\n", 21, MSG_2650_019, {}},
         {"mnemonic must start with a letter", "1 9a 1 /a i\n", 21, MSG_2650_019, {}},
         {"code not a number", "1 a x1 /a i\n", 21, MSG_2650_019, {}},
-        {"code out of range", "1 a 0x1ffffffffffffffff /a i\n", 21, MSG_2650_019, {}},
-        {"record starts with punctuation", "-1 a 1 /a i\n", 21, MSG_2650_019, {}},
         {"bad record after good one", "1 a 1 /a i\n!\n", 21, MSG_2650_019, {}},
         {"three fields", "1 a 1 \n", 21, MSG_2650_019, {}},
         {"same code 0x1 and 01", "1 a 0x1 /a i\n2 b 01 /b i\n", 21, MSG_2650_085, {}, "b,1,a,1"},

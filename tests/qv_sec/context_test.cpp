@@ -1043,9 +1043,11 @@ TEST_F(ApiTrace, BuffersAndOtherRoutines) {
     EXPECT_EQ(sec_create_id_context(&st, server_svc_, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP, ex_.server_ctx, &id), 0);
     View user(Bytes{SEC_BUF_TYPED_ID, 2} + be32(kCodeA) + text("alice"));
     EXPECT_EQ(sec_login_as_user(&st, client_svc_, user.get(), nullptr, 0), 0);
+    sec_token_t none = nullptr;
+    EXPECT_EQ(sec_setup_socket(client_svc_, -1, SEC_F_LOCAL_SOCKET, nullptr, &none), 10);
     sec__trace_detail_levels[SEC_TRC_API] = 0;
     EXPECT_EQ(sec_end_context(&st, id, nullptr), 0);
-    EXPECT_EQ(library_record_ids(from), (Ids{45, 47, 155, 157, 110, 112}));
+    EXPECT_EQ(library_record_ids(from), (Ids{45, 47, 155, 157, 110, 112, 23, 26}));
 }
 
 // The privilege set an identity context takes from a security context is

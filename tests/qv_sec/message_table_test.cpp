@@ -88,22 +88,6 @@ TEST(MessageTable, EveryMessageFormatsCompletely) {
     }
 }
 
-TEST(MessageTable, OddConversionsRenderAsIntended) {
-    EXPECT_EQ(SampleRecord(MSG_2650_999).render(),
-              "2650-999 An error occurred in the MPM layer: 0x0000a1 0x0000a2 0x0000a3 str4.");
-    EXPECT_EQ(SampleRecord(MSG_2650_087).render(),
-              "2650-087 libqv_sec: Identity context error: sec_create_id_context()\n"
-              "is unable to generate an identity context token from the CIDB provided.\n"
-              "The CIDB contains an identity that is usable only on the host where the\n"
-              "CIDB was created and is ambiguous on the current host.\n"
-              "Please ensure that the CIDB contains a network identity that is not\n"
-              "ambiguous.\nMechanism code: 0x000000a1\n"
-              "QUOR node ID (of host where CIDB was created): 0123456789abcdef\n");
-    EXPECT_EQ(SampleRecord(MSG_2650_001).render(),
-              "2650-001 An error occurred in the MPM layer.\n\tmechanism code: 0xa1\n\troutine name: str2\n"
-              "\tmajor status: 0xa3\n\tminor status: 0xa4\n");
-}
-
 TEST(MessageTable, ReportedThroughTheLibrary) {
     sec_report(SEC_S_INTERNAL, MSG_2650_034, "alpha", 5, "beta");
     EXPECT_EQ(last_error_text(),

@@ -424,6 +424,10 @@ std::vector<unsigned char> typed_id(unsigned char type, unsigned char version, q
     return b;
 }
 
+// The header's checks (type, version 1 or 2, length, known code) and the
+// body the module gets are also the typed-id fuzzer's model over its seeds;
+// here one row per outcome, the arguments passed on, and what the fuzzer
+// cannot give (no value, a negative length, a module that does not start).
 TEST_F(ServiceLogin, UserLogin) {
     sec_svc_token_t svc = start();
     auto good = typed_id(0x83, 2, kCode2, std::string("alice\0pw", 8));
@@ -439,16 +443,10 @@ TEST_F(ServiceLogin, UserLogin) {
         {"empty buffer", good, 0, false, -1, 7, MSG_2650_005},
         {"no bytes", good, -1, true, -1, 7, MSG_2650_005},
         {"negative length", good, -4, false, -1, 7, MSG_2650_005},
-        {"shorter than its header", good, 5, false, -1, 7, MSG_2650_005},
-        {"not a typed id", typed_id(0x82, 2, kCode2, "alice"), -1, false, -1, 7, MSG_2650_005},
-        {"version 0", typed_id(0x83, 0, kCode2, "alice"), -1, false, -1, 7, MSG_2650_005},
-        {"version 3", typed_id(0x83, 3, kCode2, "alice"), -1, false, -1, 7, MSG_2650_005},
         {"unknown mechanism", typed_id(0x83, 2, 0x999, "alice"), -1, false, -1, 8, MSG_2650_006},
         {"start fails", good, -1, false, QVTEST_MPM_START, 3, -1},
-        {"version 1", typed_id(0x83, 1, kCode2, std::string("alice\0pw", 8)), -1, false, -1, 0, -1},
         {"login fails", good, -1, false, QVTEST_MPM_LOGIN_AS_USER, 3, -1},
         {"version 2", good, -1, false, -1, 0, -1},
-        {"only a header: no bytes for the module", typed_id(0x83, 2, kCode2, ""), -1, false, -1, 0, -1},
     };
     int authenticator = 0;
     for (Case &c : cases) {

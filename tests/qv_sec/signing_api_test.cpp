@@ -78,7 +78,10 @@ TEST_F(Signing, ClientSignsAndServerVerifies) {
     EXPECT_TRUE(back.empty());
 }
 
-// Each row changes the signature or the data and verifies on the server.
+// Each row changes the signature or the data and verifies on the server:
+// one row per outcome and per check of the library's (what the module makes
+// of other bytes is the test module's business, and arbitrary signatures
+// are the verify-signature fuzzer's).
 TEST_F(Signing, Verification) {
     const Bytes body = module_signature(parts_);
     struct Case {
@@ -90,24 +93,14 @@ TEST_F(Signing, Verification) {
     } cases[] = {
         {"a byte of the data", [](Bytes &, std::vector<Bytes> &p) { p[2][0] ^= 1; }, SEC_S_BAD_SIGNATURE, -1, true},
         {"an element dropped", [](Bytes &, std::vector<Bytes> &p) { p.pop_back(); }, SEC_S_BAD_SIGNATURE, -1, true},
-        {"a byte of the signature", [](Bytes &s, std::vector<Bytes> &) { s.back() ^= 0x80; }, SEC_S_BAD_SIGNATURE,
-         -1, true},
-        {"the signature cut short", [](Bytes &s, std::vector<Bytes> &) { s.pop_back(); }, SEC_S_BAD_SIGNATURE, -1,
-         true},
         {"nothing behind the header", [](Bytes &s, std::vector<Bytes> &) { s.resize(6); }, SEC_S_BAD_SIGNATURE, -1,
          true},
-        // The module signs the bytes in order, not where they sit.
-        {"bytes moved between elements", [](Bytes &, std::vector<Bytes> &p) { p[1] = std::exchange(p[0], Bytes{}); },
-         0, -1, true},
         {"any version byte", [](Bytes &s, std::vector<Bytes> &) { s[1] = 0x7f; }, 0, -1, true},
         {"another mechanism", [&](Bytes &s, std::vector<Bytes> &) { s = seal_header(kCodeB) + body; },
          SEC_S_BAD_MECHANISM, MSG_2650_028, false},
-        {"mechanism 0", [&](Bytes &s, std::vector<Bytes> &) { s = seal_header(0) + body; }, SEC_S_BAD_MECHANISM,
-         MSG_2650_028, false},
         {"not a seal buffer", [&](Bytes &s, std::vector<Bytes> &) { s[0] = SEC_BUF_CCDB; }, SEC_S_BAD_BUFFER,
          MSG_2650_005, false},
         {"short header", [](Bytes &s, std::vector<Bytes> &) { s.resize(5); }, SEC_S_BAD_BUFFER, MSG_2650_005, false},
-        {"type byte only", [](Bytes &s, std::vector<Bytes> &) { s.resize(1); }, SEC_S_BAD_BUFFER, MSG_2650_005, false},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
