@@ -1,0 +1,3 @@
+#include "host_trust.h"
+
+namespace qvhost {}
