@@ -20,9 +20,9 @@
 #include <cerrno>
 #include <memory>
 
-#include "local_mech.h"
+#include "mech_common.h"
 
-namespace qvlocal {
+namespace qvmech {
 namespace {
 
 // A services file is a handful of lines; anything larger is not one.
@@ -120,4 +120,4 @@ Status service_user_allowed(const char *file, std::string_view target, uint32_t 
     return kServiceNotAllowed;
 }
 
-}  // namespace qvlocal
+}  // namespace qvmech
