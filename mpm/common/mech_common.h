@@ -5,6 +5,7 @@
 // texts; each README documents its module's routines, formats and statuses.
 #pragma once
 
+#include <pthread.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <cerrno>
 #include <new>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <span>
 #include <string>
@@ -182,6 +184,12 @@ bool parse_services(std::string_view text, std::string_view service, std::vector
 // kMinorUserNotAllowed or kMinorServicesFileUnusable in *minor otherwise.
 Status service_user_allowed(const char *file, std::string_view target, uint32_t service_uid, uint32_t client_uid,
                             qv_uint32_t *minor);
+// The same rule by user name, for a service user of another host: kOk for
+// uid 0, a user listed for the target's service, or, when none is listed,
+// the user of the service's name.
+Status service_name_allowed(const char *file, std::string_view target, uint32_t service_uid,
+                            std::string_view service_user, qv_uint32_t *minor);
+
 
 // ---- Handles ----
 inline constexpr uint32_t kServiceMagic = 0x4c53564dU;  // "LSVM"
@@ -192,6 +200,7 @@ struct Service {
     qv_uint32_t flags = 0;
     std::mutex lock;  // guards name
     std::string name;  // from mpm_login_as_service; empty: not logged in
+    std::shared_ptr<const void> module_state;  // what the module's start_service keeps
     ~Service() { magic = 0; }
 };
 
@@ -231,12 +240,16 @@ struct Context {
     std::string peer_service;  // client side: the name the service logged in with
     std::string target_host;   // "host", client side: the host it asked for
     int64_t expiry = 0;  // UNIX time the peer's credentials end; 0: never
+    std::shared_ptr<const void> module_state;  // the module's, from the service handle
     SessionKeys keys;
     uint64_t seal_tx = 0, seal_rx = 0, sign_tx = 0, sign_rx = 0;
     ~Context() { magic = 0; }
 };
 
 Service *as_service(void *p);
+// Each module's own part of mpm_start: whatever the service handle needs
+// beyond the shared fields (local: nothing).
+Status start_service(Service &svc, qv_uint32_t *minor);
 Context *as_context(void *p);
 
 // Host name and user lookups.
@@ -264,6 +277,19 @@ qv_uint32_t guarded(qv_uint32_t *min_stat, F &&body) {
 }
 
 bool crypto_ready();
+
+// close is a cancellation point: the destructor may run while a
+// cancellation unwinds the thread, so it keeps cancellation off meanwhile.
+struct FdCloser {
+    int fd;
+    ~FdCloser() {
+        if (fd < 0) return;
+        int old;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
+        close(fd);
+        pthread_setcancelstate(old, &old);
+    }
+};
 
 // ---- Shared routine bodies ----
 // The peer behind an established or identity context, when it is known.

@@ -34,11 +34,12 @@ qv_int32_t remaining_lifetime(int64_t expiry) {
 
 
 extern "C" qv_uint32_t mpm_start(qv_uint32_t *min_stat, qv_uint32_t flags, void **token) {
-    return guarded(min_stat, [&](qv_uint32_t *) -> qv_uint32_t {
+    return guarded(min_stat, [&](qv_uint32_t *minor) -> qv_uint32_t {
         if (token == nullptr) return kBadArgument;
         if (!crypto_ready()) return kCryptoUnavailable;
         auto svc = std::make_unique<Service>();
         svc->flags = flags;
+        if (Status s = start_service(*svc, minor); s != kOk) return s;
         *token = svc.release();
         return kOk;
     });
