@@ -108,7 +108,10 @@ std::vector<std::uint8_t> sign_assertion(const Assertion &a, const HostKey &key)
 enum class AssertionCheck { kOk, kMalformed, kUntrusted, kBadSignature, kNotYetValid, kExpired };
 // Parses exactly one assertion from the front of `bytes` (sets *consumed), checks the
 // signature with the key trusted for a.host (by key id) at `now`, and the validity window
-// widened by `skew` seconds on both ends. Never reads past `bytes`.
+// widened by `skew` seconds on both ends. Never reads past `bytes`. `out` and
+// *consumed are set once the signature is good (kOk, kNotYetValid, kExpired);
+// otherwise *consumed is 0 and `out` unchanged. The lookup of the key uses
+// `now` without skew: a key whose overlap ended is refused at once.
 AssertionCheck check_assertion(std::span<const std::uint8_t> bytes, const TrustedHosts &trusted,
                                std::int64_t now, std::int64_t skew, Assertion &out,
                                std::size_t *consumed);
