@@ -9,15 +9,14 @@
 //   timeout-ms  5000                      deadline of one daemon request
 //   replay-cache-max 1000000              client assertions remembered at most
 //   same-users  node2 node3               hosts whose user names are this host's
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
 
+#include "host_files.h"
 #include "host_mech.h"
 
 namespace qvhostmech {
@@ -110,35 +109,21 @@ bool load_host_config(HostConfig &out, std::string &why, int *code) {
     const bool chosen = env != nullptr && env[0] != '\0';
     const std::string path = chosen ? env : kDefaultConfigFile;
     *code = 0;
-    FdCloser f{open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY)};
-    if (f.fd < 0) {
-        if (errno == ENOENT && !chosen) {
-            out = HostConfig{};
-            return true;
-        }
-        *code = errno;
-        why = path + ": cannot open";
-        return false;
+    struct stat st {};
+    // Without the default file the module runs with the defaults; a file
+    // named in the environment must be there.
+    if (!chosen && lstat(path.c_str(), &st) != 0 && errno == ENOENT) {
+        out = HostConfig{};
+        return true;
     }
     std::string text;
-    struct stat st {};
-    bool ok = fstat(f.fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
-              static_cast<size_t>(st.st_size) <= kMaxConfigFile;
-    if (!ok) why = path + ": not a regular file of at most 64 KiB that only its owner may write";
-    char buf[4096];
-    while (ok) {
-        ssize_t n = read(f.fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n < 0) *code = errno, ok = false, why = path + ": read failed";
-            break;
-        }
-        text.append(buf, static_cast<size_t>(n));
-        if (text.size() > kMaxConfigFile) ok = false, why = path + ": larger than 64 KiB";
+    if (!qvhost::read_checked_file(path, kMaxConfigFile, S_IWGRP | S_IWOTH, "module configuration", text, why)) {
+        *code = EACCES;
+        return false;
     }
-    if (!ok) return false;
     if (!parse_host_config(text, out, why)) {
         why = path + ": " + why;
+        *code = EINVAL;
         return false;
     }
     return true;

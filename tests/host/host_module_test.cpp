@@ -1,0 +1,397 @@
+// The "host" module across simulated hosts: each host has its own node ID
+// file, host key, trusted-hosts file, module configuration and running
+// qvsec-hostd; services run in child processes (a host's configuration per
+// process, as on real hosts), clients in the test process. Success both
+// ways, then one table of attacks on the service side and on the client
+// side, each followed by the same service still serving a genuine client.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <memory>
+
+#include "child_process.h"
+#include "host_mech.h"
+#include "test_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using namespace qvhostmech;
+
+std::int64_t now() { return static_cast<std::int64_t>(time(nullptr)); }
+
+void put_frame(int fd, const Bytes &b) {
+    uint32_t n = static_cast<uint32_t>(b.size());
+    ASSERT_EQ(write(fd, &n, 4), 4);
+    if (n > 0) ASSERT_EQ(write(fd, b.data(), n), static_cast<ssize_t>(n));
+}
+
+bool get_frame(int fd, Bytes &b) {
+    uint32_t n = 0;
+    if (read(fd, &n, 4) != 4 || n > (1u << 20)) return false;
+    b.resize(n);
+    size_t got = 0;
+    while (got < n) {
+        ssize_t r = read(fd, b.data() + got, n - got);
+        if (r <= 0) return false;
+        got += static_cast<size_t>(r);
+    }
+    return true;
+}
+
+Bytes take(sec_buffer_desc &b) {
+    Bytes out(static_cast<const uint8_t *>(b.value), static_cast<const uint8_t *>(b.value) + (b.value ? b.length : 0));
+    qv_uint32_t minor;
+    mpm_release_buffer(&minor, &b);
+    return out;
+}
+
+sec_buffer_desc view(const Bytes &b) {
+    return {static_cast<qv_int32_t>(b.size()), b.empty() ? nullptr : const_cast<uint8_t *>(b.data())};
+}
+
+std::string client_name(void *ctx) {
+    char name[512];
+    qv_int32_t len = sizeof name;
+    qv_uint32_t minor;
+    return mpm_get_client_name(&minor, ctx, &len, name) == 0 ? std::string(name) : "?";
+}
+
+struct Host {
+    std::string name, dir;
+    uint64_t node = 0;
+    std::unique_ptr<qvhost::HostKey> key = std::make_unique<qvhost::HostKey>();
+    pid_t daemon = -1;
+    std::string file(const char *f) const { return dir + "/" + f; }
+};
+
+// One host's files and daemon; trusted lists the hosts (and keys) it trusts.
+void set_up_host(Host &h, const qvtest::TempDir &tmp, const std::string &name, uint64_t node) {
+    h.name = name;
+    h.node = node;
+    h.dir = tmp.path() + "/" + name;
+    ASSERT_EQ(mkdir(h.dir.c_str(), 0755), 0);
+    qvhost::generate_host_key(*h.key);
+    std::string why;
+    ASSERT_TRUE(qvhost::write_file_atomically(h.file("key"), qvhost::encode_host_key(*h.key), 0600, why)) << why;
+    char id[17];
+    std::snprintf(id, sizeof id, "%016llx", static_cast<unsigned long long>(node));
+    tmp.write(name + "/node_id", std::string(id) + "\n");
+    tmp.write(name + "/host.conf", "socket " + h.file("hostd.sock") + "\ntrusted " + h.file("trusted") +
+                                       "\nservices " + h.file("services") + "\nhost " + name +
+                                       "\nskew 2\nlifetime 60\ntimeout-ms 5000\nsame-users hosta hostb\n");
+}
+
+std::string trusted_line(const Host &h, const qvhost::HostKey &key, std::optional<std::int64_t> until = {}) {
+    return qvhost::format_trusted_line(qvhost::TrustedKey{h.name, h.node, key.public_key, until}) + "\n";
+}
+
+void write_trusted(const Host &h, const std::string &text) {
+    std::string why;
+    ASSERT_TRUE(qvhost::write_file_atomically(h.file("trusted"), text, 0644, why)) << why;
+}
+
+void start_daemon(Host &h) {
+    h.daemon = fork();
+    ASSERT_GE(h.daemon, 0);
+    if (h.daemon == 0) {
+        setenv("QV_NODE_ID_FILE", h.file("node_id").c_str(), 1);
+        execl(QV_HOSTD, "qvsec-hostd", "--socket", h.file("hostd.sock").c_str(), "--key", h.file("key").c_str(),
+              "--trusted", h.file("trusted").c_str(), "--host-name", h.name.c_str(), "--max-lifetime", "60",
+              static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    struct stat st;
+    ASSERT_TRUE(qvtest::wait_until([&] { return stat(h.file("hostd.sock").c_str(), &st) == 0; }));
+}
+
+// A service process of host h logged in as name: per client token it
+// answers status, minor, reply and the client's network name; after a
+// success it unseals one message and seals "re:" and the message back.
+struct Service {
+    pid_t pid = -1;
+    int fd = -1;
+};
+
+Service start_service(const Host &h, const std::string &name) {
+    int sv[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    Service s{fork(), sv[0]};
+    if (s.pid != 0) {
+        close(sv[1]);
+        return s;
+    }
+    close(sv[0]);
+    setenv("QVSEC_HOST_CONF", h.file("host.conf").c_str(), 1);
+    qv_uint32_t minor = 0;
+    void *svc = nullptr;
+    mpm_init();
+    if (mpm_start(&minor, 0, &svc) != 0 || mpm_login_as_service(&minor, const_cast<char *>(name.c_str()), svc) != 0)
+        _exit(3);
+    Bytes token;
+    while (get_frame(sv[1], token) && !token.empty()) {
+        void *ctx = nullptr;
+        sec_buffer_desc in = view(token), reply{0, nullptr};
+        qv_uint32_t rflags = 0, st = mpm_receive_sec_context(&minor, svc, &in, &ctx, &reply, &rflags);
+        Bytes r = take(reply);
+        std::string who = st == 0 ? client_name(ctx) : "";
+        put_frame(sv[1], Bytes{static_cast<uint8_t>(st), static_cast<uint8_t>(minor)});
+        put_frame(sv[1], r);
+        put_frame(sv[1], Bytes(who.begin(), who.end()));
+        if (st != 0) continue;
+        Bytes sealed;
+        if (!get_frame(sv[1], sealed)) break;
+        sec_buffer_desc sin = view(sealed), plain{0, nullptr}, out{0, nullptr};
+        Bytes answer{'r', 'e', ':'};
+        if (mpm_process_data(&minor, ctx, &sin, &plain) == 0) {
+            Bytes p = take(plain);
+            answer.insert(answer.end(), p.begin(), p.end());
+        }
+        sec_buffer_desc ain = view(answer);
+        mpm_prepare_data(&minor, ctx, kProtectConfidentiality, &ain, &out);
+        put_frame(sv[1], take(out));
+        mpm_end_context(&minor, ctx);
+    }
+    _exit(0);
+}
+
+// A client service handle with host h's configuration.
+void *client_handle(const Host &h) {
+    setenv("QVSEC_HOST_CONF", h.file("host.conf").c_str(), 1);
+    qv_uint32_t minor;
+    void *svc = nullptr;
+    EXPECT_EQ(mpm_start(&minor, 0, &svc), 0u);
+    unsetenv("QVSEC_HOST_CONF");
+    return svc;
+}
+
+struct Outcome {
+    qv_uint32_t service = 99, service_minor = 0, client = 99, client_minor = 0;
+    std::string client_seen, service_seen, echo;
+};
+
+// One exchange: the client's token (changed by tamper) to service s, the
+// reply (changed by tamper_reply) back, then one sealed round trip.
+Outcome exchange(void *csvc, const Service &s, const char *target, const char *host,
+                 const std::function<void(Bytes &)> &tamper = {}, const std::function<void(Bytes &)> &tamper_reply = {},
+                 Bytes *first_token = nullptr) {
+    Outcome o;
+    qv_uint32_t minor = 0;
+    void *ctx = nullptr;
+    sec_buffer_desc out{0, nullptr}, none{0, nullptr};
+    if ((o.client = mpm_start_sec_context(&minor, csvc, const_cast<char *>(target), const_cast<char *>(host),
+                                          kRequireMutual, &ctx, &out)) != kContinue)
+        return o;
+    Bytes token = take(out);
+    if (tamper) tamper(token);
+    if (first_token != nullptr) *first_token = token;
+    put_frame(s.fd, token);
+    Bytes status, reply, who;
+    if (!get_frame(s.fd, status) || !get_frame(s.fd, reply) || !get_frame(s.fd, who)) return o;
+    o.service = status.at(0);
+    o.service_minor = status.at(1);
+    o.client_seen.assign(who.begin(), who.end());
+    if (tamper_reply) tamper_reply(reply);
+    if (o.service == 0) {
+        sec_buffer_desc rin = view(reply);
+        o.client = mpm_complete_sec_context(&o.client_minor, &rin, ctx, &none);
+        Bytes hello{'h', 'i'};
+        sec_buffer_desc hin = view(hello), sealed{0, nullptr};
+        if (o.client == 0) {
+            o.service_seen = client_name(ctx);
+            mpm_prepare_data(&minor, ctx, kProtectConfidentiality, &hin, &sealed);
+        }
+        put_frame(s.fd, take(sealed));
+        Bytes back;
+        if (get_frame(s.fd, back) && o.client == 0) {
+            sec_buffer_desc bin = view(back), plain{0, nullptr};
+            if (mpm_process_data(&minor, ctx, &bin, &plain) == 0) {
+                Bytes p = take(plain);
+                o.echo.assign(p.begin(), p.end());
+            }
+        }
+    }
+    mpm_end_context(&minor, ctx);
+    return o;
+}
+
+class HostModule : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mpm_init();
+        set_up_host(a_, tmp_, "hosta", 0xa1a1a1a1a1a1a1a1ULL);
+        set_up_host(b_, tmp_, "hostb", 0xb2b2b2b2b2b2b2b2ULL);
+        set_up_host(c_, tmp_, "hostc", 0xc3c3c3c3c3c3c3c3ULL);  // nobody trusts it
+        write_trusted(a_, trusted_line(b_, *b_.key));
+        write_trusted(b_, trusted_line(a_, *a_.key));
+        write_trusted(c_, trusted_line(b_, *b_.key));
+        for (Host *h : {&a_, &b_, &c_}) start_daemon(*h);
+    }
+    void TearDown() override {
+        for (Service *s : {&svc_, &other_})
+            if (s->pid > 0) {
+                put_frame(s->fd, {});
+                close(s->fd);
+                EXPECT_EQ(qvtest::wait_bounded(s->pid), 0);
+            }
+        for (Host *h : {&a_, &b_, &c_})
+            if (h->daemon > 0) {
+                kill(h->daemon, SIGTERM);
+                qvtest::wait_bounded(h->daemon);
+            }
+    }
+    qvtest::TempDir tmp_;
+    Host a_, b_, c_;
+    Service svc_, other_;
+};
+
+TEST_F(HostModule, MutualAuthenticationAndSealedDataBothWays) {
+    svc_ = start_service(b_, "svc");
+    other_ = start_service(a_, "svc");  // the same name on the other host
+    void *from_a = client_handle(a_), *from_b = client_handle(b_);
+    Outcome ab = exchange(from_a, svc_, "svc", "hostb");
+    EXPECT_EQ(ab.service, 0u) << ab.service_minor;
+    EXPECT_EQ(ab.client, 0u) << ab.client_minor;
+    EXPECT_EQ(ab.client_seen, "root@hosta");
+    EXPECT_EQ(ab.service_seen, "root@hostb");
+    EXPECT_EQ(ab.echo, "re:hi");
+    Outcome ba = exchange(from_b, other_, "svc@hosta", nullptr);
+    EXPECT_EQ(ba.client, 0u) << ba.client_minor;
+    EXPECT_EQ(ba.client_seen, "root@hostb");
+    EXPECT_EQ(ba.echo, "re:hi");
+}
+
+TEST_F(HostModule, RefusalsLeaveTheServiceServing) {
+    svc_ = start_service(b_, "svc");
+    other_ = start_service(b_, "other");
+    void *from_a = client_handle(a_), *from_c = client_handle(c_);
+    qvhost::TrustedHosts b_trusts;
+    std::string why;
+    ASSERT_TRUE(qvhost::parse_trusted_hosts(trusted_line(a_, *a_.key), b_trusts, why)) << why;
+    // A client assertion of host A changed by change and signed with key:
+    // what A's root could make (with A's key) or anyone (with another).
+    auto forged = [&](std::function<void(qvhost::Assertion &)> change, const qvhost::HostKey *key = nullptr) {
+        return [&, change, key](Bytes &token) {
+            ClientToken t;
+            qv_uint32_t minor;
+            ASSERT_EQ(read_client_token(token, t, &minor), kOk);
+            qvhost::Assertion a;
+            ASSERT_EQ(check_peer_assertion(t.assertion, b_trusts, now(), 0, a, &minor), kOk);
+            change(a);
+            token = write_client_token(t.flags, qvhost::sign_assertion(a, key ? *key : *a_.key));
+        };
+    };
+    qvhost::HostKey rotated;
+    qvhost::generate_host_key(rotated);
+    Bytes replayed;
+    ASSERT_EQ(exchange(from_a, svc_, "svc", "hostb", {}, {}, &replayed).client, 0u);
+    struct Row {
+        const char *what;
+        std::function<Outcome()> run;
+        qv_uint32_t service, minor, client;
+    };
+    const Row rows[] = {
+        {"client of an untrusted host", [&] { return exchange(from_c, svc_, "svc", "hostb"); }, kUntrusted,
+         kCheckUntrusted, 0},
+        {"revoked key",
+         [&] {
+             write_trusted(b_, trusted_line(c_, *c_.key));
+             Outcome o = exchange(from_a, svc_, "svc", "hostb");
+             write_trusted(b_, trusted_line(a_, *a_.key));
+             return o;
+         },
+         kUntrusted, kCheckUntrusted, 0},
+        {"expired assertion",
+         [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &a) { a.expiry = now() - 10; })); },
+         kNotValidNow, kCheckExpired, 0},
+        {"not yet valid",
+         [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &a) { a.not_before = now() + 60; })); },
+         kNotValidNow, kCheckNotYetValid, 0},
+        {"replayed first token", [&] { return exchange(from_a, svc_, "svc", "hostb", [&](Bytes &t) { t = replayed; }); },
+         kReplayedToken, 0, 0},
+        {"assertion for another service", [&] { return exchange(from_a, svc_, "other", "hostb"); }, kMisaddressed,
+         kOtherService, 0},
+        {"assertion for another host",
+         [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &a) { a.peer_host = "hostc"; })); },
+         kMisaddressed, kOtherHost, 0},
+        {"service's assertion as a client's",
+         [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &a) { a.flags = qvhost::kFromService; })); },
+         kMisaddressed, kWrongKind, 0},
+        {"node ID of another machine",
+         [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &a) { a.node_id ^= 1; })); },
+         kMisaddressed, kNodeId, 0},
+        {"client claiming another user (no host key)",
+         [&] {
+             return exchange(from_a, svc_, "svc", "hostb", forged([](auto &a) { a.user = "alice"; }, c_.key.get()));
+         },
+         kUntrusted, kCheckUntrusted, 0},
+        {"client claiming another user (changed bytes)",
+         [&] {
+             return exchange(from_a, svc_, "svc", "hostb", [](Bytes &t) {
+                 auto at = std::search(t.begin(), t.end(), std::begin("root") , std::end("root") - 1);
+                 ASSERT_NE(at, t.end());
+                 *at = 'R';
+             });
+         },
+         kUntrusted, kCheckBadSignature, 0},
+        {"relay sends a client's token to another service",
+         [&] { return exchange(from_a, other_, "svc", "hostb"); }, kMisaddressed, kOtherService, 0},
+        {"relay swaps the service's answer to another client",
+         [&] {
+             Bytes other_reply;
+             void *ctx2 = nullptr;
+             qv_uint32_t minor;
+             sec_buffer_desc t2{0, nullptr};
+             EXPECT_EQ(mpm_start_sec_context(&minor, from_a, const_cast<char *>("svc"), const_cast<char *>("hostb"), 0,
+                                             &ctx2, &t2),
+                       kContinue);
+             Bytes token2 = take(t2);
+             put_frame(svc_.fd, token2);
+             Bytes status, who;
+             EXPECT_TRUE(get_frame(svc_.fd, status) && get_frame(svc_.fd, other_reply) && get_frame(svc_.fd, who));
+             put_frame(svc_.fd, {});  // no sealed message for that one
+             Bytes ignored;
+             get_frame(svc_.fd, ignored);
+             mpm_end_context(&minor, ctx2);
+             return exchange(from_a, svc_, "svc", "hostb", {}, [&](Bytes &r) { r = other_reply; });
+         },
+         0, 0, kMisaddressed},
+        {"rotated key during its overlap",
+         [&] {
+             write_trusted(b_, trusted_line(a_, *a_.key, now() + 3600) + trusted_line(a_, rotated));
+             return exchange(from_a, svc_, "svc", "hostb");
+         },
+         0, 0, 0},
+        {"new key after the rotation",
+         [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &) {}, &rotated)); }, 0, 0, 0},
+        {"rotated key after its overlap",
+         [&] {
+             write_trusted(b_, trusted_line(a_, *a_.key, now() - 3600) + trusted_line(a_, rotated));
+             Outcome o = exchange(from_a, svc_, "svc", "hostb");
+             write_trusted(b_, trusted_line(a_, *a_.key));
+             return o;
+         },
+         kUntrusted, kCheckUntrusted, 0},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.what);
+        Outcome o = r.run();
+        EXPECT_EQ(o.service, r.service);
+        EXPECT_EQ(o.service_minor, r.minor);
+        if (r.service == 0) EXPECT_EQ(o.client, r.client);
+        // The service still serves a genuine client.
+        Outcome ok = exchange(from_a, svc_, "svc", "hostb");
+        EXPECT_EQ(ok.echo, "re:hi");
+    }
+}
+
+}  // namespace
