@@ -22,6 +22,7 @@ int run_cidb(const Args &args);
 int run_acl(const Args &args);
 int run_module(const Args &args);
 int run_explain(const Args &args);
+int run_host(const Args &args);
 
 // The usage of `qvsec mac`, one line per form.
 extern const char *const kMacUsage;
@@ -30,6 +31,8 @@ extern const char *const kAclUsage;
 // The usage of `qvsec config` and `qvsec explain`.
 extern const char *const kConfigUsage;
 extern const char *const kExplainUsage;
+// The usage of `qvsec host`.
+extern const char *const kHostUsage;
 
 // The formatted text of the calling thread's error record (catalogue or
 // default text), without a trailing newline.

@@ -23,6 +23,8 @@ const Command kCommands[] = {
      run_module},
     {"explain", "explain CODE|2650-NNN|--mech ...", "say what a return code, a message or a mechanism's status means",
      run_explain, kExplainUsage},
+    {"host", "host keygen|show|trust|revoke ...",
+     "make or show the host daemon's key; add or remove keys of the trusted-hosts file", run_host, kHostUsage},
 };
 
 void usage(FILE *out) {
