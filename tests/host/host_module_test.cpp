@@ -19,6 +19,7 @@
 #include <memory>
 
 #include "child_process.h"
+#include "host_files.h"
 #include "host_mech.h"
 #include "test_support.h"
 
@@ -32,7 +33,9 @@ std::int64_t now() { return static_cast<std::int64_t>(time(nullptr)); }
 void put_frame(int fd, const Bytes &b) {
     uint32_t n = static_cast<uint32_t>(b.size());
     ASSERT_EQ(write(fd, &n, 4), 4);
-    if (n > 0) ASSERT_EQ(write(fd, b.data(), n), static_cast<ssize_t>(n));
+    if (n > 0) {
+        ASSERT_EQ(write(fd, b.data(), n), static_cast<ssize_t>(n));
+    }
 }
 
 bool get_frame(int fd, Bytes &b) {
@@ -183,14 +186,16 @@ struct Outcome {
 // reply (changed by tamper_reply) back, then one sealed round trip.
 Outcome exchange(void *csvc, const Service &s, const char *target, const char *host,
                  const std::function<void(Bytes &)> &tamper = {}, const std::function<void(Bytes &)> &tamper_reply = {},
-                 Bytes *first_token = nullptr) {
+                 Bytes *first_token = nullptr, uid_t as_user = 0) {
     Outcome o;
     qv_uint32_t minor = 0;
     void *ctx = nullptr;
     sec_buffer_desc out{0, nullptr}, none{0, nullptr};
-    if ((o.client = mpm_start_sec_context(&minor, csvc, const_cast<char *>(target), const_cast<char *>(host),
-                                          kRequireMutual, &ctx, &out)) != kContinue)
-        return o;
+    EXPECT_EQ(seteuid(as_user), 0);
+    o.client = mpm_start_sec_context(&minor, csvc, const_cast<char *>(target), const_cast<char *>(host),
+                                     kRequireMutual, &ctx, &out);
+    EXPECT_EQ(seteuid(0), 0);
+    if (o.client != kContinue) return o;
     Bytes token = take(out);
     if (tamper) tamper(token);
     if (first_token != nullptr) *first_token = token;
@@ -228,6 +233,7 @@ class HostModule : public ::testing::Test {
 protected:
     void SetUp() override {
         mpm_init();
+        ASSERT_EQ(chmod(tmp_.path().c_str(), 0755), 0);  // for a client of another user
         set_up_host(a_, tmp_, "hosta", 0xa1a1a1a1a1a1a1a1ULL);
         set_up_host(b_, tmp_, "hostb", 0xb2b2b2b2b2b2b2b2ULL);
         set_up_host(c_, tmp_, "hostc", 0xc3c3c3c3c3c3c3c3ULL);  // nobody trusts it
@@ -264,6 +270,10 @@ TEST_F(HostModule, MutualAuthenticationAndSealedDataBothWays) {
     EXPECT_EQ(ab.client_seen, "root@hosta");
     EXPECT_EQ(ab.service_seen, "root@hostb");
     EXPECT_EQ(ab.echo, "re:hi");
+    // Who the client is comes from the kernel, through its host's daemon.
+    Outcome nobody = exchange(from_a, svc_, "svc", "hostb", {}, {}, nullptr, 65534);
+    EXPECT_EQ(nobody.client_seen, "nobody@hosta");
+    EXPECT_EQ(nobody.echo, "re:hi");
     Outcome ba = exchange(from_b, other_, "svc@hosta", nullptr);
     EXPECT_EQ(ba.client, 0u) << ba.client_minor;
     EXPECT_EQ(ba.client_seen, "root@hostb");
@@ -276,7 +286,9 @@ TEST_F(HostModule, RefusalsLeaveTheServiceServing) {
     void *from_a = client_handle(a_), *from_c = client_handle(c_);
     qvhost::TrustedHosts b_trusts;
     std::string why;
-    ASSERT_TRUE(qvhost::parse_trusted_hosts(trusted_line(a_, *a_.key), b_trusts, why)) << why;
+    qvhost::HostKey rotated;
+    qvhost::generate_host_key(rotated);
+    ASSERT_TRUE(qvhost::parse_trusted_hosts(trusted_line(a_, *a_.key) + trusted_line(a_, rotated), b_trusts, why));
     // A client assertion of host A changed by change and signed with key:
     // what A's root could make (with A's key) or anyone (with another).
     auto forged = [&](std::function<void(qvhost::Assertion &)> change, const qvhost::HostKey *key = nullptr) {
@@ -290,8 +302,6 @@ TEST_F(HostModule, RefusalsLeaveTheServiceServing) {
             token = write_client_token(t.flags, qvhost::sign_assertion(a, key ? *key : *a_.key));
         };
     };
-    qvhost::HostKey rotated;
-    qvhost::generate_host_key(rotated);
     Bytes replayed;
     ASSERT_EQ(exchange(from_a, svc_, "svc", "hostb", {}, {}, &replayed).client, 0u);
     struct Row {
@@ -311,7 +321,7 @@ TEST_F(HostModule, RefusalsLeaveTheServiceServing) {
          },
          kUntrusted, kCheckUntrusted, 0},
         {"expired assertion",
-         [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &a) { a.expiry = now() - 10; })); },
+         [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &a) { a.not_before = now() - 100, a.expiry = now() - 10; })); },
          kNotValidNow, kCheckExpired, 0},
         {"not yet valid",
          [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &a) { a.not_before = now() + 60; })); },
@@ -372,13 +382,19 @@ TEST_F(HostModule, RefusalsLeaveTheServiceServing) {
          },
          0, 0, 0},
         {"new key after the rotation",
-         [&] { return exchange(from_a, svc_, "svc", "hostb", forged([](auto &) {}, &rotated)); }, 0, 0, 0},
-        {"rotated key after its overlap",
+         [&] {
+             kill(a_.daemon, SIGTERM);
+             qvtest::wait_bounded(a_.daemon);
+             unlink(a_.file("hostd.sock").c_str());
+             EXPECT_TRUE(qvhost::write_file_atomically(a_.file("key"), qvhost::encode_host_key(rotated), 0600, why));
+             start_daemon(a_);
+             return exchange(from_a, svc_, "svc", "hostb");
+         },
+         0, 0, 0},
+        {"old key after its overlap",
          [&] {
              write_trusted(b_, trusted_line(a_, *a_.key, now() - 3600) + trusted_line(a_, rotated));
-             Outcome o = exchange(from_a, svc_, "svc", "hostb");
-             write_trusted(b_, trusted_line(a_, *a_.key));
-             return o;
+             return exchange(from_a, svc_, "svc", "hostb", forged([](auto &) {}));
          },
          kUntrusted, kCheckUntrusted, 0},
     };
@@ -387,7 +403,9 @@ TEST_F(HostModule, RefusalsLeaveTheServiceServing) {
         Outcome o = r.run();
         EXPECT_EQ(o.service, r.service);
         EXPECT_EQ(o.service_minor, r.minor);
-        if (r.service == 0) EXPECT_EQ(o.client, r.client);
+        if (r.service == 0) {
+            EXPECT_EQ(o.client, r.client);
+        }
         // The service still serves a genuine client.
         Outcome ok = exchange(from_a, svc_, "svc", "hostb");
         EXPECT_EQ(ok.echo, "re:hi");
