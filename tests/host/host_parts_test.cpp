@@ -1,0 +1,105 @@
+// The "host" module's replay cache and configuration reader.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include "host_mech.h"
+#include "test_support.h"
+
+namespace {
+
+using namespace qvhostmech;
+using Key = std::array<uint8_t, ReplayCache::kKeyBytes>;
+
+Key key(uint32_t n) {
+    Key k{};
+    std::memcpy(k.data() + 10, &n, sizeof n);
+    return k;
+}
+
+TEST(HostReplayCache, KeepsUntilExpiryThenPrunesAndRefusesWhenFull) {
+    ReplayCache c(3);
+    using R = ReplayCache::Result;
+    EXPECT_EQ(c.insert(key(1), 100, 0), R::kFresh);
+    EXPECT_EQ(c.insert(key(1), 100, 50), R::kReplayed);
+    EXPECT_EQ(c.insert(key(1), 100, 100), R::kReplayed);  // still valid in its last second
+    EXPECT_EQ(c.insert(key(2), 200, 100), R::kFresh);
+    EXPECT_EQ(c.insert(key(3), 300, 100), R::kFresh);
+    EXPECT_EQ(c.insert(key(4), 300, 100), R::kFull);
+    EXPECT_EQ(c.size(), 3u);
+    // Time passes: the first entry goes, and room is made.
+    EXPECT_EQ(c.insert(key(4), 400, 101), R::kFresh);
+    EXPECT_EQ(c.insert(key(1), 500, 102), R::kFull);  // 2, 3, 4 still held
+    EXPECT_EQ(c.insert(key(5), 600, 301), R::kFresh);  // 2 and 3 went
+    EXPECT_EQ(c.size(), 2u);
+}
+
+// Threads offering the same keys: each key is fresh exactly once.
+TEST(HostReplayCache, EachKeyFreshOnceAcrossThreads) {
+    ReplayCache c(100000);
+    std::atomic<int> fresh{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (uint32_t i = 0; i < 2000; ++i)
+                if (c.insert(key(i), 1000 + i % 7, i % 5) == ReplayCache::Result::kFresh) fresh++;
+        });
+    for (auto &t : threads) t.join();
+    EXPECT_EQ(fresh.load(), 2000);
+}
+
+TEST(HostConfig, Lines) {
+    struct Row {
+        const char *text;
+        const char *why;  // empty: accepted
+    } rows[] = {
+        {"# all\nsocket /s\ntrusted /t\nservices /v\nhost n-1.x\nskew 0\nlifetime 86400\ntimeout-ms 1\n"
+         "replay-cache-max 5\nsame-users a b\n\n",
+         ""},
+        {"skew 3601\n", "line 1: bad value for skew"},
+        {"\nlifetime 0\n", "line 2: bad value for lifetime"},
+        {"lifetime 12x\n", "line 1: bad value for lifetime"},
+        {"socket run/hostd.sock\n", "line 1: bad value for socket"},
+        {"host a b\n", "line 1: expected one value after host"},
+        {"host\n", "line 1: expected one value after host"},
+        {"host bad/name\n", "line 1: bad value for host"},
+        {"same-users ok bad/name\n", "line 1: not a host name: bad/name"},
+        {"colour blue\n", "line 1: unknown key colour"},
+    };
+    for (const Row &r : rows) {
+        HostConfig c;
+        std::string why;
+        EXPECT_EQ(parse_host_config(r.text, c, why), r.why[0] == '\0') << r.text;
+        EXPECT_EQ(why, r.why) << r.text;
+    }
+    HostConfig c;
+    std::string why;
+    EXPECT_FALSE(parse_host_config(std::string_view("skew 1\0\n", 8), c, why));
+    EXPECT_EQ(why, "line 1: NUL byte");
+    ASSERT_TRUE(parse_host_config("skew 7\nsame-users a b\nhost me\n", c, why));
+    EXPECT_EQ(c.skew, 7);
+    EXPECT_EQ(c.same_users, (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(config_host(c), "me");
+    EXPECT_EQ(c.lifetime, 120u);  // unset keys keep their defaults
+}
+
+// A configuration others may change is refused at mpm_start.
+TEST(HostConfig, UnsafeFileRefusedAtStart) {
+    qvtest::TempDir tmp;
+    const std::string path = tmp.write("host.conf", "skew 5\n");
+    setenv("QVSEC_HOST_CONF", path.c_str(), 1);
+    qv_uint32_t minor = 0;
+    void *svc = nullptr;
+    ASSERT_EQ(mpm_start(&minor, 0, &svc), kOk);
+    mpm_end(&minor, 0, svc);
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    EXPECT_EQ(mpm_start(&minor, 0, &svc), kConfig);
+    setenv("QVSEC_HOST_CONF", (tmp.path() + "/missing").c_str(), 1);
+    EXPECT_EQ(mpm_start(&minor, 0, &svc), kConfig);
+    unsetenv("QVSEC_HOST_CONF");
+}
+
+}  // namespace
