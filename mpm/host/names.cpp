@@ -84,7 +84,7 @@ Status identity_from_name(const char *name, PeerIdentity &id, qv_uint32_t *minor
     if (id.user[0] == '#') {
         uint32_t gid;
         if (!uid_of_user(id.user, id.creds.uid, gid)) {
-            *minor = 1;
+            *minor = kUnknownUser;
             return kUnknownName;
         }
     }
