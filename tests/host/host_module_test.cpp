@@ -21,12 +21,14 @@
 #include "child_process.h"
 #include "host_files.h"
 #include "host_mech.h"
+#include "sim_hosts.h"
 #include "test_support.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 using namespace qvhostmech;
+using namespace qvhosttest;
 
 std::int64_t now() { return static_cast<std::int64_t>(time(nullptr)); }
 
@@ -67,54 +69,6 @@ std::string client_name(void *ctx) {
     qv_int32_t len = sizeof name;
     qv_uint32_t minor;
     return mpm_get_client_name(&minor, ctx, &len, name) == 0 ? std::string(name) : "?";
-}
-
-struct Host {
-    std::string name, dir;
-    uint64_t node = 0;
-    std::unique_ptr<qvhost::HostKey> key = std::make_unique<qvhost::HostKey>();
-    pid_t daemon = -1;
-    std::string file(const char *f) const { return dir + "/" + f; }
-};
-
-// One host's files and daemon; trusted lists the hosts (and keys) it trusts.
-void set_up_host(Host &h, const qvtest::TempDir &tmp, const std::string &name, uint64_t node) {
-    h.name = name;
-    h.node = node;
-    h.dir = tmp.path() + "/" + name;
-    ASSERT_EQ(mkdir(h.dir.c_str(), 0755), 0);
-    qvhost::generate_host_key(*h.key);
-    std::string why;
-    ASSERT_TRUE(qvhost::write_file_atomically(h.file("key"), qvhost::encode_host_key(*h.key), 0600, why)) << why;
-    char id[17];
-    std::snprintf(id, sizeof id, "%016llx", static_cast<unsigned long long>(node));
-    tmp.write(name + "/node_id", std::string(id) + "\n");
-    tmp.write(name + "/host.conf", "socket " + h.file("hostd.sock") + "\ntrusted " + h.file("trusted") +
-                                       "\nservices " + h.file("services") + "\nhost " + name +
-                                       "\nskew 2\nlifetime 60\ntimeout-ms 5000\nsame-users hosta hostb\n");
-}
-
-std::string trusted_line(const Host &h, const qvhost::HostKey &key, std::optional<std::int64_t> until = {}) {
-    return qvhost::format_trusted_line(qvhost::TrustedKey{h.name, h.node, key.public_key, until}) + "\n";
-}
-
-void write_trusted(const Host &h, const std::string &text) {
-    std::string why;
-    ASSERT_TRUE(qvhost::write_file_atomically(h.file("trusted"), text, 0644, why)) << why;
-}
-
-void start_daemon(Host &h) {
-    h.daemon = fork();
-    ASSERT_GE(h.daemon, 0);
-    if (h.daemon == 0) {
-        setenv("QV_NODE_ID_FILE", h.file("node_id").c_str(), 1);
-        execl(QV_HOSTD, "qvsec-hostd", "--socket", h.file("hostd.sock").c_str(), "--key", h.file("key").c_str(),
-              "--trusted", h.file("trusted").c_str(), "--host-name", h.name.c_str(), "--max-lifetime", "60",
-              static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    struct stat st;
-    ASSERT_TRUE(qvtest::wait_until([&] { return stat(h.file("hostd.sock").c_str(), &st) == 0; }));
 }
 
 // A service process of host h logged in as name: per client token it
@@ -177,6 +131,11 @@ void *client_handle(const Host &h) {
     return svc;
 }
 
+void write_trusted(const Host &h, const std::string &text) {
+    std::string why;
+    ASSERT_TRUE(qvhosttest::write_trusted(h, text, why)) << why;
+}
+
 struct Outcome {
     qv_uint32_t service = 99, service_minor = 0, client = 99, client_minor = 0;
     std::string client_seen, service_seen, echo;
@@ -234,13 +193,15 @@ protected:
     void SetUp() override {
         mpm_init();
         ASSERT_EQ(chmod(tmp_.path().c_str(), 0755), 0);  // for a client of another user
-        set_up_host(a_, tmp_, "hosta", 0xa1a1a1a1a1a1a1a1ULL);
-        set_up_host(b_, tmp_, "hostb", 0xb2b2b2b2b2b2b2b2ULL);
-        set_up_host(c_, tmp_, "hostc", 0xc3c3c3c3c3c3c3c3ULL);  // nobody trusts it
+        std::string why;
+        const std::string conf = "skew 2\nlifetime 60\nsame-users hosta hostb\n";
+        ASSERT_TRUE(set_up_host(a_, tmp_.path(), "hosta", 0xa1a1a1a1a1a1a1a1ULL, conf, why)) << why;
+        ASSERT_TRUE(set_up_host(b_, tmp_.path(), "hostb", 0xb2b2b2b2b2b2b2b2ULL, conf, why)) << why;
+        ASSERT_TRUE(set_up_host(c_, tmp_.path(), "hostc", 0xc3c3c3c3c3c3c3c3ULL, conf, why)) << why;  // nobody trusts it
         write_trusted(a_, trusted_line(b_, *b_.key));
         write_trusted(b_, trusted_line(a_, *a_.key));
         write_trusted(c_, trusted_line(b_, *b_.key));
-        for (Host *h : {&a_, &b_, &c_}) start_daemon(*h);
+        for (Host *h : {&a_, &b_, &c_}) ASSERT_TRUE(start_daemon(*h, QV_HOSTD, why)) << why;
     }
     void TearDown() override {
         for (Service *s : {&svc_, &other_})
@@ -249,11 +210,7 @@ protected:
                 close(s->fd);
                 EXPECT_EQ(qvtest::wait_bounded(s->pid), 0);
             }
-        for (Host *h : {&a_, &b_, &c_})
-            if (h->daemon > 0) {
-                kill(h->daemon, SIGTERM);
-                qvtest::wait_bounded(h->daemon);
-            }
+        for (Host *h : {&a_, &b_, &c_}) stop_daemon(*h);
     }
     qvtest::TempDir tmp_;
     Host a_, b_, c_;
@@ -383,11 +340,9 @@ TEST_F(HostModule, RefusalsLeaveTheServiceServing) {
          0, 0, 0},
         {"new key after the rotation",
          [&] {
-             kill(a_.daemon, SIGTERM);
-             qvtest::wait_bounded(a_.daemon);
-             unlink(a_.file("hostd.sock").c_str());
+             stop_daemon(a_);
              EXPECT_TRUE(qvhost::write_file_atomically(a_.file("key"), qvhost::encode_host_key(rotated), 0600, why));
-             start_daemon(a_);
+             EXPECT_TRUE(start_daemon(a_, QV_HOSTD, why)) << why;
              return exchange(from_a, svc_, "svc", "hostb");
          },
          0, 0, 0},
