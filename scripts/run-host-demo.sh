@@ -61,7 +61,9 @@ for h in a b; do
   od -An -N8 -tx1 /dev/urandom | tr -d ' \n' > "$d/node_id"
   "$bin/qvsec" host keygen --out "$d/host.key" >/dev/null
   printf '1 host 0x00000002 %s i\n' "$module" > "$d/qvsec.cfg"
-  printf 'socket %s\ntrusted %s\nservices %s\nhost host%s\nskew 30\nlifetime 120\n' \
+  # same-users: the two hosts share their user names, so the service maps
+  # root@hosta to its local root.
+  printf 'socket %s\ntrusted %s\nservices %s\nhost host%s\nskew 30\nlifetime 120\nsame-users hosta hostb\n' \
     "$d/hostd.sock" "$d/trusted-hosts" "$d/host-services" "$h" > "$d/host.conf"
 done
 # Trust distribution: each host trusts the other's public key, for its name
@@ -82,8 +84,10 @@ for h in a b; do
     --trusted "$d/trusted-hosts" --host-name "host$h" 2> "$d/hostd.log" &
   pids+=($!)
 done
+# The socket file exists from bind, a moment before listen: wait for the
+# daemon's own word.
 for h in a b; do
-  for _ in $(seq 200); do [ -S "$work/host$h/hostd.sock" ] && break; sleep 0.05; done
+  for _ in $(seq 200); do grep -q "^qvsec-hostd: serving" "$work/host$h/hostd.log" 2>/dev/null && break; sleep 0.05; done
 done
 
 # The service on host B, the client on host A.
