@@ -63,6 +63,7 @@ RequestParse parse_request(std::span<const std::uint8_t> bytes, AssertionRequest
     // Every field is checked as soon as it is whole, so that garbage is refused
     // without waiting for the deadline.
     std::span<const std::uint8_t> b;
+    if (bytes.empty()) return RequestParse::kIncomplete;
     std::size_t magic_have = bytes.size() < sizeof kRequestMagic ? bytes.size() : sizeof kRequestMagic;
     if (std::memcmp(bytes.data(), kRequestMagic, magic_have) != 0) return RequestParse::kMalformed;
     if (!r.take(sizeof kRequestMagic, b)) return RequestParse::kIncomplete;
