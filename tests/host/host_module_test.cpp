@@ -79,7 +79,7 @@ struct Service {
     int fd = -1;
 };
 
-Service start_service(const Host &h, const std::string &name) {
+Service start_service(const Host &h, const std::string &name, uid_t as_user = 0) {
     int sv[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     Service s{fork(), sv[0]};
@@ -92,7 +92,8 @@ Service start_service(const Host &h, const std::string &name) {
     qv_uint32_t minor = 0;
     void *svc = nullptr;
     mpm_init();
-    if (mpm_start(&minor, 0, &svc) != 0 || mpm_login_as_service(&minor, const_cast<char *>(name.c_str()), svc) != 0)
+    if (mpm_start(&minor, 0, &svc) != 0 || mpm_login_as_service(&minor, const_cast<char *>(name.c_str()), svc) != 0 ||
+        seteuid(as_user) != 0)
         _exit(3);
     Bytes token;
     while (get_frame(sv[1], token) && !token.empty()) {
@@ -203,7 +204,7 @@ protected:
         for (Host *h : {&a_, &b_, &c_}) ASSERT_TRUE(start_daemon(*h, QV_HOSTD, why)) << why;
     }
     void TearDown() override {
-        for (Service *s : {&svc_, &other_, &on_a_})
+        for (Service *s : {&svc_, &other_, &on_a_, &nobody_})
             if (s->pid > 0) {
                 put_frame(s->fd, {});
                 close(s->fd);
@@ -213,7 +214,7 @@ protected:
     }
     qvtest::TempDir tmp_;
     Host a_, b_, c_;
-    Service svc_, other_, on_a_;
+    Service svc_, other_, on_a_, nobody_;
 };
 
 // Each row runs one exchange; every refusal is followed by a genuine client
@@ -222,6 +223,7 @@ TEST_F(HostModule, ExchangesAcrossHosts) {
     svc_ = start_service(b_, "svc");
     other_ = start_service(b_, "other");
     on_a_ = start_service(a_, "svc");  // the same name on the other host
+    nobody_ = start_service(b_, "svc", 65534);  // a user that may not serve "svc"
     void *from_a = client_handle(a_), *from_b = client_handle(b_), *from_c = client_handle(c_);
     qvhost::TrustedHosts b_trusts;
     std::string why;
@@ -296,6 +298,10 @@ TEST_F(HostModule, ExchangesAcrossHosts) {
          kMisaddressed, kOtherService, 0},
         {"relay gives a client the service's answer to another",
          [&] { return to_svc({}, [&](Bytes &r) { r = other_reply; }); }, 0, 0, kMisaddressed},
+        {"service's answer with a changed confirmation tag", [&] { return to_svc({}, [](Bytes &r) { r.back() ^= 1; }); },
+         0, 0, kKeyExchange},
+        {"service run by a user that may not serve the target", [&] { return exchange(from_a, nobody_, "svc", "hostb"); },
+         0, 0, kServiceNotAllowed},
         {"rotated key during its overlap",
          [&] {
              write_trusted(b_, trusted_line(a_, *a_.key, now() + 3600) + trusted_line(a_, rotated));
