@@ -338,6 +338,8 @@ TEST_F(HostModule, ExchangesAcrossHosts) {
         }
         EXPECT_EQ(to_svc().echo, "re:hi");
     }
+    qv_uint32_t minor;
+    for (void *h : {from_a, from_b, from_c}) EXPECT_EQ(mpm_end(&minor, 0, h), kOk);
 }
 
 }  // namespace
