@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstring>
 #include <thread>
+#include <unistd.h>
 
 #include "host_mech.h"
 #include "test_support.h"
@@ -103,3 +104,66 @@ TEST(HostConfig, UnsafeFileRefusedAtStart) {
 }
 
 }  // namespace
+
+// Names of identities made from "<user>@<host>", under a configuration in
+// which this host is "me" and "peer" shares its user names.
+TEST(HostNames, MappingValidationIdsAndTargets) {
+    qvtest::TempDir tmp;
+    setenv("QVSEC_HOST_CONF", tmp.write("host.conf", "host me\nsame-users peer\n").c_str(), 1);
+    qv_uint32_t minor = 0;
+    void *svc = nullptr;
+    ASSERT_EQ(mpm_start(&minor, 0, &svc), kOk);
+    auto text = [](qv_uint32_t (*get)(qv_uint32_t *, void *, qv_int32_t *, char *), void *ctx) {
+        char out[256];
+        qv_int32_t len = sizeof out;
+        qv_uint32_t m;
+        return get(&m, ctx, &len, out) == kOk ? std::string(out, static_cast<size_t>(len)) : std::string("error");
+    };
+    struct Row {
+        const char *name;
+        qv_uint32_t made;
+        const char *mapped;         // with its NUL when there is one
+        qv_uint32_t root_valid, root_minor;
+    } rows[] = {
+        {"root@peer", kOk, std::string_view("root\0", 5).data(), kOk, 0},
+        {"root@me", kOk, std::string_view("root\0", 5).data(), kOk, 0},
+        {"root@stranger", kOk, "", kUserNotValid, 3},
+        {"#0@peer", kOk, "", kUserNotValid, 3},  // a bare uid never maps
+        {"daemon@peer", kOk, std::string_view("daemon\0", 7).data(), kUserNotValid, 2},
+        {"root", kUnknownName, "", 0, 0},
+        {"root@bad/host", kUnknownName, "", 0, 0},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
+        void *ctx = nullptr;
+        ASSERT_EQ(mpm_create_id_context(&minor, MPM_IDCTX_FROM_NAME, const_cast<char *>(r.name), &ctx), r.made);
+        if (r.made != kOk) continue;
+        EXPECT_EQ(text(mpm_get_client_name, ctx), std::string(r.name) + '\0');
+        EXPECT_EQ(text(mpm_get_mapped_name, ctx), std::string(r.mapped, r.mapped[0] ? strlen(r.mapped) + 1 : 0));
+        EXPECT_EQ(mpm_user_valid(&minor, ctx, const_cast<char *>("root")), r.root_valid);
+        EXPECT_EQ(minor, r.root_minor);
+        mpm_end_context(&minor, ctx);
+    }
+    void *ctx = nullptr;
+    ASSERT_EQ(mpm_create_id_context(&minor, MPM_IDCTX_FROM_NAME, const_cast<char *>("ab@h"), &ctx), kOk);
+    const std::string id = text(mpm_get_client_id, ctx);
+    EXPECT_EQ(qvtest::to_hex(reinterpret_cast<const uint8_t *>(id.data()), id.size()),
+              "01" "0000000000000000" "ffffffff" "02" "6162" "68");
+    mpm_end_context(&minor, ctx);
+    // Login: this process's own uid on this host only.
+    std::vector<uint8_t> own{1, 0, 0, 0, 0, 0, 0, 0, 0};
+    for (int s = 24; s >= 0; s -= 8) own.push_back(static_cast<uint8_t>(geteuid() >> s));
+    own.insert(own.end(), {0, 'm', 'e'});
+    sec_buffer_desc b{static_cast<qv_int32_t>(own.size()), own.data()};
+    EXPECT_EQ(mpm_login_as_user(&minor, &b, nullptr, 0, svc), kOk);
+    own.back() = 'x';
+    EXPECT_EQ(mpm_login_as_user(&minor, &b, nullptr, 0, svc), kNotPermitted);
+    char target[64];
+    qv_int32_t len = sizeof target;
+    EXPECT_EQ(mpm_get_target_name(&minor, svc, const_cast<char *>("svc"), const_cast<char *>(""), &len, target), kOk);
+    EXPECT_STREQ(target, "svc@me");
+    len = sizeof target;
+    EXPECT_EQ(mpm_get_target_name(&minor, svc, const_cast<char *>(""), nullptr, &len, target), kBadArgument);
+    mpm_end(&minor, 0, svc);
+    unsetenv("QVSEC_HOST_CONF");
+}
