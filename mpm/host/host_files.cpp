@@ -9,30 +9,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "cancel_state.h"
 #include "host_files.h"
 
 namespace qvhost {
 namespace {
 
-// Closes a file descriptor when it goes out of scope.
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
+using Fd = OwnedFd;
 
 std::string reason(const std::string &path, const char *what, const char *text) {
     return std::string(what) + " " + path + ": " + text;
@@ -56,6 +39,12 @@ std::string directory_of(const std::string &path) {
 }
 
 }  // namespace
+
+OwnedFd::~OwnedFd() {
+    if (fd_ < 0) return;
+    SecCancelDisabled hold;
+    ::close(fd_);
+}
 
 bool read_checked_file(const std::string &path, std::size_t max_bytes, mode_t forbidden_mode,
                        const char *what, std::string &out, std::string &why) {

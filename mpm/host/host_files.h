@@ -10,6 +10,26 @@
 
 namespace qvhost {
 
+// Owns a file descriptor. close() is a cancellation point, and a destructor
+// must not unwind: it runs with cancellation held off.
+class OwnedFd {
+public:
+    explicit OwnedFd(int fd) : fd_(fd) {}
+    OwnedFd(const OwnedFd &) = delete;
+    OwnedFd &operator=(const OwnedFd &) = delete;
+    ~OwnedFd();
+    int get() const { return fd_; }
+    // Gives up ownership without closing.
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+private:
+    int fd_;
+};
+
 // Reads a whole file that must be a regular file (a symlink is not followed),
 // owned by root or by the effective user, at most `max_bytes` long, with none
 // of the permission bits `forbidden_mode`. `what` names the file in the

@@ -168,7 +168,7 @@ protected:
     AssertionCheck check(const std::vector<std::uint8_t> &bytes, std::int64_t now = kNow, std::int64_t skew = 0,
                          std::size_t *consumed = nullptr) {
         std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[bytes.size() + 1]);
-        std::memcpy(copy.get(), bytes.data(), bytes.size());
+        if (!bytes.empty()) std::memcpy(copy.get(), bytes.data(), bytes.size());
         qvhost::Assertion out;
         return qvhost::check_assertion({copy.get(), bytes.size()}, trusted_, now, skew, out, consumed);
     }

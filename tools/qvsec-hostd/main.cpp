@@ -193,7 +193,11 @@ int main(int argc, char **argv) {
         if (p[1].revents != 0) break;
         if ((p[0].revents & POLLIN) == 0) continue;
         int fd = ::accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd < 0) continue;
+        if (fd < 0) {
+            // Out of descriptors: pause rather than spin on a listener that stays readable.
+            if (errno == EMFILE || errno == ENFILE) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            continue;
+        }
         qvlocal::Credentials creds;
         qv_uint32_t minor = 0;
         // The credentials are looked at here only to share the slots fairly;

@@ -9,23 +9,12 @@
 #include <ctime>
 
 #include "daemon_protocol.h"
+#include "host_files.h"
 #include "hostd.h"
 #include "local_mech.h"
 
 namespace qvhostd {
 namespace {
-
-class Connection {
-public:
-    explicit Connection(int fd) : fd_(fd) {}
-    Connection(const Connection &) = delete;
-    Connection &operator=(const Connection &) = delete;
-    ~Connection() { ::close(fd_); }
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 // The user's name on this host, or "#uid" when it has no entry.
 std::string user_name(std::uint32_t uid) {
@@ -77,11 +66,11 @@ bool Daemon::target_known(const std::string &host) {
 }
 
 void Daemon::serve(int fd) {
-    Connection conn(fd);
+    qvhost::OwnedFd conn(fd);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(options_.timeout_ms);
     qvlocal::Credentials creds;
     qv_uint32_t minor = 0;
-    if (qvlocal::peer_credentials(conn.fd(), creds, &minor) != qvlocal::kOk) {
+    if (qvlocal::peer_credentials(conn.get(), creds, &minor) != qvlocal::kOk) {
         log_line(std::string("refused a caller it cannot identify: ") + std::strerror(static_cast<int>(minor)));
         return;
     }
@@ -89,7 +78,7 @@ void Daemon::serve(int fd) {
     auto refuse = [&](const std::string &text) {
         log_line("refused " + who + ": " + text);
         std::string t = text.substr(0, qvhost::kMaxRefusalText);
-        qvhost::write_all(conn.fd(),
+        qvhost::write_all(conn.get(),
                           qvhost::encode_response(qvhost::kResponseRefusal,
                                                   {reinterpret_cast<const std::uint8_t *>(t.data()), t.size()}),
                           deadline);
@@ -99,7 +88,7 @@ void Daemon::serve(int fd) {
     qvhost::AssertionRequest req;
     std::size_t used = 0;
     for (;;) {
-        if (int rc = qvhost::read_some(conn.fd(), buf, qvhost::kMaxRequestBytes, deadline); rc != 0) {
+        if (int rc = qvhost::read_some(conn.get(), buf, qvhost::kMaxRequestBytes, deadline); rc != 0) {
             log_line("refused " + who + ": " +
                      (rc == ETIMEDOUT ? std::string("no whole request before the deadline")
                                       : std::string("connection ended before a whole request: ") + std::strerror(rc)));
@@ -131,7 +120,7 @@ void Daemon::serve(int fd) {
     a.peer_service = req.peer_service;
     a.peer_host = req.peer_host;
     std::vector<std::uint8_t> signed_bytes = qvhost::sign_assertion(a, key_);
-    if (int rc = qvhost::write_all(conn.fd(), qvhost::encode_response(qvhost::kResponseAssertion, signed_bytes),
+    if (int rc = qvhost::write_all(conn.get(), qvhost::encode_response(qvhost::kResponseAssertion, signed_bytes),
                                    deadline);
         rc != 0)
         log_line("could not answer " + who + ": " + std::strerror(rc));
