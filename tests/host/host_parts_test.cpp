@@ -164,6 +164,13 @@ TEST(HostNames, MappingValidationIdsAndTargets) {
     EXPECT_STREQ(target, "svc@me");
     len = sizeof target;
     EXPECT_EQ(mpm_get_target_name(&minor, svc, const_cast<char *>(""), nullptr, &len, target), kBadArgument);
+    // A context slot holding something else than a context of this module.
+    void *not_a_context = svc;
+    sec_buffer_desc token{0, nullptr}, reply{0, nullptr};
+    EXPECT_EQ(mpm_start_sec_context(&minor, svc, const_cast<char *>("svc@h"), nullptr, 0, &not_a_context, &token),
+              kBadHandle);
+    qv_uint32_t rflags;
+    EXPECT_EQ(mpm_receive_sec_context(&minor, svc, &token, &not_a_context, &reply, &rflags), kBadHandle);
     mpm_end(&minor, 0, svc);
     unsetenv("QVSEC_HOST_CONF");
 }
