@@ -49,3 +49,5 @@ install(FILES ${PROJECT_SOURCE_DIR}/tests/qv_cu/valgrind.supp DESTINATION ${QV_I
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qvsec)
 install(FILES ${PROJECT_SOURCE_DIR}/mpm/local/README.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qvsec
   RENAME local-mechanism.md)
+install(FILES ${PROJECT_SOURCE_DIR}/mpm/host/README.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qvsec
+  RENAME host-mechanism.md)

@@ -4,7 +4,7 @@
  * reply.
  *
  *   qvsec-example-client [--socket PATH | --connect HOST:PORT] [--service NAME]
- *                        [--service-user USER] [--timeout SECONDS] [MESSAGE]
+ *                        [--host NAME] [--service-user USER] [--timeout SECONDS] [MESSAGE]
  *
  * The client requires mutual authentication: the service must run as a user
  * allowed to serve NAME ("example" unless given): root, the client's own
@@ -13,6 +13,10 @@
  * socket is the service's default: see example_socket_path. Each answer
  * must arrive within --timeout seconds (60 unless given: a busy service
  * keeps new clients waiting until one of its threads is free).
+ *
+ * --host names the service's host to the mechanisms ("localhost" unless
+ * given): the "host" mechanism asks its host's daemon for an assertion
+ * addressed to NAME and accepts only that host's answer.
  *
  * Over TCP (--connect) the "local" mechanism declines: only a UNIX-domain
  * socket lets the kernel say who runs the other end. The client then says
@@ -41,6 +45,7 @@
 #define EXAMPLE_REQUIRE_MUTUAL 0x00000002u
 
 static int timeout_ms = 60000;
+static char *target_host = "localhost";
 
 static int refused(int type, const sec_buffer_desc *frame) {
     if (type != FRAME_REFUSED) return 0;
@@ -80,7 +85,7 @@ static sec_token_t establish(sec_token_t stoken, int fd, const struct endpoint *
     }
 
     /* 3. Start, then complete with each answer while either side needs more. */
-    rc = sec_start_sec_context(&st, stoken, &shared, service, "localhost", EXAMPLE_REQUIRE_MUTUAL, &ctx, &c_ccdb);
+    rc = sec_start_sec_context(&st, stoken, &shared, service, target_host, EXAMPLE_REQUIRE_MUTUAL, &ctx, &c_ccdb);
     sec_release_buffer(&shared);
     while (rc == SEC_S_CONTINUE || c_ccdb.length > 0) {
         sec_buffer_desc s_ccdb;
@@ -136,7 +141,7 @@ static int check_service(sec_token_t ctx, const char *expected_user) {
 static int usage(void) {
     fprintf(stderr,
             "usage: qvsec-example-client [--socket PATH | --connect HOST:PORT] [--service NAME]\n"
-            "                            [--service-user USER] [--timeout SECONDS] [MESSAGE]\n");
+            "                            [--host NAME] [--service-user USER] [--timeout SECONDS] [MESSAGE]\n");
     return 2;
 }
 
@@ -160,6 +165,8 @@ int main(int argc, char **argv) {
             connect_address = argv[++i];
         } else if (strcmp(argv[i], "--service") == 0 && i + 1 < argc) {
             service = argv[++i];
+        } else if (strcmp(argv[i], "--host") == 0 && i + 1 < argc) {
+            target_host = argv[++i];
         } else if (strcmp(argv[i], "--service-user") == 0 && i + 1 < argc) {
             expected_user = argv[++i];
         } else if (strcmp(argv[i], "--timeout") == 0 && i + 1 < argc) {

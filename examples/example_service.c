@@ -5,6 +5,7 @@
  *
  *   qvsec-example-service [--socket PATH | --listen HOST:PORT] [--count N]
  *                         [--max-clients N] [--timeout SECONDS] [--cidb FILE]
+ *                         [--service NAME]
  *
  * Clients are served in parallel by a fixed pool of --max-clients threads
  * (16 unless given). While every thread is busy, new connections wait in
@@ -18,6 +19,10 @@
  * other client waits for it beyond the pool being that one thread short
  * until the deadline. With --count N the service stops after N
  * connections, once all of them are done.
+ *
+ * With --service, the service logs in under NAME (sec_login_as_service):
+ * mechanisms that address a service by name, such as "host", accept only
+ * clients that asked for that name.
  *
  * With --cidb, each client's identity is also written to FILE as a CIDB
  * (network name, mapped name and groups; the last client's replaces the
@@ -290,12 +295,12 @@ static void *worker(void *unused) {
 static int usage(void) {
     fprintf(stderr,
             "usage: qvsec-example-service [--socket PATH | --listen HOST:PORT] [--count N] [--max-clients N]\n"
-            "                             [--timeout SECONDS] [--cidb FILE]\n");
+            "                             [--timeout SECONDS] [--cidb FILE] [--service NAME]\n");
     return 2;
 }
 
 int main(int argc, char **argv) {
-    const char *path = NULL, *listen_address = NULL;
+    const char *path = NULL, *listen_address = NULL, *service_name = NULL;
     long max_clients = 16, seconds = 5;
     pthread_t threads[MAX_THREADS];
     sec_status_desc st;
@@ -315,6 +320,8 @@ int main(int argc, char **argv) {
             max_clients = strtol(argv[++i], NULL, 10);
         } else if (strcmp(argv[i], "--timeout") == 0 && i + 1 < argc) {
             seconds = strtol(argv[++i], NULL, 10);
+        } else if (strcmp(argv[i], "--service") == 0 && i + 1 < argc) {
+            service_name = argv[++i];
         } else {
             return usage();
         }
@@ -334,6 +341,11 @@ int main(int argc, char **argv) {
     rc = sec_start(&st, 0, &stoken);
     if (rc != 0) {
         print_failure("sec_start", rc, &st);
+        return 1;
+    }
+    if (service_name != NULL && (rc = sec_login_as_service(&st, (char *)service_name, stoken)) != 0) {
+        print_failure("sec_login_as_service", rc, &st);
+        sec_end(&st, 0, stoken);
         return 1;
     }
     /* A deep backlog: connections that arrive while the pool is busy wait

@@ -166,7 +166,7 @@ extern "C" qv_uint32_t mpm_complete_sec_context(qv_uint32_t *min_stat, sec_buffe
             }
         }
         SessionKeys keys;
-        if (Status s = derive_session_keys(ctx->own, reply.public_key, ctx->hello, in.first(in.size() - kConfirmSize),
+        if (Status s = derive_session_keys(kLocalLabels, ctx->own, reply.public_key, ctx->hello, in.first(in.size() - kConfirmSize),
                                            keys);
             s != kOk)
             return s;
@@ -239,7 +239,7 @@ extern "C" qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_
         reply.public_key = own.public_key;
         reply.creds = own_credentials();
         std::vector<uint8_t> out = write_server_reply_body(reply);
-        if (Status s = derive_session_keys(own, hello.public_key, in, out, ctx.keys); s != kOk) return fail(s);
+        if (Status s = derive_session_keys(kLocalLabels, own, hello.public_key, in, out, ctx.keys); s != kOk) return fail(s);
         out.insert(out.end(), ctx.keys.confirm.begin(), ctx.keys.confirm.end());
         if (!give_bytes(out, sbuff)) return fail(kNoMemory);
 

@@ -16,36 +16,6 @@ constexpr uint8_t kClientIdVersion = 1;
 constexpr size_t kMaxNameInput = 4096;
 constexpr qv_uint32_t kUnknownUser = 1, kOtherUser = 2, kForeignHost = 3;
 
-// The peer behind an established or identity context, when the kernel
-// vouched for it.
-Status client_of(void *token, PeerIdentity &out) {
-    Context *ctx = as_context(token);
-    if (ctx == nullptr) return kBadHandle;
-    std::lock_guard<std::mutex> g(ctx->lock);
-    bool knows_peer = ctx->role == Role::kIdentity || (ctx->phase == Phase::kComplete && ctx->peer_known);
-    if (!knows_peer) return kWrongState;
-    out = ctx->peer;
-    return kOk;
-}
-
-// The buffer-size protocol of the name routines: the whole answer or, when
-// it does not fit, status 6 with the size needed.
-Status answer(std::span<const uint8_t> bytes, qv_int32_t *len, char *out) {
-    if (len == nullptr || *len < 0) return kBadArgument;
-    const auto needed = static_cast<qv_int32_t>(bytes.size());
-    if (needed > *len || (needed > 0 && out == nullptr)) {
-        *len = needed;
-        return kBufferTooSmall;
-    }
-    if (needed > 0) std::memcpy(out, bytes.data(), bytes.size());
-    *len = needed;
-    return kOk;
-}
-
-Status answer_string(const std::string &s, qv_int32_t *len, char *out) {
-    return answer({reinterpret_cast<const uint8_t *>(s.c_str()), s.size() + 1}, len, out);
-}
-
 std::vector<uint8_t> client_id_bytes(const PeerIdentity &id) {
     ByteWriter w;
     w.u8(kClientIdVersion);

@@ -1,132 +1,33 @@
 // Internal header of the "local" mechanism module: a client and a service on
 // the same host authenticate each other through the kernel's credentials of
 // the UNIX-domain socket between them, agree a session key by X25519, and
-// protect data with it. README.md beside this file documents every routine,
-// token format and status.
+// protect data with it (the parts shared with the "host" module are in
+// mpm/common). README.md beside this file documents every routine, token
+// format and status.
 #pragma once
 
-#include <sys/types.h>
-#include <sys/uio.h>
-#include <unistd.h>
-
-#include <cxxabi.h>
-
-#include <array>
-#include <cerrno>
-#include <new>
-#include <cstdint>
-#include <mutex>
-#include <span>
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include "qv_sec_mpm.h"
+#include "mech_common.h"
 
 namespace qvlocal {
+using namespace qvmech;
 
-// ---- Major statuses (the module's own; 0, 1, 6, 24, 34, 36 are the
-// interface's) ----
-enum Status : qv_uint32_t {
-    kOk = MPM_S_COMPLETE,
-    kContinue = MPM_S_CONTINUE,
-    kBadArgument = 4,        // NULL pointer, bad mode, size out of range
-    kBadHandle = 5,          // not a handle of this module, or of the wrong kind
-    kBufferTooSmall = MPM_S_BUFFER_TOO_SMALL,
-    kBadToken = 7,           // a context-establishment token that does not parse
-    kNoSocket = 8,           // no local socket, or the kernel gave no peer credentials
-    // 9 is no longer used: the claims in the tokens are not compared any more.
-    kKeyExchange = 10,       // bad public key or failed key confirmation
-    kWrongState = 11,        // routine called at the wrong point of the context's life
-    kNoMemory = 12,
-    kWrongTarget = 13,       // the client targets another service than the one logged in
-    kBadMessage = 14,        // sealed message malformed or failing its integrity check
-    kReplayed = 15,          // sealed message with a sequence number already used
-    kOutOfOrder = 16,        // sealed message ahead of the next expected one
-    kCryptoUnavailable = 17, // the cryptographic library could not start
-    kExhausted = 18,         // the sequence numbers of a direction are used up
-    kUnknownName = 19,       // a name that does not denote a user of this host
-    kNotPermitted = 20,      // login as a user other than the process's own
-    kMutualRequired = 21,    // mutual authentication asked for without a local socket
-    kInternal = 22,          // unexpected failure (exception) inside the module
-    kNoSignature = MPM_S_NO_SIGNATURE,
-    kServiceNotAllowed = 25, // the service's user may not serve the target name
-    kOtherProcess = 26,      // the context was made in another process (fork)
-    kBadSignature = MPM_S_BAD_SIGNATURE,
-    kUserNotValid = MPM_S_USER_NOT_VALID,
-};
-
-// Minor statuses of kBadToken, kBadMessage and kBadSignature: what was wrong.
-enum Reason : qv_uint32_t {
-    kReasonNone = 0,
-    kReasonTruncated = 1,     // shorter than its fields
-    kReasonType = 2,          // wrong type byte
-    kReasonVersion = 3,       // unsupported version
-    kReasonTrailing = 4,      // bytes after the last field
-    kReasonName = 5,          // a name with a NUL byte in it
-    kReasonMode = 6,          // unknown protection mode
-    kReasonTag = 7,           // integrity tag does not match
-    kReasonReplayed = 8,      // signature: sequence number already used
-    kReasonOutOfOrder = 9,    // signature: ahead of the next expected one
-};
-// Minor statuses of kServiceNotAllowed.
-inline constexpr qv_uint32_t kMinorUserNotAllowed = 1, kMinorServicesFileUnusable = 2;
-// Minor status of kNoSocket when the descriptor no longer names the socket
-// the context was given.
-inline constexpr qv_uint32_t kMinorSocketChanged = ESTALE;
-
-// ---- Constants ----
-inline constexpr char kMnemonic[] = "local";
-inline constexpr uint8_t kProtocolVersion = 1;
 inline constexpr uint8_t kTypeClientHello = 0x01;
 inline constexpr uint8_t kTypeServerReply = 0x02;
 inline constexpr size_t kNonceSize = 32;
-inline constexpr size_t kPublicKeySize = 32;
-inline constexpr size_t kKeySize = 32;
-inline constexpr size_t kConfirmSize = 32;
-inline constexpr size_t kMaxServiceName = 255;
 inline constexpr size_t kClientHelloFixed = 81;  // without the service name
 inline constexpr size_t kServerReplyFixed = 113;  // without the service name
 
 // Token flags (16-bit field of both tokens).
 inline constexpr uint16_t kTokenChecksPeer = 0x0001;  // sender checks who the peer is
 
-// Protection modes of mpm_prepare_data (the library passes exactly one).
-inline constexpr qv_uint32_t kProtectIntegrity = 0x00100000;
-inline constexpr qv_uint32_t kProtectConfidentiality = 0x00200000;
-inline constexpr uint8_t kModeIntegrity = 1;
-inline constexpr uint8_t kModeConfidentiality = 2;
-inline constexpr size_t kSealHeader = 10;  // version, mode, sequence number
-inline constexpr size_t kSealTag = 16;
-inline constexpr size_t kSignatureSize = 41;  // version, sequence number, tag
-// Version 2 signatures cover each element's length; version 1 covered only
-// the concatenation, so a vector split otherwise verified.
-inline constexpr uint8_t kSignatureVersion = 2;
+// The file of "service user" lines read for a client that requires mutual
+// authentication.
+inline constexpr char kServicesFile[] = QV_LOCAL_SERVICES_FILE;
 
-// Flags of mpm_start_sec_context (the caller's sec_start_sec_context flags).
-inline constexpr qv_uint32_t kRequireMutual = 0x00000002;
-
-// Context flags (mpm_get_ctx_flags, and rflags of mpm_receive_sec_context).
-inline constexpr qv_uint32_t kCtxMutual = 0x0001;
-inline constexpr qv_uint32_t kCtxReplay = 0x0002;
-inline constexpr qv_uint32_t kCtxSequence = 0x0004;
-inline constexpr qv_uint32_t kCtxIntegrity = 0x0008;
-inline constexpr qv_uint32_t kCtxConfidentiality = 0x0010;
-inline constexpr qv_uint32_t kCtxIdentity = 0x0040;
-
-// A context's credentials do not expire: the kernel vouched for the peer of
-// the connection, and that holds for as long as the connection does.
-inline constexpr qv_int32_t kIndefiniteLifetime = 0x7fffffff;
-
-// Socket flags given to sec_setup_socket and passed in the socket information.
-inline constexpr qv_uint32_t kSocketLocal = 0x01000000;
+// The key schedule's labels of this module.
+inline constexpr KdfLabels kLocalLabels{"qvlocal1", "qvsec local v1 session", "qvsec local v1 server confirm"};
 
 // ---- Wire formats ----
-struct Credentials {
-    uint32_t uid = 0, gid = 0, pid = 0;
-    bool operator==(const Credentials &) const = default;
-};
-
 struct ClientHello {
     uint16_t flags = 0;
     std::array<uint8_t, kNonceSize> nonce{};
@@ -151,149 +52,5 @@ std::vector<uint8_t> write_server_reply_body(const ServerReply &r);
 // on failure they return kBadToken and set *reason.
 Status read_client_hello(std::span<const uint8_t> in, ClientHello &h, qv_uint32_t *reason);
 Status read_server_reply(std::span<const uint8_t> in, ServerReply &r, qv_uint32_t *reason);
-
-// ---- Session keys ----
-struct SessionKeys {
-    std::array<uint8_t, kKeySize> seal_c2s{}, seal_s2c{}, sign_c2s{}, sign_s2c{};
-    std::array<uint8_t, kConfirmSize> confirm{};  // the server's confirmation tag
-    ~SessionKeys();
-    void wipe();
-};
-
-struct KeyPair {
-    std::array<uint8_t, kPublicKeySize> public_key{};
-    std::array<uint8_t, 32> secret_key{};
-    ~KeyPair() { wipe(); }
-    void generate();
-    void wipe();
-};
-
-// Derives the keys from our secret key, the peer's public key and the
-// transcript (client hello, server reply body). kKeyExchange for a public key
-// that gives the all-zero shared secret.
-Status derive_session_keys(const KeyPair &own, std::span<const uint8_t> peer_public,
-                           std::span<const uint8_t> hello, std::span<const uint8_t> reply_body,
-                           SessionKeys &keys);
-void random_bytes(std::span<uint8_t> out);
-
-// ---- Peer credentials ----
-// Which socket a descriptor named when a context was given it: a service
-// that closes and re-accepts may get the same number for another connection.
-struct SocketId {
-    dev_t dev = 0;
-    ino_t ino = 0;
-    bool operator==(const SocketId &) const = default;
-};
-// kNoSocket with errno in *minor when fd names nothing.
-Status socket_id(int fd, SocketId &id, qv_uint32_t *minor);
-// What the kernel reports for the other end of the local socket fd: the
-// process that connected (or called listen, or made the pair) and its
-// effective ids at that time. kNoSocket with errno (or EAFNOSUPPORT) in
-// *minor when there is none.
-Status peer_credentials(int fd, Credentials &creds, qv_uint32_t *minor);
-Credentials own_credentials();
-
-// ---- Who may serve a target name ----
-// The file of "service user" lines that names the users allowed to serve a
-// service, beside root, the client's own user and, for a service the file
-// does not name, the user of the service's name.
-inline constexpr char kServicesFile[] = QV_LOCAL_SERVICES_FILE;
-// Parses the file's text; false for a malformed line. Appends to users the
-// user fields of the lines for service; *listed tells whether any line names it.
-bool parse_services(std::string_view text, std::string_view service, std::vector<std::string> &users,
-                    bool *listed);
-// kOk when a service run by service_uid may answer a client (client_uid)
-// that targets target ("service" or "service@host"); kServiceNotAllowed with
-// kMinorUserNotAllowed or kMinorServicesFileUnusable in *minor otherwise.
-Status service_user_allowed(const char *file, std::string_view target, uint32_t service_uid, uint32_t client_uid,
-                            qv_uint32_t *minor);
-
-// ---- Handles ----
-inline constexpr uint32_t kServiceMagic = 0x4c53564dU;  // "LSVM"
-inline constexpr uint32_t kContextMagic = 0x4c43544dU;  // "LCTM"
-
-struct Service {
-    uint32_t magic = kServiceMagic;
-    qv_uint32_t flags = 0;
-    std::mutex lock;  // guards name
-    std::string name;  // from mpm_login_as_service; empty: not logged in
-    ~Service() { magic = 0; }
-};
-
-enum class Role { kUnset, kClient, kServer, kIdentity };
-enum class Phase { kNew, kAwaitingReply, kComplete };
-
-// A peer as the kernel vouched for it (or as an identity context names it).
-struct PeerIdentity {
-    Credentials creds;
-    std::string user;  // local user name; empty when the uid has no entry
-    std::string host;  // this host's name when the identity was made
-};
-
-struct Context {
-    uint32_t magic = kContextMagic;
-    std::mutex lock;  // guards everything below once the context is shared
-    Role role = Role::kUnset;
-    Phase phase = Phase::kNew;
-    // A context works only in the process that made its keys: after fork,
-    // parent and child would seal with the same keys and sequence numbers.
-    uint64_t generation = 0;  // process_generation() when the keys were made
-    int fd = -1;  // the local socket, -1 without one
-    SocketId socket;  // what fd named when it was given
-    bool has_socket = false;
-    bool socket_is_local = false;
-    qv_uint32_t flags = 0;  // context flags, once complete
-    // Client side, between its hello and the server's reply.
-    KeyPair own;
-    std::vector<uint8_t> hello;
-    bool require_mutual = false;  // flag 0x2: the service must be allowed to serve target
-    std::string target;
-    // The peer as the kernel vouched for it: the client on the service side,
-    // the service on the client side (when the client held its socket).
-    bool peer_known = false;
-    PeerIdentity peer;
-    std::string peer_service;  // client side: the name the service logged in with
-    SessionKeys keys;
-    uint64_t seal_tx = 0, seal_rx = 0, sign_tx = 0, sign_rx = 0;
-    ~Context() { magic = 0; }
-};
-
-Service *as_service(void *p);
-Context *as_context(void *p);
-
-// Host name and user lookups.
-const std::string &host_name();
-std::string user_name_of(uint32_t uid);
-bool uid_of_user(const std::string &name, uint32_t &uid, uint32_t &gid);
-std::string network_name(const PeerIdentity &id);
-
-// Runs a routine body: the minor status starts at 0, std::bad_alloc becomes
-// kNoMemory, other exceptions kInternal, and thread cancellation passes.
-template <typename F>
-qv_uint32_t guarded(qv_uint32_t *min_stat, F &&body) {
-    qv_uint32_t ignored = 0;
-    qv_uint32_t *minor = min_stat != nullptr ? min_stat : &ignored;
-    *minor = 0;
-    try {
-        return body(minor);
-    } catch (abi::__forced_unwind &) {
-        throw;
-    } catch (std::bad_alloc &) {
-        return kNoMemory;
-    } catch (...) {
-        return kInternal;
-    }
-}
-
-bool crypto_ready();
-
-// Changes in the child of every fork (a fork handler counts them), so that
-// a context can tell it was copied into another process. Cheaper than
-// getpid, which is a system call on every seal.
-uint64_t process_generation();
-
-// Caller buffers (released through mpm_release_buffer, which calls free).
-bool give_bytes(std::span<const uint8_t> bytes, sec_buffer_t out);
-std::span<const uint8_t> bytes_of(const sec_buffer_desc &b);
 
 }  // namespace qvlocal

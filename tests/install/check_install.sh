@@ -13,10 +13,10 @@ for f in include/qv_sec.h include/qv_sec_internal.h include/qv_sec_version.h inc
          lib/libqv_sec.so lib/libvorpkit.so lib/libqv_cu.so lib/libqv_tr.so \
          lib/pkgconfig/qv_sec.pc lib/pkgconfig/vorpkit.pc \
          share/qvsec/qvsec.cat share/qvsec/qvsec.msg share/qvsec/qvsec.cfg.sample bin/qvsec bin/qvtrace \
-         bin/qvsec-example-service bin/qvsec-example-client lib/qvsec/mpm_local.so \
+         bin/qvsec-example-service bin/qvsec-example-client lib/qvsec/mpm_local.so lib/qvsec/mpm_host.so \
          lib/cmake/qv_sec/qv_secConfig.cmake lib/cmake/qv_sec/qv_secConfigVersion.cmake share/qvsec/valgrind.supp \
          share/man/man1/qvsec.1 share/man/man1/qvtrace.1 share/man/man3/qv_sec.3 share/man/man5/qvsec.cfg.5 \
-         share/man/man7/qvsec-local.7 share/doc/qvsec/README.md share/doc/qvsec/local-mechanism.md \
+         share/man/man7/qvsec-local.7 share/doc/qvsec/README.md share/doc/qvsec/local-mechanism.md share/doc/qvsec/host-mechanism.md \
          share/doc/qvsec/writing-a-module.md share/doc/qvsec/skeleton_module.c; do
   [ -e "$prefix/$f" ] || fail "missing $f"
 done
@@ -53,6 +53,8 @@ expected="rc=21 id=21 set=1 num=23 line=2
 # module, and rejects the bad file.
 grep -q "^1 local 0x00000001 $prefix/lib/qvsec/mpm_local.so i$" "$prefix/share/qvsec/qvsec.cfg.sample" \
   || fail "sample does not name the installed module"
+grep -q "^2 host 0x00000002 $prefix/lib/qvsec/mpm_host.so i$" "$prefix/share/qvsec/qvsec.cfg.sample" \
+  || fail "sample does not name the installed host module"
 "$prefix/bin/qvsec" config check "$prefix/share/qvsec/qvsec.cfg.sample" >/dev/null || fail "sample rejected"
 if "$prefix/bin/qvsec" config check "$prefix/bad.cfg" 2>/dev/null; then fail "bad file accepted"; fi
 # A CMake project finds the package alone, builds the examples (C) and a C++

@@ -1,15 +1,16 @@
-// Module and service life: loading, service handles, service and user login,
-// context queries, teardown and the release of output buffers.
+// Service handles, service login, context queries, teardown and the release
+// of output buffers: the same in every module of this family.
 #include <sodium.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <cstring>
 #include <memory>
 
-#include "byte_io.h"
-#include "local_mech.h"
+#include "mech_common.h"
 
-using namespace qvlocal;
+using namespace qvmech;
 
 namespace {
 
@@ -22,22 +23,23 @@ Status completed_context(void *token, Context *&ctx, std::unique_lock<std::mutex
     return kOk;
 }
 
-}  // namespace
-
-extern "C" void mpm_init(void) {
-    // Starts the cryptographic library and fixes the host name before any
-    // thread needs them; a failure is reported by the routines that need it.
-    (void)crypto_ready();
-    (void)host_name();
-    (void)process_generation();
+// Seconds until expiry (UNIX time), 0 once past; 0 as expiry: indefinite.
+qv_int32_t remaining_lifetime(int64_t expiry) {
+    if (expiry == 0) return kIndefiniteLifetime;
+    const int64_t left = expiry - static_cast<int64_t>(time(nullptr));
+    return left <= 0 ? 0 : static_cast<qv_int32_t>(std::min<int64_t>(left, kIndefiniteLifetime - 1));
 }
 
+}  // namespace
+
+
 extern "C" qv_uint32_t mpm_start(qv_uint32_t *min_stat, qv_uint32_t flags, void **token) {
-    return guarded(min_stat, [&](qv_uint32_t *) -> qv_uint32_t {
+    return guarded(min_stat, [&](qv_uint32_t *minor) -> qv_uint32_t {
         if (token == nullptr) return kBadArgument;
         if (!crypto_ready()) return kCryptoUnavailable;
         auto svc = std::make_unique<Service>();
         svc->flags = flags;
+        if (Status s = start_service(*svc, minor); s != kOk) return s;
         *token = svc.release();
         return kOk;
     });
@@ -79,34 +81,6 @@ extern "C" qv_uint32_t mpm_login_as_service(qv_uint32_t *min_stat, char *svc_nam
     });
 }
 
-// A process cannot take another user's kernel credentials, and this
-// mechanism has no password: logging in succeeds only as the process's own
-// user on this host. id holds a client id as mpm_get_client_id writes it.
-extern "C" qv_uint32_t mpm_login_as_user(qv_uint32_t *min_stat, sec_buffer_t id, void *authenticator,
-                                         qv_uint32_t flags, void *token) {
-    (void)authenticator;
-    (void)flags;
-    return guarded(min_stat, [&](qv_uint32_t *minor) -> qv_uint32_t {
-        if (as_service(token) == nullptr) return kBadHandle;
-        if (id == nullptr) return kBadArgument;
-        ByteReader r(bytes_of(*id));
-        uint8_t version;
-        uint32_t uid, gid;
-        if (!r.u8(version) || !r.u32be(uid) || !r.u32be(gid)) {
-            *minor = kReasonTruncated;
-            return kBadToken;
-        }
-        if (version != 1) {
-            *minor = kReasonVersion;
-            return kBadToken;
-        }
-        std::span<const uint8_t> host = r.rest();
-        bool this_host = host.size() == host_name().size() &&
-                         std::memcmp(host.data(), host_name().data(), host.size()) == 0;
-        if (!this_host || uid != own_credentials().uid) return kNotPermitted;
-        return kOk;
-    });
-}
 
 extern "C" qv_uint32_t mpm_renew_identity(qv_uint32_t *min_stat, void *token, qv_int32_t *lifetime) {
     return guarded(min_stat, [&](qv_uint32_t *) -> qv_uint32_t {
@@ -116,22 +90,6 @@ extern "C" qv_uint32_t mpm_renew_identity(qv_uint32_t *min_stat, void *token, qv
     });
 }
 
-extern "C" qv_uint32_t mpm_get_target_name(qv_uint32_t *min_stat, void *token, char *service, char *host,
-                                           qv_int32_t *length, char *name) {
-    return guarded(min_stat, [&](qv_uint32_t *) -> qv_uint32_t {
-        if (as_service(token) == nullptr) return kBadHandle;
-        if (service == nullptr || service[0] == '\0' || length == nullptr || *length < 0) return kBadArgument;
-        std::string target = std::string(service) + "@" + (host != nullptr && host[0] != '\0' ? host : host_name());
-        const auto needed = static_cast<qv_int32_t>(target.size() + 1);
-        if (needed > *length || name == nullptr) {
-            *length = needed;
-            return kBufferTooSmall;
-        }
-        std::memcpy(name, target.c_str(), target.size() + 1);
-        *length = needed;
-        return kOk;
-    });
-}
 
 extern "C" qv_uint32_t mpm_get_ctx_lifetime(qv_uint32_t *min_stat, void *token, qv_int32_t *lifetime) {
     return guarded(min_stat, [&](qv_uint32_t *) -> qv_uint32_t {
@@ -139,7 +97,7 @@ extern "C" qv_uint32_t mpm_get_ctx_lifetime(qv_uint32_t *min_stat, void *token, 
         Context *ctx;
         std::unique_lock<std::mutex> guard;
         if (Status s = completed_context(token, ctx, guard); s != kOk) return s;
-        *lifetime = kIndefiniteLifetime;
+        *lifetime = remaining_lifetime(ctx->expiry);
         return kOk;
     });
 }
@@ -159,7 +117,7 @@ extern "C" qv_uint32_t mpm_get_ctx_mpm(qv_uint32_t *min_stat, void *token, char 
     return guarded(min_stat, [&](qv_uint32_t *) -> qv_uint32_t {
         if (mpm == nullptr) return kBadArgument;
         if (as_context(token) == nullptr) return kBadHandle;
-        std::memcpy(mpm, kMnemonic, sizeof kMnemonic);
+        std::memcpy(mpm, kMnemonic, std::strlen(kMnemonic) + 1);
         return kOk;
     });
 }

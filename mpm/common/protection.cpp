@@ -12,9 +12,9 @@
 #include <cstring>
 #include <memory>
 
-#include "local_mech.h"
+#include "mech_common.h"
 
-namespace qvlocal {
+namespace qvmech {
 namespace {
 
 constexpr char kSignLabel[] = "qvsec local v1 signature";
@@ -96,9 +96,9 @@ void signature_tag(const uint8_t *key, uint64_t seq, qv_int32_t count, const iov
 }
 
 }  // namespace
-}  // namespace qvlocal
+}  // namespace qvmech
 
-using namespace qvlocal;
+using namespace qvmech;
 
 extern "C" qv_uint32_t mpm_prepare_data(qv_uint32_t *min_stat, void *token, qv_uint32_t flags, sec_buffer_t in,
                                         sec_buffer_t out) {

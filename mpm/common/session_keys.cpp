@@ -1,19 +1,15 @@
 // The key schedule: X25519 between the two ephemeral keys, the shared secret
-// keyed into a BLAKE2b hash of the whole transcript (both tokens, so both
-// nonces, both claims and the service names), and one key per purpose and
-// direction derived from that.
+// keyed into a BLAKE2b hash of the whole transcript (both tokens, so every
+// claim and name in them), and one key per purpose and direction derived
+// from that, under labels of the module.
 #include <sodium.h>
 
 #include <cstring>
 
-#include "local_mech.h"
+#include "mech_common.h"
 
-namespace qvlocal {
+namespace qvmech {
 namespace {
-
-constexpr char kKdfContext[crypto_kdf_CONTEXTBYTES + 1] = "qvlocal1";
-constexpr char kLabel[] = "qvsec local v1 session";
-constexpr char kConfirmLabel[] = "qvsec local v1 server confirm";
 
 enum SubkeyId : uint64_t { kSealC2S = 1, kSealS2C = 2, kSignC2S = 3, kSignS2C = 4, kConfirm = 5 };
 
@@ -44,7 +40,7 @@ void KeyPair::generate() {
 
 void random_bytes(std::span<uint8_t> out) { randombytes_buf(out.data(), out.size()); }
 
-Status derive_session_keys(const KeyPair &own, std::span<const uint8_t> peer_public,
+Status derive_session_keys(const KdfLabels &labels, const KeyPair &own, std::span<const uint8_t> peer_public,
                            std::span<const uint8_t> hello, std::span<const uint8_t> reply_body,
                            SessionKeys &keys) {
     if (peer_public.size() != crypto_scalarmult_BYTES) return kKeyExchange;
@@ -65,21 +61,21 @@ Status derive_session_keys(const KeyPair &own, std::span<const uint8_t> peer_pub
 
     uint8_t prk[crypto_kdf_KEYBYTES];
     crypto_generichash_init(&st, shared, sizeof shared, sizeof prk);
-    crypto_generichash_update(&st, reinterpret_cast<const uint8_t *>(kLabel), sizeof kLabel - 1);
+    crypto_generichash_update(&st, reinterpret_cast<const uint8_t *>(labels.session), std::strlen(labels.session));
     crypto_generichash_update(&st, transcript, sizeof transcript);
     crypto_generichash_final(&st, prk, sizeof prk);
     sodium_memzero(shared, sizeof shared);
 
-    crypto_kdf_derive_from_key(keys.seal_c2s.data(), kKeySize, kSealC2S, kKdfContext, prk);
-    crypto_kdf_derive_from_key(keys.seal_s2c.data(), kKeySize, kSealS2C, kKdfContext, prk);
-    crypto_kdf_derive_from_key(keys.sign_c2s.data(), kKeySize, kSignC2S, kKdfContext, prk);
-    crypto_kdf_derive_from_key(keys.sign_s2c.data(), kKeySize, kSignS2C, kKdfContext, prk);
+    crypto_kdf_derive_from_key(keys.seal_c2s.data(), kKeySize, kSealC2S, labels.kdf_context, prk);
+    crypto_kdf_derive_from_key(keys.seal_s2c.data(), kKeySize, kSealS2C, labels.kdf_context, prk);
+    crypto_kdf_derive_from_key(keys.sign_c2s.data(), kKeySize, kSignC2S, labels.kdf_context, prk);
+    crypto_kdf_derive_from_key(keys.sign_s2c.data(), kKeySize, kSignS2C, labels.kdf_context, prk);
     uint8_t confirm_key[kKeySize];
-    crypto_kdf_derive_from_key(confirm_key, sizeof confirm_key, kConfirm, kKdfContext, prk);
+    crypto_kdf_derive_from_key(confirm_key, sizeof confirm_key, kConfirm, labels.kdf_context, prk);
     sodium_memzero(prk, sizeof prk);
 
     crypto_generichash_init(&st, confirm_key, sizeof confirm_key, keys.confirm.size());
-    crypto_generichash_update(&st, reinterpret_cast<const uint8_t *>(kConfirmLabel), sizeof kConfirmLabel - 1);
+    crypto_generichash_update(&st, reinterpret_cast<const uint8_t *>(labels.confirm), std::strlen(labels.confirm));
     crypto_generichash_update(&st, transcript, sizeof transcript);
     crypto_generichash_final(&st, keys.confirm.data(), keys.confirm.size());
     sodium_memzero(confirm_key, sizeof confirm_key);
@@ -87,4 +83,4 @@ Status derive_session_keys(const KeyPair &own, std::span<const uint8_t> peer_pub
     return kOk;
 }
 
-}  // namespace qvlocal
+}  // namespace qvmech

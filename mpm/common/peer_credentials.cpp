@@ -6,9 +6,9 @@
 
 #include <cerrno>
 
-#include "local_mech.h"
+#include "mech_common.h"
 
-namespace qvlocal {
+namespace qvmech {
 
 Status peer_credentials(int fd, Credentials &creds, qv_uint32_t *minor) {
     sockaddr_storage addr{};
@@ -56,4 +56,4 @@ Status socket_id(int fd, SocketId &id, qv_uint32_t *minor) {
     return kOk;
 }
 
-}  // namespace qvlocal
+}  // namespace qvmech

@@ -1,5 +1,5 @@
-// Handle checks, caller buffers, and the host and user lookups that names are
-// made of.
+// Handle checks, caller buffers, the host and user lookups that names are
+// made of, and the answers of the name routines.
 #include <pthread.h>
 #include <pwd.h>
 #include <sodium.h>
@@ -12,9 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "local_mech.h"
+#include "mech_common.h"
 
-namespace qvlocal {
+namespace qvmech {
 
 // A handle is only ever a pointer the module handed out; the magic word
 // catches a handle of the other kind, a NULL one and most stale ones.
@@ -131,9 +131,35 @@ bool uid_of_user(const std::string &name, uint32_t &uid, uint32_t &gid) {
     return true;
 }
 
+Status client_of(void *token, PeerIdentity &out) {
+    Context *ctx = as_context(token);
+    if (ctx == nullptr) return kBadHandle;
+    std::lock_guard<std::mutex> g(ctx->lock);
+    bool knows_peer = ctx->role == Role::kIdentity || (ctx->phase == Phase::kComplete && ctx->peer_known);
+    if (!knows_peer) return kWrongState;
+    out = ctx->peer;
+    return kOk;
+}
+
+Status answer(std::span<const uint8_t> bytes, qv_int32_t *len, char *out) {
+    if (len == nullptr || *len < 0) return kBadArgument;
+    const auto needed = static_cast<qv_int32_t>(bytes.size());
+    if (needed > *len || (needed > 0 && out == nullptr)) {
+        *len = needed;
+        return kBufferTooSmall;
+    }
+    if (needed > 0) std::memcpy(out, bytes.data(), bytes.size());
+    *len = needed;
+    return kOk;
+}
+
+Status answer_string(const std::string &s, qv_int32_t *len, char *out) {
+    return answer({reinterpret_cast<const uint8_t *>(s.c_str()), s.size() + 1}, len, out);
+}
+
 std::string network_name(const PeerIdentity &id) {
     std::string user = id.user.empty() ? "#" + std::to_string(id.creds.uid) : id.user;
     return user + "@" + id.host;
 }
 
-}  // namespace qvlocal
+}  // namespace qvmech

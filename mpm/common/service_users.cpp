@@ -20,9 +20,9 @@
 #include <cerrno>
 #include <memory>
 
-#include "local_mech.h"
+#include "mech_common.h"
 
-namespace qvlocal {
+namespace qvmech {
 namespace {
 
 // A services file is a handful of lines; anything larger is not one.
@@ -41,18 +41,6 @@ std::string_view next_field(std::string_view &line) {
     return field;
 }
 
-// close is a cancellation point: the destructor may run while a
-// cancellation unwinds the thread, so it keeps cancellation off meanwhile.
-struct FdCloser {
-    int fd;
-    ~FdCloser() {
-        if (fd < 0) return;
-        int old;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
-        close(fd);
-        pthread_setcancelstate(old, &old);
-    }
-};
 
 // The file's text; false when it is there but cannot be trusted or read.
 // A missing file is an empty one.
@@ -99,9 +87,13 @@ bool parse_services(std::string_view text, std::string_view service, std::vector
     return true;
 }
 
-Status service_user_allowed(const char *file, std::string_view target, uint32_t service_uid, uint32_t client_uid,
-                            qv_uint32_t *minor) {
-    if (service_uid == 0 || service_uid == client_uid) return kOk;
+namespace {
+
+// Whether the rule admits a user: one of the users listed for the target's
+// service, or, when the file lists none, the user of the service's name.
+// match says whether a listed user name is the one at hand.
+template <typename Match>
+Status listed_or_named(const char *file, std::string_view target, Match match, qv_uint32_t *minor) {
     std::string_view service = target.substr(0, target.find('@'));
     std::string text;
     std::vector<std::string> users;
@@ -111,13 +103,34 @@ Status service_user_allowed(const char *file, std::string_view target, uint32_t 
         return kServiceNotAllowed;
     }
     if (!listed) users.emplace_back(service);
-    for (const std::string &user : users) {
-        uint32_t uid, gid;
-        // A user that no longer exists matches nobody.
-        if (!user.empty() && uid_of_user(user, uid, gid) && uid == service_uid) return kOk;
-    }
+    for (const std::string &user : users)
+        if (!user.empty() && match(user)) return kOk;
     *minor = kMinorUserNotAllowed;
     return kServiceNotAllowed;
 }
 
-}  // namespace qvlocal
+}  // namespace
+
+Status service_user_allowed(const char *file, std::string_view target, uint32_t service_uid, uint32_t client_uid,
+                            qv_uint32_t *minor) {
+    if (service_uid == 0 || service_uid == client_uid) return kOk;
+    // A user that no longer exists matches nobody.
+    return listed_or_named(
+        file, target,
+        [&](const std::string &user) {
+            uint32_t uid, gid;
+            return uid_of_user(user, uid, gid) && uid == service_uid;
+        },
+        minor);
+}
+
+// The client's own user is not admitted here: the same uid on another host
+// may be another person.
+Status service_name_allowed(const char *file, std::string_view target, uint32_t service_uid,
+                            std::string_view service_user, qv_uint32_t *minor) {
+    if (service_uid == 0) return kOk;
+    return listed_or_named(
+        file, target, [&](const std::string &user) { return user == service_user; }, minor);
+}
+
+}  // namespace qvmech
