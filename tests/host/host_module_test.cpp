@@ -298,6 +298,28 @@ TEST_F(HostModule, ExchangesAcrossHosts) {
          kMisaddressed, kOtherService, 0},
         {"relay gives a client the service's answer to another",
          [&] { return to_svc({}, [&](Bytes &r) { r = other_reply; }); }, 0, 0, kMisaddressed},
+        {"service's answer asserted by another trusted host than the one asked for",
+         [&] {
+             write_trusted(a_, trusted_line(b_, *b_.key) + trusted_line(c_, *c_.key));
+             Outcome o = to_svc({}, [&](Bytes &r) {
+                 ServiceToken t;
+                 qv_uint32_t minor;
+                 ASSERT_EQ(read_service_token(r, t, &minor), kOk);
+                 qvhost::TrustedHosts b_only;
+                 std::string w;
+                 ASSERT_TRUE(qvhost::parse_trusted_hosts(trusted_line(b_, *b_.key), b_only, w)) << w;
+                 qvhost::Assertion a;
+                 ASSERT_EQ(check_peer_assertion(t.assertion, b_only, now(), 0, a, &minor), kOk);
+                 a.host = c_.name, a.node_id = c_.node;
+                 Bytes confirm(t.confirm.begin(), t.confirm.end());
+                 r = write_service_token_body(t.flags, qvhost::sign_assertion(a, *c_.key));
+                 r.insert(r.end(), confirm.begin(), confirm.end());
+             });
+             write_trusted(a_, trusted_line(b_, *b_.key));
+             EXPECT_EQ(o.client_minor, kUnexpectedHost);
+             return o;
+         },
+         0, 0, kMisaddressed},
         {"service's answer with a changed confirmation tag", [&] { return to_svc({}, [](Bytes &r) { r.back() ^= 1; }); },
          0, 0, kKeyExchange},
         {"service run by a user that may not serve the target", [&] { return exchange(from_a, nobody_, "svc", "hostb"); },
