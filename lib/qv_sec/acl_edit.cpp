@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <span>
 #include <vector>
@@ -27,6 +28,7 @@
 #include "acl_arguments.h"
 #include "acl_edit.h"
 #include "acl_format.h"
+#include "byte_io.h"
 #include "errors.h"
 #include "library_init.h"
 
@@ -49,6 +51,25 @@ qv_int32_t not_found(const uint8_t *entry) {
 // The entries of the changed sub-ACL in their new order, as byte ranges.
 using Pieces = std::vector<std::span<const uint8_t>>;
 
+using OutBuffer = std::unique_ptr<uint8_t, SecFree>;
+
+// Sets the changed sub-ACL's count and next offset and the ACL's sah_count
+// in out (total bytes, entries of them in the sub-ACL), and hands it to the
+// caller in place of the old buffer.
+qv_int32_t install(OutBuffer out, size_t total, const acl::SubAcl &s, size_t entries, int32_t count,
+                   sec_acl_buffer_t acl) {
+    uint8_t *const o = out.get();
+    acl::put_be32(o + s.head + acl::kSshCount, static_cast<uint32_t>(count));
+    if (!s.last) acl::put_be32(o + s.head + acl::kSshNextoff, static_cast<uint32_t>(acl::kSubHeadLen + entries));
+    uint32_t total_count = acl::be32(o + acl::kSahCount);
+    acl::put_be32(o + acl::kSahCount, total_count + static_cast<uint32_t>(count) - static_cast<uint32_t>(s.count));
+
+    std::free(acl->value);
+    acl->value = out.release();
+    acl->length = static_cast<qv_int32_t>(total);
+    return 0;
+}
+
 // Builds the new buffer: the old one with sub-ACL s's entries replaced by
 // pieces (count entries in all), its count and next offset updated, and
 // sah_count moved by the change of count. Hands it to the caller on
@@ -60,9 +81,9 @@ qv_int32_t rebuild(std::span<const uint8_t> old, const acl::SubAcl &s, const Pie
     const size_t old_entries = s.end - s.begin;
     const size_t total = old.size() - old_entries + entries;
     if (total > INT32_MAX || entries > UINT32_MAX - acl::kSubHeadLen) return no_memory(total);
-    auto *out = static_cast<uint8_t *>(std::malloc(total));
+    OutBuffer out(static_cast<uint8_t *>(std::malloc(total)));
     if (out == nullptr) return no_memory(total);
-    uint8_t *w = out;
+    uint8_t *w = out.get();
     std::memcpy(w, old.data(), s.begin);
     w += s.begin;
     for (auto p : pieces) {
@@ -70,16 +91,7 @@ qv_int32_t rebuild(std::span<const uint8_t> old, const acl::SubAcl &s, const Pie
         w += p.size();
     }
     std::memcpy(w, old.data() + s.end, old.size() - s.end);
-
-    acl::put_be32(out + s.head + acl::kSshCount, static_cast<uint32_t>(count));
-    if (!s.last) acl::put_be32(out + s.head + acl::kSshNextoff, static_cast<uint32_t>(acl::kSubHeadLen + entries));
-    uint32_t total_count = acl::be32(out + acl::kSahCount);
-    acl::put_be32(out + acl::kSahCount, total_count + static_cast<uint32_t>(count) - static_cast<uint32_t>(s.count));
-
-    std::free(acl->value);
-    acl->value = out;
-    acl->length = static_cast<qv_int32_t>(total);
-    return 0;
+    return install(std::move(out), total, s, entries, count, acl);
 }
 
 // Appends a sub-ACL holding only the entry to an ACL without one for its
@@ -184,6 +196,158 @@ struct Split {
     return len;
 }
 
+// Copies the entries of the sub-ACL being edited into the new buffer while
+// the pass checks them, so that an edit of a sub-ACL stored in order reads
+// the old buffer once. Input offsets below `from` are copied, each to its
+// offset moved by the shift given to start() (0 before the edited place).
+// In the pass's tight loops each entry moves a fixed 48 bytes at `from`
+// (the loops stop 48 bytes before the buffer's end) and `from` advances by
+// what the pass has left behind, trailing it by 64 bytes. Bytes moved ahead
+// of `from` are moved again later: copies run in buffer order, and the
+// head, the new entry and the rest of the buffer are written after the pass.
+struct Copier {
+    uint8_t *out = nullptr;  // null: not copying
+    uintptr_t to = 0;        // where input offset 0 goes: out + shift, which may lie before out
+    size_t from = 0;
+
+    void start(size_t at, ptrdiff_t shift) {
+        from = at;
+        to = reinterpret_cast<uintptr_t>(out) + static_cast<uintptr_t>(shift);
+    }
+    // One step of a tight loop that has checked the input below offset
+    // checked (of the buffer at in).
+    [[gnu::always_inline]] void step(const uint8_t *in, size_t checked) {
+        move48(reinterpret_cast<uint8_t *>(to + from), in + from);
+        const ptrdiff_t behind = static_cast<ptrdiff_t>(checked) - kTrail;
+        from = static_cast<size_t>(
+            std::min(static_cast<ptrdiff_t>(from) + 48, std::max(static_cast<ptrdiff_t>(from), behind)));
+    }
+    void flush(const uint8_t *in, size_t upto) {
+        if (out != nullptr && upto > from) std::memcpy(reinterpret_cast<uint8_t *>(to + from), in + from, upto - from);
+        from = std::max(from, upto);
+    }
+
+    static constexpr ptrdiff_t kTrail = 64;
+    static constexpr size_t kMove = 48;
+
+private:
+    // Three 16-byte moves: given memcpy, the compiler may emit a string
+    // instruction whose start-up costs more than a step of the pass.
+    [[gnu::always_inline]] static void move48(uint8_t *to, const uint8_t *bytes) {
+#if defined(__SSE2__)
+        const auto *f = reinterpret_cast<const __m128i *>(bytes);
+        auto *t = reinterpret_cast<__m128i *>(to);
+        const __m128i a = _mm_loadu_si128(f), b = _mm_loadu_si128(f + 1), c = _mm_loadu_si128(f + 2);
+        _mm_storeu_si128(t, a);
+        _mm_storeu_si128(t + 1, b);
+        _mm_storeu_si128(t + 2, c);
+#else
+        std::memcpy(to, bytes, kMove);
+#endif
+    }
+};
+
+#if defined(__SSE2__)
+// The order of two identifiers as far as their first 16 bytes (x and y)
+// decide it: at is the index of the first byte where they differ or x ends
+// (16 when none), below whether x is below y for strcmp there.
+struct Window {
+    unsigned at;
+    bool below;
+};
+
+[[gnu::always_inline]] inline Window window(__m128i x, __m128i y) {
+    const unsigned same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y)));
+    const unsigned ends = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, _mm_setzero_si128())));
+    const unsigned lower = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(x, y), y))) & ~same;
+    const unsigned stop = (same ^ 0xffffu) | ends;
+    return {static_cast<unsigned>(std::countr_zero(stop | 0x10000u)), (stop & (0u - stop) & lower) != 0};
+}
+
+[[gnu::always_inline]] inline __m128i load16(const uint8_t *p) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+}
+#endif
+
+// An entry as sec_create_acle makes it, 17 bytes or more, its NUL followed
+// by two zero bytes, ending by end: its length, else 0.
+[[gnu::always_inline]] inline uint32_t usual_entry(const uint8_t *e, const uint8_t *end) {
+    const uint32_t len = acl::be32(e);
+    if (len < acl::kEntryHeadLen + 1 || len > static_cast<size_t>(end - e) || e[len - 3] != 0) return 0;
+    return len;
+}
+
+#if defined(__SSE2__)
+// Where the pass stands: the next entry, the identifier before it (the
+// caller's entries so far are ascending), the entries counted, the copy.
+struct Cursor {
+    const uint8_t *e;
+    const uint8_t *prev;
+    int32_t count;
+    Copier copy;
+};
+
+// The tight inner loops of the pass, out of line so that the compiler keeps
+// their few variables in registers. Each runs usual entries below fast_end
+// whose first 16 bytes show them above the identifier before, copying as it
+// goes when Copying, and stops before the first entry that needs the full
+// step. Before the place, each entry must also be below the key (q: the
+// prefix the key shares with the identifier before, moved on here).
+template <bool Copying>
+[[gnu::noinline]] Cursor run_below_key(Cursor k, const uint8_t *base, const uint8_t *fast_end, const uint8_t *end,
+                                       const uint8_t *buf_end, const uint8_t *key, size_t key_room, size_t &q) {
+    const uint8_t *e = k.e;
+    const uint8_t *prev = k.prev;
+    int32_t count = k.count;
+    Copier copy = k.copy;
+    size_t shared = q;
+    __m128i x = load16(prev);
+    while (e < fast_end) {
+        const uint32_t len = usual_entry(e, end);
+        if (len == 0) break;
+        const uint8_t *id = e + acl::kIdOffset;
+        const __m128i y = load16(id);
+        const Window w = window(x, y);
+        if (!w.below || w.at < shared) break;
+        if (w.at == shared) {
+            const Split c = split(id, static_cast<size_t>(buf_end - id), key, key_room, shared);
+            if (c.order >= 0) break;
+            shared = c.at;
+        }
+        e += len;
+        ++count;
+        prev = id;
+        x = y;
+        if constexpr (Copying) copy.step(base, static_cast<size_t>(e - base));
+    }
+    q = shared;
+    return {e, prev, count, copy};
+}
+
+// After the place: the order alone.
+template <bool Copying>
+[[gnu::noinline]] Cursor run_ascending(Cursor k, const uint8_t *base, const uint8_t *fast_end, const uint8_t *end) {
+    const uint8_t *e = k.e;
+    const uint8_t *prev = k.prev;
+    int32_t count = k.count;
+    Copier copy = k.copy;
+    __m128i x = load16(prev);
+    while (e < fast_end) {
+        const uint32_t len = usual_entry(e, end);
+        if (len == 0) break;
+        const uint8_t *id = e + acl::kIdOffset;
+        const __m128i y = load16(id);
+        if (!window(x, y).below) break;
+        e += len;
+        ++count;
+        prev = id;
+        x = y;
+        if constexpr (Copying) copy.step(base, static_cast<size_t>(e - base));
+    }
+    return {e, prev, count, copy};
+}
+#endif
+
 // One pass over the entries: checks each one's length and NUL, and while
 // the identifiers are plain and ascending, finds the new entry's place. The
 // order check compares each identifier with the one before it; the place
@@ -192,11 +356,21 @@ struct Split {
 // and p that shared by the previous and this one, p > q puts this one below
 // the key as well and p < q above it; only p == q compares on, from q.
 // Three loops, each keeping only what it still needs: before the place,
-// after it, and once the order is settled.
-bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *entry, Scan &r) {
-    const uint8_t *const buf_end = buf.data() + buf.size();
-    const uint8_t *const end = buf.data() + s.end;
-    const uint8_t *e = buf.data() + s.begin;
+// after it, and once the order is settled. The first two run usual entries
+// whose first 16 bytes decide their order in a tight inner loop, and copy
+// the entries as they go (copy; add_len: the new entry's length for an add,
+// 0 for a delete); copying stops once the sub-ACL turns out not to be plain
+// and ascending.
+bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *entry, Scan &r, Copier &copy,
+          size_t add_len) {
+    const uint8_t *const base = buf.data();
+    const uint8_t *const buf_end = base + buf.size();
+    const uint8_t *const end = base + s.end;
+    // Entries below fast_end leave room for a 16-byte load of their
+    // identifier and for the copy's moves.
+    const size_t room = std::max(acl::kIdOffset + 16, Copier::kMove);
+    const uint8_t *const fast_end = buf.size() > room ? std::min(end, buf_end - room + 1) : base;
+    const uint8_t *e = base + s.begin;
     const uint8_t *prev = nullptr;
     const uint8_t *const key = acl::bytes_of(acl::entry_id(entry));
     const size_t key_room = acl::entry_length(entry) - acl::kIdOffset;
@@ -207,6 +381,19 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
     r.place = s.end;
     // Before the place: every identifier so far is below the key.
     for (size_t q = 0; e < end && !placed;) {
+#if defined(__SSE2__)
+        if (prev != nullptr && e < fast_end) {
+            const Cursor at{e, prev, count, copy};
+            const Cursor k = copy.out != nullptr
+                                 ? run_below_key<true>(at, base, fast_end, end, buf_end, key, key_room, q)
+                                 : run_below_key<false>(at, base, fast_end, end, buf_end, key, key_room, q);
+            e = k.e;
+            prev = k.prev;
+            count = k.count;
+            copy = k.copy;
+            if (e >= end) break;
+        }
+#endif
         const uint32_t len = check_entry(e, static_cast<size_t>(end - e), plain);
         if (len == 0) return false;
         const uint8_t *id = e + acl::kIdOffset;
@@ -232,10 +419,28 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
             if (c.order < 0) continue;
         }
         placed = true;
-        r.place = static_cast<size_t>(id - acl::kIdOffset - buf.data());
+        r.place = static_cast<size_t>(id - acl::kIdOffset - base);
+        // Past the place, entries move by the new entry's length, less the
+        // length of the one it replaces or deletes.
+        copy.flush(base, r.place);
+        copy.start(r.place + (r.equal ? len : 0),
+                   static_cast<ptrdiff_t>(add_len) - (r.equal ? static_cast<ptrdiff_t>(len) : 0));
     }
+    if (!plain || !r.sorted) copy.out = nullptr;
     // After the place: the order check alone.
     for (bool comparing = plain && r.sorted; e < end && comparing;) {
+#if defined(__SSE2__)
+        if (e < fast_end) {
+            const Cursor at{e, prev, count, copy};
+            const Cursor k = copy.out != nullptr ? run_ascending<true>(at, base, fast_end, end)
+                                                 : run_ascending<false>(at, base, fast_end, end);
+            e = k.e;
+            prev = k.prev;
+            count = k.count;
+            copy = k.copy;
+            if (e >= end) break;
+        }
+#endif
         const uint32_t len = check_entry(e, static_cast<size_t>(end - e), plain);
         if (len == 0) return false;
         const uint8_t *id = e + acl::kIdOffset;
@@ -250,6 +455,8 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
         }
         prev = id;
     }
+    if (!plain || !r.sorted) copy.out = nullptr;
+    copy.flush(base, s.end);
     // Settled: the checks alone (an entry that does not compare plainly
     // still sends the edit to the tree).
     while (e < end) {
@@ -278,19 +485,32 @@ Pieces pieces_of(const std::vector<const uint8_t *> &entries) {
 }
 
 // A sub-ACL in stored order: everything before the entry's place, the entry
-// (add), everything after the entry it replaces or deletes.
+// (add), everything after the entry it replaces or deletes. copied holds the
+// sub-ACL's entries at their new offsets when the pass could copy them;
+// copy_failed says that its allocation failed.
 qv_int32_t edit_in_order(std::span<const uint8_t> buf, const acl::SubAcl &s, const Scan &r, const uint8_t *entry,
-                         bool add, sec_acl_buffer_t acl) {
+                         bool add, OutBuffer copied, bool copy_failed, sec_acl_buffer_t acl) {
     if (!add && !r.equal) return not_found(entry);
     const uint8_t *b = buf.data();
     const size_t after = r.equal ? r.place + acl::be32(b + r.place) : r.place;
-    Pieces p;
-    p.reserve(3);
-    p.emplace_back(b + s.begin, r.place - s.begin);
-    if (add) p.emplace_back(entry, acl::entry_length(entry));
-    p.emplace_back(b + after, s.end - after);
     const int32_t count = r.count + (add ? (r.equal ? 0 : 1) : -1);
-    return rebuild(buf, s, p, count, acl);
+    const size_t entry_len = add ? acl::entry_length(entry) : 0;
+    const size_t entries = (s.end - s.begin) - (after - r.place) + entry_len;
+    const size_t total = buf.size() - (s.end - s.begin) + entries;
+    if (copy_failed) return no_memory(total);
+    if (copied == nullptr) {
+        Pieces p;
+        p.reserve(3);
+        p.emplace_back(b + s.begin, r.place - s.begin);
+        if (add) p.emplace_back(entry, entry_len);
+        p.emplace_back(b + after, s.end - after);
+        return rebuild(buf, s, p, count, acl);
+    }
+    uint8_t *o = copied.get();
+    std::memcpy(o, b, s.begin);
+    if (add) std::memcpy(o + r.place, entry, entry_len);
+    std::memcpy(o + s.begin + entries, b + s.end, buf.size() - s.end);
+    return install(std::move(copied), total, s, entries, count, acl);
 }
 
 // A plain sub-ACL stored out of order: sorted, then edited.
@@ -356,12 +576,25 @@ qv_int32_t modify(const uint8_t *entry, bool add, sec_acl_buffer_t acl) {
         if (!add) return not_found(entry);
         return append_subacl(buf, last_head, entry, acl);
     }
+    // The new buffer is allocated before the pass, at its largest size, so
+    // that the pass can copy the entries it reads (a sub-ACL stored in order,
+    // the usual case).
+    const size_t add_len = add ? acl::entry_length(entry) : 0;
+    Copier copy;
+    OutBuffer copied;
+    bool copy_failed = false;
+    if (buf.size() + add_len <= INT32_MAX) {
+        copied.reset(static_cast<uint8_t *>(std::malloc(buf.size() + add_len)));
+        copy.out = copied.get();
+        copy_failed = copied == nullptr;
+    }
+    copy.start(target.begin, 0);
     Scan r;
-    if (!scan(buf, target, entry, r)) return damaged();
+    if (!scan(buf, target, entry, r, copy, add_len)) return damaged();
     if (!add && r.count == 0) return not_found(entry);
     if (r.plain && acl::compares_plainly(entry, std::strlen(acl::entry_id(entry)))) {
         if (r.duplicate) return sec_report(SEC_S_INTERNAL, MSG_2650_033);
-        if (r.sorted) return edit_in_order(buf, target, r, entry, add, acl);
+        if (r.sorted) return edit_in_order(buf, target, r, entry, add, std::move(copied), copy_failed, acl);
         return edit_unsorted(buf, target, entry, add, acl);
     }
     return edit_with_tree(buf, target, entry, add, acl);
