@@ -198,49 +198,56 @@ struct Split {
 
 // Copies the entries of the sub-ACL being edited into the new buffer while
 // the pass checks them, so that an edit of a sub-ACL stored in order reads
-// the old buffer once. Input offsets below `from` are copied, each to its
-// offset moved by the shift given to start() (0 before the edited place).
-// In the pass's tight loops each entry moves a fixed 48 bytes at `from`
-// (the loops stop 48 bytes before the buffer's end) and `from` advances by
-// what the pass has left behind, trailing it by 64 bytes. Bytes moved ahead
-// of `from` are moved again later: copies run in buffer order, and the
-// head, the new entry and the rest of the buffer are written after the pass.
+// the old buffer once. Input below `from` is copied, each byte to its offset
+// moved by the shift given to start() (0 before the edited place). The
+// pass's tight loops move a fixed 96 bytes at `from` every second entry
+// (they stop 96 bytes before the buffer's end) and advance `from` by what
+// the pass has left behind, trailing it by 64 bytes. Bytes moved ahead of
+// `from` are moved again later: copies run in buffer order, and the head,
+// the new entry and the rest of the buffer are written after the pass.
 struct Copier {
     uint8_t *out = nullptr;  // null: not copying
-    uintptr_t to = 0;        // where input offset 0 goes: out + shift, which may lie before out
-    size_t from = 0;
+    uintptr_t from = 0;      // the input's address below which it is copied
+    uintptr_t delta = 0;     // added to an input address: where it is copied (wraps around)
 
-    void start(size_t at, ptrdiff_t shift) {
-        from = at;
-        to = reinterpret_cast<uintptr_t>(out) + static_cast<uintptr_t>(shift);
+    static constexpr uintptr_t kTrail = 64;
+    static constexpr size_t kMove = 96;
+
+    void start(const uint8_t *in, size_t at, ptrdiff_t shift) {
+        from = reinterpret_cast<uintptr_t>(in + at);
+        delta = reinterpret_cast<uintptr_t>(out) + static_cast<uintptr_t>(shift) - reinterpret_cast<uintptr_t>(in);
     }
-    // One step of a tight loop that has checked the input below offset
-    // checked (of the buffer at in).
-    [[gnu::always_inline]] void step(const uint8_t *in, size_t checked) {
-        move48(reinterpret_cast<uint8_t *>(to + from), in + from);
-        const ptrdiff_t behind = static_cast<ptrdiff_t>(checked) - kTrail;
-        from = static_cast<size_t>(
-            std::min(static_cast<ptrdiff_t>(from) + 48, std::max(static_cast<ptrdiff_t>(from), behind)));
+    // One step of a tight loop that has checked the input below checked:
+    // the new `from`. The loops keep `from` in a local (a member would be
+    // stored and loaded again around every move).
+    [[gnu::always_inline]] static uintptr_t step(uintptr_t from, uintptr_t delta, const uint8_t *checked) {
+        move(reinterpret_cast<uint8_t *>(from + delta), reinterpret_cast<const uint8_t *>(from));
+        const uintptr_t behind = reinterpret_cast<uintptr_t>(checked) - kTrail;
+        return std::min(from + kMove, std::max(from, behind));
     }
     void flush(const uint8_t *in, size_t upto) {
-        if (out != nullptr && upto > from) std::memcpy(reinterpret_cast<uint8_t *>(to + from), in + from, upto - from);
-        from = std::max(from, upto);
+        const uintptr_t to = reinterpret_cast<uintptr_t>(in + upto);
+        if (out != nullptr && to > from)
+            std::memcpy(reinterpret_cast<uint8_t *>(from + delta), reinterpret_cast<const uint8_t *>(from), to - from);
+        from = std::max(from, to);
     }
 
-    static constexpr ptrdiff_t kTrail = 64;
-    static constexpr size_t kMove = 48;
-
 private:
-    // Three 16-byte moves: given memcpy, the compiler may emit a string
+    // 16-byte moves: given memcpy, the compiler may emit a string
     // instruction whose start-up costs more than a step of the pass.
-    [[gnu::always_inline]] static void move48(uint8_t *to, const uint8_t *bytes) {
+    [[gnu::always_inline]] static void move(uint8_t *to, const uint8_t *bytes) {
 #if defined(__SSE2__)
         const auto *f = reinterpret_cast<const __m128i *>(bytes);
         auto *t = reinterpret_cast<__m128i *>(to);
-        const __m128i a = _mm_loadu_si128(f), b = _mm_loadu_si128(f + 1), c = _mm_loadu_si128(f + 2);
+        static_assert(kMove == 96);
+        const __m128i a = _mm_loadu_si128(f), b = _mm_loadu_si128(f + 1), c = _mm_loadu_si128(f + 2),
+                      d = _mm_loadu_si128(f + 3), e = _mm_loadu_si128(f + 4), g = _mm_loadu_si128(f + 5);
         _mm_storeu_si128(t, a);
         _mm_storeu_si128(t + 1, b);
         _mm_storeu_si128(t + 2, c);
+        _mm_storeu_si128(t + 3, d);
+        _mm_storeu_si128(t + 4, e);
+        _mm_storeu_si128(t + 5, g);
 #else
         std::memcpy(to, bytes, kMove);
 #endif
@@ -248,34 +255,28 @@ private:
 };
 
 #if defined(__SSE2__)
-// The order of two identifiers as far as their first 16 bytes (x and y)
-// decide it: at is the index of the first byte where they differ or x ends
-// (16 when none), below whether x is below y for strcmp there.
+// The first 16 bytes x and y of two identifiers: the bytes where strcmp
+// stops (they differ, or x ends), and those where x is below y. The first
+// stop decides, when there is one.
 struct Window {
-    unsigned at;
-    bool below;
+    unsigned stop;
+    unsigned lower;
 };
 
 [[gnu::always_inline]] inline Window window(__m128i x, __m128i y) {
     const unsigned same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y)));
     const unsigned ends = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, _mm_setzero_si128())));
     const unsigned lower = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(x, y), y))) & ~same;
-    const unsigned stop = (same ^ 0xffffu) | ends;
-    return {static_cast<unsigned>(std::countr_zero(stop | 0x10000u)), (stop & (0u - stop) & lower) != 0};
+    return {(same ^ 0xffffu) | ends, lower};
 }
+
+// x is below y, as far as the window decides.
+[[gnu::always_inline]] inline bool below(Window w) { return (w.stop & (0u - w.stop) & w.lower) != 0; }
 
 [[gnu::always_inline]] inline __m128i load16(const uint8_t *p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
 }
 #endif
-
-// An entry as sec_create_acle makes it, 17 bytes or more, its NUL followed
-// by two zero bytes, ending by end: its length, else 0.
-[[gnu::always_inline]] inline uint32_t usual_entry(const uint8_t *e, const uint8_t *end) {
-    const uint32_t len = acl::be32(e);
-    if (len < acl::kEntryHeadLen + 1 || len > static_cast<size_t>(end - e) || e[len - 3] != 0) return 0;
-    return len;
-}
 
 #if defined(__SSE2__)
 // Where the pass stands: the next entry, the identifier before it (the
@@ -288,63 +289,72 @@ struct Cursor {
 };
 
 // The tight inner loops of the pass, out of line so that the compiler keeps
-// their few variables in registers. Each runs usual entries below fast_end
-// whose first 16 bytes show them above the identifier before, copying as it
-// goes when Copying, and stops before the first entry that needs the full
-// step. Before the place, each entry must also be below the key (q: the
-// prefix the key shares with the identifier before, moved on here).
-template <bool Copying>
-[[gnu::noinline]] Cursor run_below_key(Cursor k, const uint8_t *base, const uint8_t *fast_end, const uint8_t *end,
-                                       const uint8_t *buf_end, const uint8_t *key, size_t key_room, size_t &q) {
+// their variables in registers. Each runs entries as sec_create_acle makes
+// them (17 bytes or more, the identifier's NUL followed by two zero bytes)
+// that end by fast_end and whose first 16 bytes show them above the
+// identifier before, copying as it goes when Copying, and stops before the
+// first entry that needs the full step. Two entries per round, so that the
+// copy moves twice as much half as often. Before the place, each entry must
+// also be below the key (q: the prefix the key shares with the identifier
+// before, moved on here).
+template <bool Copying, bool BeforePlace>
+[[gnu::always_inline]] inline Cursor run(Cursor k, const uint8_t *fast_end, const uint8_t *key, size_t key_room,
+                                         size_t &q) {
     const uint8_t *e = k.e;
     const uint8_t *prev = k.prev;
     int32_t count = k.count;
-    Copier copy = k.copy;
+    uintptr_t from = k.copy.from;
+    const uintptr_t delta = k.copy.delta;
+    const uintptr_t limit = reinterpret_cast<uintptr_t>(fast_end);
     size_t shared = q;
     __m128i x = load16(prev);
-    while (e < fast_end) {
-        const uint32_t len = usual_entry(e, end);
-        if (len == 0) break;
+    auto entry = [&]() __attribute__((always_inline)) {
+        const uint32_t len = acl::be32(e);
+        const uintptr_t next = reinterpret_cast<uintptr_t>(e) + len;
+        if (len < acl::kEntryHeadLen + 1 || next > limit || e[len - 3] != 0) return false;
         const uint8_t *id = e + acl::kIdOffset;
         const __m128i y = load16(id);
         const Window w = window(x, y);
-        if (!w.below || w.at < shared) break;
-        if (w.at == shared) {
-            const Split c = split(id, static_cast<size_t>(buf_end - id), key, key_room, shared);
-            if (c.order >= 0) break;
-            shared = c.at;
+        if (!below(w)) return false;
+        if constexpr (BeforePlace) {
+            const size_t at = static_cast<size_t>(std::countr_zero(w.stop));
+            if (at < shared) return false;  // above the key
+            if (at == shared) {
+                // The entry's own bytes hold its NUL.
+                const Split c = split(id, len - acl::kIdOffset, key, key_room, shared);
+                if (c.order >= 0) return false;
+                shared = c.at;
+            }
         }
-        e += len;
+        e = reinterpret_cast<const uint8_t *>(next);
         ++count;
         prev = id;
         x = y;
-        if constexpr (Copying) copy.step(base, static_cast<size_t>(e - base));
+        return true;
+    };
+    while (entry() && entry()) {
+        if constexpr (Copying) from = Copier::step(from, delta, e);
     }
     q = shared;
-    return {e, prev, count, copy};
+    Cursor at = k;
+    at.e = e;
+    at.prev = prev;
+    at.count = count;
+    at.copy.from = from;
+    return at;
+}
+
+template <bool Copying>
+[[gnu::noinline]] Cursor run_below_key(Cursor k, const uint8_t *fast_end, const uint8_t *key, size_t key_room,
+                                       size_t &q) {
+    return run<Copying, true>(k, fast_end, key, key_room, q);
 }
 
 // After the place: the order alone.
 template <bool Copying>
-[[gnu::noinline]] Cursor run_ascending(Cursor k, const uint8_t *base, const uint8_t *fast_end, const uint8_t *end) {
-    const uint8_t *e = k.e;
-    const uint8_t *prev = k.prev;
-    int32_t count = k.count;
-    Copier copy = k.copy;
-    __m128i x = load16(prev);
-    while (e < fast_end) {
-        const uint32_t len = usual_entry(e, end);
-        if (len == 0) break;
-        const uint8_t *id = e + acl::kIdOffset;
-        const __m128i y = load16(id);
-        if (!window(x, y).below) break;
-        e += len;
-        ++count;
-        prev = id;
-        x = y;
-        if constexpr (Copying) copy.step(base, static_cast<size_t>(e - base));
-    }
-    return {e, prev, count, copy};
+[[gnu::noinline]] Cursor run_ascending(Cursor k, const uint8_t *fast_end) {
+    size_t unused = 0;
+    return run<Copying, false>(k, fast_end, nullptr, 0, unused);
 }
 #endif
 
@@ -366,10 +376,10 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
     const uint8_t *const base = buf.data();
     const uint8_t *const buf_end = base + buf.size();
     const uint8_t *const end = base + s.end;
-    // Entries below fast_end leave room for a 16-byte load of their
-    // identifier and for the copy's moves.
+    // The tight loops run entries that end by fast_end, which leaves room
+    // for a 16-byte load of their identifier and for the copy's moves.
     const size_t room = std::max(acl::kIdOffset + 16, Copier::kMove);
-    const uint8_t *const fast_end = buf.size() > room ? std::min(end, buf_end - room + 1) : base;
+    const uint8_t *const fast_end = base + std::min(s.end, buf.size() >= room ? buf.size() - room + 1 : 0);
     const uint8_t *e = base + s.begin;
     const uint8_t *prev = nullptr;
     const uint8_t *const key = acl::bytes_of(acl::entry_id(entry));
@@ -385,8 +395,8 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
         if (prev != nullptr && e < fast_end) {
             const Cursor at{e, prev, count, copy};
             const Cursor k = copy.out != nullptr
-                                 ? run_below_key<true>(at, base, fast_end, end, buf_end, key, key_room, q)
-                                 : run_below_key<false>(at, base, fast_end, end, buf_end, key, key_room, q);
+                                 ? run_below_key<true>(at, fast_end, key, key_room, q)
+                                 : run_below_key<false>(at, fast_end, key, key_room, q);
             e = k.e;
             prev = k.prev;
             count = k.count;
@@ -423,7 +433,7 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
         // Past the place, entries move by the new entry's length, less the
         // length of the one it replaces or deletes.
         copy.flush(base, r.place);
-        copy.start(r.place + (r.equal ? len : 0),
+        copy.start(base, r.place + (r.equal ? len : 0),
                    static_cast<ptrdiff_t>(add_len) - (r.equal ? static_cast<ptrdiff_t>(len) : 0));
     }
     if (!plain || !r.sorted) copy.out = nullptr;
@@ -432,8 +442,8 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
 #if defined(__SSE2__)
         if (e < fast_end) {
             const Cursor at{e, prev, count, copy};
-            const Cursor k = copy.out != nullptr ? run_ascending<true>(at, base, fast_end, end)
-                                                 : run_ascending<false>(at, base, fast_end, end);
+            const Cursor k =
+                copy.out != nullptr ? run_ascending<true>(at, fast_end) : run_ascending<false>(at, fast_end);
             e = k.e;
             prev = k.prev;
             count = k.count;
@@ -588,7 +598,7 @@ qv_int32_t modify(const uint8_t *entry, bool add, sec_acl_buffer_t acl) {
         copy.out = copied.get();
         copy_failed = copied == nullptr;
     }
-    copy.start(target.begin, 0);
+    copy.start(buf.data(), target.begin, 0);
     Scan r;
     if (!scan(buf, target, entry, r, copy, add_len)) return damaged();
     if (!add && r.count == 0) return not_found(entry);
