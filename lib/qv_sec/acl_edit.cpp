@@ -273,6 +273,13 @@ struct Window {
 // x is below y, as far as the window decides.
 [[gnu::always_inline]] inline bool below(Window w) { return (w.stop & (0u - w.stop) & w.lower) != 0; }
 
+// The first three bytes of an entry's length, apart from its last byte.
+[[gnu::always_inline]] inline uint32_t high_length_bytes(const uint8_t *e) {
+    uint16_t two;
+    std::memcpy(&two, e, 2);
+    return two | e[2];
+}
+
 [[gnu::always_inline]] inline __m128i load16(const uint8_t *p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
 }
@@ -297,33 +304,50 @@ struct Cursor {
 // copy moves twice as much half as often. Before the place, each entry must
 // also be below the key (q: the prefix the key shares with the identifier
 // before, moved on here).
+// The new entry's identifier, for the rare comparisons with it in the tight
+// loops (out of line there: it keeps their registers free).
+struct Key {
+    const uint8_t *id;
+    size_t room;
+};
+
+[[gnu::noinline]] Split split_key(const uint8_t *id, size_t room, const Key *key, size_t from) {
+    return split(id, room, key->id, key->room, from);
+}
+
 template <bool Copying, bool BeforePlace>
-[[gnu::always_inline]] inline Cursor run(Cursor k, const uint8_t *fast_end, const uint8_t *key, size_t key_room,
-                                         size_t &q) {
+[[gnu::always_inline]] inline Cursor run(Cursor k, const uint8_t *fast_end, const Key *key, size_t &q) {
     const uint8_t *e = k.e;
     const uint8_t *prev = k.prev;
     int32_t count = k.count;
     uintptr_t from = k.copy.from;
     const uintptr_t delta = k.copy.delta;
     const uintptr_t limit = reinterpret_cast<uintptr_t>(fast_end);
-    size_t shared = q;
+    // q as a bit among the window's 16 (bit 16: q is 16 or more).
+    auto bit_of = [](size_t at) { return 1u << std::min<size_t>(at, 16); };
+    unsigned shared = bit_of(q);
     __m128i x = load16(prev);
     auto entry = [&]() __attribute__((always_inline)) {
-        const uint32_t len = acl::be32(e);
+        // The next entry's place depends on this one's length: the chain
+        // the pass cannot run ahead of. For entries under 256 bytes it goes
+        // through the length's last byte alone; the others leave the loop.
+        const uint32_t len = e[3];
         const uintptr_t next = reinterpret_cast<uintptr_t>(e) + len;
-        if (len < acl::kEntryHeadLen + 1 || next > limit || e[len - 3] != 0) return false;
+        if (high_length_bytes(e) != 0 || len < acl::kEntryHeadLen + 1 || next > limit || e[len - 3] != 0)
+            return false;
         const uint8_t *id = e + acl::kIdOffset;
         const __m128i y = load16(id);
         const Window w = window(x, y);
-        if (!below(w)) return false;
+        const unsigned first = w.stop & (0u - w.stop);
+        if ((first & w.lower) == 0) return false;
         if constexpr (BeforePlace) {
-            const size_t at = static_cast<size_t>(std::countr_zero(w.stop));
-            if (at < shared) return false;  // above the key
-            if (at == shared) {
+            if (first < shared) return false;  // above the key
+            if (first == shared) {
                 // The entry's own bytes hold its NUL.
-                const Split c = split(id, len - acl::kIdOffset, key, key_room, shared);
+                const Split c = split_key(id, len - acl::kIdOffset, key, static_cast<size_t>(std::countr_zero(first)));
                 if (c.order >= 0) return false;
-                shared = c.at;
+                shared = bit_of(c.at);
+                q = c.at;
             }
         }
         e = reinterpret_cast<const uint8_t *>(next);
@@ -335,7 +359,6 @@ template <bool Copying, bool BeforePlace>
     while (entry() && entry()) {
         if constexpr (Copying) from = Copier::step(from, delta, e);
     }
-    q = shared;
     Cursor at = k;
     at.e = e;
     at.prev = prev;
@@ -345,16 +368,15 @@ template <bool Copying, bool BeforePlace>
 }
 
 template <bool Copying>
-[[gnu::noinline]] Cursor run_below_key(Cursor k, const uint8_t *fast_end, const uint8_t *key, size_t key_room,
-                                       size_t &q) {
-    return run<Copying, true>(k, fast_end, key, key_room, q);
+[[gnu::noinline]] Cursor run_below_key(Cursor k, const uint8_t *fast_end, const Key *key, size_t &q) {
+    return run<Copying, true>(k, fast_end, key, q);
 }
 
 // After the place: the order alone.
 template <bool Copying>
 [[gnu::noinline]] Cursor run_ascending(Cursor k, const uint8_t *fast_end) {
     size_t unused = 0;
-    return run<Copying, false>(k, fast_end, nullptr, 0, unused);
+    return run<Copying, false>(k, fast_end, nullptr, unused);
 }
 #endif
 
@@ -384,6 +406,9 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
     const uint8_t *prev = nullptr;
     const uint8_t *const key = acl::bytes_of(acl::entry_id(entry));
     const size_t key_room = acl::entry_length(entry) - acl::kIdOffset;
+#if defined(__SSE2__)
+    const Key fast_key{key, key_room};
+#endif
     auto room_at = [buf_end](const uint8_t *id) { return static_cast<size_t>(buf_end - id); };
     int32_t count = 0;
     bool plain = true;
@@ -395,8 +420,8 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
         if (prev != nullptr && e < fast_end) {
             const Cursor at{e, prev, count, copy};
             const Cursor k = copy.out != nullptr
-                                 ? run_below_key<true>(at, fast_end, key, key_room, q)
-                                 : run_below_key<false>(at, fast_end, key, key_room, q);
+                                 ? run_below_key<true>(at, fast_end, &fast_key, q)
+                                 : run_below_key<false>(at, fast_end, &fast_key, q);
             e = k.e;
             prev = k.prev;
             count = k.count;

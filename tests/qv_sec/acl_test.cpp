@@ -276,9 +276,10 @@ TEST(AclEdit, AgreesWithTheEditingTree) {
         // that edits copy while they check.
         const bool many = kind == 0 && round % 4 == 0;
         for (int i = pick(many ? 80 : 9); i > 0; --i) {
-            std::string id = many ? "user" + std::to_string(rng() % 100000) + std::string(pick(30), 'x') : ids[pick(kIds)];
+            std::string id = many ? "user" + std::to_string(rng() % 100000) + std::string(pick(8) == 0 ? 250 + pick(20) : pick(30), 'x') : ids[pick(kIds)];
             if (kind == 0 && !seen.insert(id).second) continue;
-            stored.push_back(entry(3, 7, uint32_t(rng()), id, kind == 2 ? size_t(pick(2) * 4) : 2));
+            const size_t pad = kind == 2 ? size_t(pick(2) * 4) : many && pick(10) == 0 ? 260 : 2;
+            stored.push_back(entry(3, 7, uint32_t(rng()), id, pad));
         }
         if (kind == 0) std::sort(stored.begin(), stored.end(), [](auto &a, auto &b) { return Tree::cmp(a, b) < 0; });
         std::string x_id = ids[pick(kIds)];
