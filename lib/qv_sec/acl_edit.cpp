@@ -6,10 +6,10 @@
 // the entry compare as plain strings (always so for entries made by
 // sec_create_acle), that result is the sorted set of identifiers with the
 // change applied, and is made here in one pass over the buffer: the pass
-// checks the entries, notices whether they are stored in order and finds
-// the entry's place, then the new buffer is copied around it. A sub-ACL
-// stored out of order is sorted instead; only odd stored lengths need the
-// tree itself.
+// checks the entries, notices whether they are stored in order, finds the
+// entry's place and copies the entries into the new buffer as it goes. A
+// sub-ACL stored out of order is sorted instead; only odd stored lengths
+// need the tree itself.
 #include <algorithm>
 #include <bit>
 #include <climits>
@@ -270,9 +270,6 @@ struct Window {
     return {(same ^ 0xffffu) | ends, lower};
 }
 
-// x is below y, as far as the window decides.
-[[gnu::always_inline]] inline bool below(Window w) { return (w.stop & (0u - w.stop) & w.lower) != 0; }
-
 // The first three bytes of an entry's length, apart from its last byte.
 [[gnu::always_inline]] inline uint32_t high_length_bytes(const uint8_t *e) {
     uint16_t two;
@@ -406,26 +403,27 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
     const uint8_t *prev = nullptr;
     const uint8_t *const key = acl::bytes_of(acl::entry_id(entry));
     const size_t key_room = acl::entry_length(entry) - acl::kIdOffset;
-#if defined(__SSE2__)
-    const Key fast_key{key, key_room};
-#endif
     auto room_at = [buf_end](const uint8_t *id) { return static_cast<size_t>(buf_end - id); };
     int32_t count = 0;
     bool plain = true;
     bool placed = false;
+#if defined(__SSE2__)
+    const Key fast_key{key, key_room};
+    auto resume = [&](const Cursor &k) {
+        e = k.e;
+        prev = k.prev;
+        count = k.count;
+        copy = k.copy;
+    };
+#endif
     r.place = s.end;
     // Before the place: every identifier so far is below the key.
     for (size_t q = 0; e < end && !placed;) {
 #if defined(__SSE2__)
         if (prev != nullptr && e < fast_end) {
-            const Cursor at{e, prev, count, copy};
-            const Cursor k = copy.out != nullptr
-                                 ? run_below_key<true>(at, fast_end, &fast_key, q)
-                                 : run_below_key<false>(at, fast_end, &fast_key, q);
-            e = k.e;
-            prev = k.prev;
-            count = k.count;
-            copy = k.copy;
+            const Cursor here{e, prev, count, copy};
+            resume(copy.out != nullptr ? run_below_key<true>(here, fast_end, &fast_key, q)
+                                       : run_below_key<false>(here, fast_end, &fast_key, q));
             if (e >= end) break;
         }
 #endif
@@ -466,13 +464,8 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
     for (bool comparing = plain && r.sorted; e < end && comparing;) {
 #if defined(__SSE2__)
         if (e < fast_end) {
-            const Cursor at{e, prev, count, copy};
-            const Cursor k =
-                copy.out != nullptr ? run_ascending<true>(at, fast_end) : run_ascending<false>(at, fast_end);
-            e = k.e;
-            prev = k.prev;
-            count = k.count;
-            copy = k.copy;
+            const Cursor here{e, prev, count, copy};
+            resume(copy.out != nullptr ? run_ascending<true>(here, fast_end) : run_ascending<false>(here, fast_end));
             if (e >= end) break;
         }
 #endif
