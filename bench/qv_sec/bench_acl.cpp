@@ -19,7 +19,7 @@
 namespace {
 
 constexpr int kEntries = 100'000;
-constexpr int kRuns = 7;
+constexpr int kRuns = 15;
 constexpr uint32_t kMech = 0x00010002;
 
 void put32(std::vector<uint8_t> &b, uint32_t v) {

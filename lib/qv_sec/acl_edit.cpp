@@ -6,16 +6,17 @@
 // the entry compare as plain strings (always so for entries made by
 // sec_create_acle), that result is the sorted set of identifiers with the
 // change applied, and is made here in one pass over the buffer: the pass
-// checks the entries, notices whether they are stored in order and finds
-// the entry's place, then the new buffer is copied around it. A sub-ACL
-// stored out of order is sorted instead; only odd stored lengths need the
-// tree itself.
+// checks the entries, notices whether they are stored in order, finds the
+// entry's place and copies the entries into the new buffer as it goes. A
+// sub-ACL stored out of order is sorted instead; only odd stored lengths
+// need the tree itself.
 #include <algorithm>
 #include <bit>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <span>
 #include <vector>
@@ -27,6 +28,7 @@
 #include "acl_arguments.h"
 #include "acl_edit.h"
 #include "acl_format.h"
+#include "byte_io.h"
 #include "errors.h"
 #include "library_init.h"
 
@@ -49,6 +51,25 @@ qv_int32_t not_found(const uint8_t *entry) {
 // The entries of the changed sub-ACL in their new order, as byte ranges.
 using Pieces = std::vector<std::span<const uint8_t>>;
 
+using OutBuffer = std::unique_ptr<uint8_t, SecFree>;
+
+// Sets the changed sub-ACL's count and next offset and the ACL's sah_count
+// in out (total bytes, entries of them in the sub-ACL), and hands it to the
+// caller in place of the old buffer.
+qv_int32_t install(OutBuffer out, size_t total, const acl::SubAcl &s, size_t entries, int32_t count,
+                   sec_acl_buffer_t acl) {
+    uint8_t *const o = out.get();
+    acl::put_be32(o + s.head + acl::kSshCount, static_cast<uint32_t>(count));
+    if (!s.last) acl::put_be32(o + s.head + acl::kSshNextoff, static_cast<uint32_t>(acl::kSubHeadLen + entries));
+    uint32_t total_count = acl::be32(o + acl::kSahCount);
+    acl::put_be32(o + acl::kSahCount, total_count + static_cast<uint32_t>(count) - static_cast<uint32_t>(s.count));
+
+    std::free(acl->value);
+    acl->value = out.release();
+    acl->length = static_cast<qv_int32_t>(total);
+    return 0;
+}
+
 // Builds the new buffer: the old one with sub-ACL s's entries replaced by
 // pieces (count entries in all), its count and next offset updated, and
 // sah_count moved by the change of count. Hands it to the caller on
@@ -60,9 +81,9 @@ qv_int32_t rebuild(std::span<const uint8_t> old, const acl::SubAcl &s, const Pie
     const size_t old_entries = s.end - s.begin;
     const size_t total = old.size() - old_entries + entries;
     if (total > INT32_MAX || entries > UINT32_MAX - acl::kSubHeadLen) return no_memory(total);
-    auto *out = static_cast<uint8_t *>(std::malloc(total));
+    OutBuffer out(static_cast<uint8_t *>(std::malloc(total)));
     if (out == nullptr) return no_memory(total);
-    uint8_t *w = out;
+    uint8_t *w = out.get();
     std::memcpy(w, old.data(), s.begin);
     w += s.begin;
     for (auto p : pieces) {
@@ -70,16 +91,7 @@ qv_int32_t rebuild(std::span<const uint8_t> old, const acl::SubAcl &s, const Pie
         w += p.size();
     }
     std::memcpy(w, old.data() + s.end, old.size() - s.end);
-
-    acl::put_be32(out + s.head + acl::kSshCount, static_cast<uint32_t>(count));
-    if (!s.last) acl::put_be32(out + s.head + acl::kSshNextoff, static_cast<uint32_t>(acl::kSubHeadLen + entries));
-    uint32_t total_count = acl::be32(out + acl::kSahCount);
-    acl::put_be32(out + acl::kSahCount, total_count + static_cast<uint32_t>(count) - static_cast<uint32_t>(s.count));
-
-    std::free(acl->value);
-    acl->value = out;
-    acl->length = static_cast<qv_int32_t>(total);
-    return 0;
+    return install(std::move(out), total, s, entries, count, acl);
 }
 
 // Appends a sub-ACL holding only the entry to an ACL without one for its
@@ -184,6 +196,187 @@ struct Split {
     return len;
 }
 
+// Copies the entries of the sub-ACL being edited into the new buffer while
+// the pass checks them, so that an edit of a sub-ACL stored in order reads
+// the old buffer once. Input below `from` is copied, each byte to its offset
+// moved by the shift given to start() (0 before the edited place). The
+// pass's tight loops move a fixed 96 bytes at `from` every second entry
+// (they stop 96 bytes before the buffer's end) and advance `from` by what
+// the pass has left behind, trailing it by 64 bytes. Bytes moved ahead of
+// `from` are moved again later: copies run in buffer order, and the head,
+// the new entry and the rest of the buffer are written after the pass.
+struct Copier {
+    uint8_t *out = nullptr;  // null: not copying
+    uintptr_t from = 0;      // the input's address below which it is copied
+    uintptr_t delta = 0;     // added to an input address: where it is copied (wraps around)
+
+    static constexpr uintptr_t kTrail = 64;
+    static constexpr size_t kMove = 96;
+
+    void start(const uint8_t *in, size_t at, ptrdiff_t shift) {
+        from = reinterpret_cast<uintptr_t>(in + at);
+        delta = reinterpret_cast<uintptr_t>(out) + static_cast<uintptr_t>(shift) - reinterpret_cast<uintptr_t>(in);
+    }
+    // One step of a tight loop that has checked the input below checked:
+    // the new `from`. The loops keep `from` in a local (a member would be
+    // stored and loaded again around every move).
+    [[gnu::always_inline]] static uintptr_t step(uintptr_t from, uintptr_t delta, const uint8_t *checked) {
+        move(reinterpret_cast<uint8_t *>(from + delta), reinterpret_cast<const uint8_t *>(from));
+        const uintptr_t behind = reinterpret_cast<uintptr_t>(checked) - kTrail;
+        return std::min(from + kMove, std::max(from, behind));
+    }
+    void flush(const uint8_t *in, size_t upto) {
+        const uintptr_t to = reinterpret_cast<uintptr_t>(in + upto);
+        if (out != nullptr && to > from)
+            std::memcpy(reinterpret_cast<uint8_t *>(from + delta), reinterpret_cast<const uint8_t *>(from), to - from);
+        from = std::max(from, to);
+    }
+
+private:
+    // 16-byte moves: given memcpy, the compiler may emit a string
+    // instruction whose start-up costs more than a step of the pass.
+    [[gnu::always_inline]] static void move(uint8_t *to, const uint8_t *bytes) {
+#if defined(__SSE2__)
+        const auto *f = reinterpret_cast<const __m128i *>(bytes);
+        auto *t = reinterpret_cast<__m128i *>(to);
+        static_assert(kMove == 96);
+        const __m128i a = _mm_loadu_si128(f), b = _mm_loadu_si128(f + 1), c = _mm_loadu_si128(f + 2),
+                      d = _mm_loadu_si128(f + 3), e = _mm_loadu_si128(f + 4), g = _mm_loadu_si128(f + 5);
+        _mm_storeu_si128(t, a);
+        _mm_storeu_si128(t + 1, b);
+        _mm_storeu_si128(t + 2, c);
+        _mm_storeu_si128(t + 3, d);
+        _mm_storeu_si128(t + 4, e);
+        _mm_storeu_si128(t + 5, g);
+#else
+        std::memcpy(to, bytes, kMove);
+#endif
+    }
+};
+
+#if defined(__SSE2__)
+// The first 16 bytes x and y of two identifiers: the bytes where strcmp
+// stops (they differ, or x ends), and those where x is below y. The first
+// stop decides, when there is one.
+struct Window {
+    unsigned stop;
+    unsigned lower;
+};
+
+[[gnu::always_inline]] inline Window window(__m128i x, __m128i y) {
+    const unsigned same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y)));
+    const unsigned ends = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, _mm_setzero_si128())));
+    const unsigned lower = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(x, y), y))) & ~same;
+    return {(same ^ 0xffffu) | ends, lower};
+}
+
+// The first three bytes of an entry's length, apart from its last byte.
+[[gnu::always_inline]] inline uint32_t high_length_bytes(const uint8_t *e) {
+    uint16_t two;
+    std::memcpy(&two, e, 2);
+    return two | e[2];
+}
+
+[[gnu::always_inline]] inline __m128i load16(const uint8_t *p) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+}
+#endif
+
+#if defined(__SSE2__)
+// Where the pass stands: the next entry, the identifier before it (the
+// caller's entries so far are ascending), the entries counted, the copy.
+struct Cursor {
+    const uint8_t *e;
+    const uint8_t *prev;
+    int32_t count;
+    Copier copy;
+};
+
+// The tight inner loops of the pass, out of line so that the compiler keeps
+// their variables in registers. Each runs entries as sec_create_acle makes
+// them (17 bytes or more, the identifier's NUL followed by two zero bytes)
+// that end by fast_end and whose first 16 bytes show them above the
+// identifier before, copying as it goes when Copying, and stops before the
+// first entry that needs the full step. Two entries per round, so that the
+// copy moves twice as much half as often. Before the place, each entry must
+// also be below the key (q: the prefix the key shares with the identifier
+// before, moved on here).
+// The new entry's identifier, for the rare comparisons with it in the tight
+// loops (out of line there: it keeps their registers free).
+struct Key {
+    const uint8_t *id;
+    size_t room;
+};
+
+[[gnu::noinline]] Split split_key(const uint8_t *id, size_t room, const Key *key, size_t from) {
+    return split(id, room, key->id, key->room, from);
+}
+
+template <bool Copying, bool BeforePlace>
+[[gnu::always_inline]] inline Cursor run(Cursor k, const uint8_t *fast_end, const Key *key, size_t &q) {
+    const uint8_t *e = k.e;
+    const uint8_t *prev = k.prev;
+    int32_t count = k.count;
+    uintptr_t from = k.copy.from;
+    const uintptr_t delta = k.copy.delta;
+    const uintptr_t limit = reinterpret_cast<uintptr_t>(fast_end);
+    // q as a bit among the window's 16 (bit 16: q is 16 or more).
+    auto bit_of = [](size_t at) { return 1u << std::min<size_t>(at, 16); };
+    unsigned shared = bit_of(q);
+    __m128i x = load16(prev);
+    auto entry = [&]() __attribute__((always_inline)) {
+        // The next entry's place depends on this one's length: the chain
+        // the pass cannot run ahead of. For entries under 256 bytes it goes
+        // through the length's last byte alone; the others leave the loop.
+        const uint32_t len = e[3];
+        const uintptr_t next = reinterpret_cast<uintptr_t>(e) + len;
+        if (high_length_bytes(e) != 0 || len < acl::kEntryHeadLen + 1 || next > limit || e[len - 3] != 0)
+            return false;
+        const uint8_t *id = e + acl::kIdOffset;
+        const __m128i y = load16(id);
+        const Window w = window(x, y);
+        const unsigned first = w.stop & (0u - w.stop);
+        if ((first & w.lower) == 0) return false;
+        if constexpr (BeforePlace) {
+            if (first < shared) return false;  // above the key
+            if (first == shared) {
+                // The entry's own bytes hold its NUL.
+                const Split c = split_key(id, len - acl::kIdOffset, key, static_cast<size_t>(std::countr_zero(first)));
+                if (c.order >= 0) return false;
+                shared = bit_of(c.at);
+                q = c.at;
+            }
+        }
+        e = reinterpret_cast<const uint8_t *>(next);
+        ++count;
+        prev = id;
+        x = y;
+        return true;
+    };
+    while (entry() && entry()) {
+        if constexpr (Copying) from = Copier::step(from, delta, e);
+    }
+    Cursor at = k;
+    at.e = e;
+    at.prev = prev;
+    at.count = count;
+    at.copy.from = from;
+    return at;
+}
+
+template <bool Copying>
+[[gnu::noinline]] Cursor run_below_key(Cursor k, const uint8_t *fast_end, const Key *key, size_t &q) {
+    return run<Copying, true>(k, fast_end, key, q);
+}
+
+// After the place: the order alone.
+template <bool Copying>
+[[gnu::noinline]] Cursor run_ascending(Cursor k, const uint8_t *fast_end) {
+    size_t unused = 0;
+    return run<Copying, false>(k, fast_end, nullptr, unused);
+}
+#endif
+
 // One pass over the entries: checks each one's length and NUL, and while
 // the identifiers are plain and ascending, finds the new entry's place. The
 // order check compares each identifier with the one before it; the place
@@ -192,11 +385,21 @@ struct Split {
 // and p that shared by the previous and this one, p > q puts this one below
 // the key as well and p < q above it; only p == q compares on, from q.
 // Three loops, each keeping only what it still needs: before the place,
-// after it, and once the order is settled.
-bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *entry, Scan &r) {
-    const uint8_t *const buf_end = buf.data() + buf.size();
-    const uint8_t *const end = buf.data() + s.end;
-    const uint8_t *e = buf.data() + s.begin;
+// after it, and once the order is settled. The first two run usual entries
+// whose first 16 bytes decide their order in a tight inner loop, and copy
+// the entries as they go (copy; add_len: the new entry's length for an add,
+// 0 for a delete); copying stops once the sub-ACL turns out not to be plain
+// and ascending.
+bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *entry, Scan &r, Copier &copy,
+          size_t add_len) {
+    const uint8_t *const base = buf.data();
+    const uint8_t *const buf_end = base + buf.size();
+    const uint8_t *const end = base + s.end;
+    // The tight loops run entries that end by fast_end, which leaves room
+    // for a 16-byte load of their identifier and for the copy's moves.
+    const size_t room = std::max(acl::kIdOffset + 16, Copier::kMove);
+    const uint8_t *const fast_end = base + std::min(s.end, buf.size() >= room ? buf.size() - room + 1 : 0);
+    const uint8_t *e = base + s.begin;
     const uint8_t *prev = nullptr;
     const uint8_t *const key = acl::bytes_of(acl::entry_id(entry));
     const size_t key_room = acl::entry_length(entry) - acl::kIdOffset;
@@ -204,9 +407,26 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
     int32_t count = 0;
     bool plain = true;
     bool placed = false;
+#if defined(__SSE2__)
+    const Key fast_key{key, key_room};
+    auto resume = [&](const Cursor &k) {
+        e = k.e;
+        prev = k.prev;
+        count = k.count;
+        copy = k.copy;
+    };
+#endif
     r.place = s.end;
     // Before the place: every identifier so far is below the key.
     for (size_t q = 0; e < end && !placed;) {
+#if defined(__SSE2__)
+        if (prev != nullptr && e < fast_end) {
+            const Cursor here{e, prev, count, copy};
+            resume(copy.out != nullptr ? run_below_key<true>(here, fast_end, &fast_key, q)
+                                       : run_below_key<false>(here, fast_end, &fast_key, q));
+            if (e >= end) break;
+        }
+#endif
         const uint32_t len = check_entry(e, static_cast<size_t>(end - e), plain);
         if (len == 0) return false;
         const uint8_t *id = e + acl::kIdOffset;
@@ -232,10 +452,23 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
             if (c.order < 0) continue;
         }
         placed = true;
-        r.place = static_cast<size_t>(id - acl::kIdOffset - buf.data());
+        r.place = static_cast<size_t>(id - acl::kIdOffset - base);
+        // Past the place, entries move by the new entry's length, less the
+        // length of the one it replaces or deletes.
+        copy.flush(base, r.place);
+        copy.start(base, r.place + (r.equal ? len : 0),
+                   static_cast<ptrdiff_t>(add_len) - (r.equal ? static_cast<ptrdiff_t>(len) : 0));
     }
+    if (!plain || !r.sorted) copy.out = nullptr;
     // After the place: the order check alone.
     for (bool comparing = plain && r.sorted; e < end && comparing;) {
+#if defined(__SSE2__)
+        if (e < fast_end) {
+            const Cursor here{e, prev, count, copy};
+            resume(copy.out != nullptr ? run_ascending<true>(here, fast_end) : run_ascending<false>(here, fast_end));
+            if (e >= end) break;
+        }
+#endif
         const uint32_t len = check_entry(e, static_cast<size_t>(end - e), plain);
         if (len == 0) return false;
         const uint8_t *id = e + acl::kIdOffset;
@@ -250,6 +483,8 @@ bool scan(std::span<const uint8_t> buf, const acl::SubAcl &s, const uint8_t *ent
         }
         prev = id;
     }
+    if (!plain || !r.sorted) copy.out = nullptr;
+    copy.flush(base, s.end);
     // Settled: the checks alone (an entry that does not compare plainly
     // still sends the edit to the tree).
     while (e < end) {
@@ -278,19 +513,32 @@ Pieces pieces_of(const std::vector<const uint8_t *> &entries) {
 }
 
 // A sub-ACL in stored order: everything before the entry's place, the entry
-// (add), everything after the entry it replaces or deletes.
+// (add), everything after the entry it replaces or deletes. copied holds the
+// sub-ACL's entries at their new offsets when the pass could copy them;
+// copy_failed says that its allocation failed.
 qv_int32_t edit_in_order(std::span<const uint8_t> buf, const acl::SubAcl &s, const Scan &r, const uint8_t *entry,
-                         bool add, sec_acl_buffer_t acl) {
+                         bool add, OutBuffer copied, bool copy_failed, sec_acl_buffer_t acl) {
     if (!add && !r.equal) return not_found(entry);
     const uint8_t *b = buf.data();
     const size_t after = r.equal ? r.place + acl::be32(b + r.place) : r.place;
-    Pieces p;
-    p.reserve(3);
-    p.emplace_back(b + s.begin, r.place - s.begin);
-    if (add) p.emplace_back(entry, acl::entry_length(entry));
-    p.emplace_back(b + after, s.end - after);
     const int32_t count = r.count + (add ? (r.equal ? 0 : 1) : -1);
-    return rebuild(buf, s, p, count, acl);
+    const size_t entry_len = add ? acl::entry_length(entry) : 0;
+    const size_t entries = (s.end - s.begin) - (after - r.place) + entry_len;
+    const size_t total = buf.size() - (s.end - s.begin) + entries;
+    if (copy_failed) return no_memory(total);
+    if (copied == nullptr) {
+        Pieces p;
+        p.reserve(3);
+        p.emplace_back(b + s.begin, r.place - s.begin);
+        if (add) p.emplace_back(entry, entry_len);
+        p.emplace_back(b + after, s.end - after);
+        return rebuild(buf, s, p, count, acl);
+    }
+    uint8_t *o = copied.get();
+    std::memcpy(o, b, s.begin);
+    if (add) std::memcpy(o + r.place, entry, entry_len);
+    std::memcpy(o + s.begin + entries, b + s.end, buf.size() - s.end);
+    return install(std::move(copied), total, s, entries, count, acl);
 }
 
 // A plain sub-ACL stored out of order: sorted, then edited.
@@ -356,12 +604,25 @@ qv_int32_t modify(const uint8_t *entry, bool add, sec_acl_buffer_t acl) {
         if (!add) return not_found(entry);
         return append_subacl(buf, last_head, entry, acl);
     }
+    // The new buffer is allocated before the pass, at its largest size, so
+    // that the pass can copy the entries it reads (a sub-ACL stored in order,
+    // the usual case).
+    const size_t add_len = add ? acl::entry_length(entry) : 0;
+    Copier copy;
+    OutBuffer copied;
+    bool copy_failed = false;
+    if (buf.size() + add_len <= INT32_MAX) {
+        copied.reset(static_cast<uint8_t *>(std::malloc(buf.size() + add_len)));
+        copy.out = copied.get();
+        copy_failed = copied == nullptr;
+    }
+    copy.start(buf.data(), target.begin, 0);
     Scan r;
-    if (!scan(buf, target, entry, r)) return damaged();
+    if (!scan(buf, target, entry, r, copy, add_len)) return damaged();
     if (!add && r.count == 0) return not_found(entry);
     if (r.plain && acl::compares_plainly(entry, std::strlen(acl::entry_id(entry)))) {
         if (r.duplicate) return sec_report(SEC_S_INTERNAL, MSG_2650_033);
-        if (r.sorted) return edit_in_order(buf, target, r, entry, add, acl);
+        if (r.sorted) return edit_in_order(buf, target, r, entry, add, std::move(copied), copy_failed, acl);
         return edit_unsorted(buf, target, entry, add, acl);
     }
     return edit_with_tree(buf, target, entry, add, acl);

@@ -11,6 +11,12 @@
 
 #include "qv_sec.h"
 
+// Frees a malloc'ed buffer that is not yet the caller's (buffers handed to
+// the caller are malloc'ed: the caller frees them).
+struct SecFree {
+    void operator()(void *p) const { std::free(p); }
+};
+
 class ByteReader {
 public:
     explicit ByteReader(std::span<const uint8_t> bytes) : bytes_(bytes) {}

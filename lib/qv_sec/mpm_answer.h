@@ -7,11 +7,9 @@
 #include <cstdlib>
 #include <memory>
 
+#include "byte_io.h"
 #include "qv_sec_internal.h"
 
-struct SecFree {
-    void operator()(void *p) const { std::free(p); }
-};
 using SecMallocPtr = std::unique_ptr<char, SecFree>;
 
 // A module's answer: `length` bytes at `bytes`, always followed by a NUL so

@@ -272,13 +272,20 @@ TEST(AclEdit, AgreesWithTheEditingTree) {
         const int kind = round % 3;  // 0 in order, 1 any order, 2 any order with odd stored lengths
         std::vector<Bytes> stored;
         std::set<std::string> seen;
-        for (int i = pick(9); i > 0; --i) {
-            std::string id = ids[pick(kIds)];
+        // Every fourth in-order round: up to 80 entries, for the long runs
+        // that edits copy while they check.
+        const bool many = kind == 0 && round % 4 == 0;
+        for (int i = pick(many ? 80 : 9); i > 0; --i) {
+            std::string id = many ? "user" + std::to_string(rng() % 100000) + std::string(pick(8) == 0 ? 250 + pick(20) : pick(30), 'x') : ids[pick(kIds)];
             if (kind == 0 && !seen.insert(id).second) continue;
-            stored.push_back(entry(3, 7, uint32_t(rng()), id, kind == 2 ? size_t(pick(2) * 4) : 2));
+            const size_t pad = kind == 2 ? size_t(pick(2) * 4) : many && pick(10) == 0 ? 260 : 2;
+            stored.push_back(entry(3, 7, uint32_t(rng()), id, pad));
         }
         if (kind == 0) std::sort(stored.begin(), stored.end(), [](auto &a, auto &b) { return Tree::cmp(a, b) < 0; });
-        const Bytes x = entry(3, 7, uint32_t(rng()), ids[pick(kIds)], kind == 2 ? size_t(pick(3)) : 2);
+        std::string x_id = ids[pick(kIds)];
+        if (many) x_id = !stored.empty() && pick(2) ? (const char *)&stored[pick(int(stored.size()))][14]
+                                                    : "user" + std::to_string(rng() % 100000);
+        const Bytes x = entry(3, 7, uint32_t(rng()), x_id, kind == 2 ? size_t(pick(3)) : 2);
         const bool add = pick(2) == 0;
         const Sub before{4, 7, {entry(4, 7, 1, "g")}}, after{3, 8, {entry(3, 8, 1, "z")}};
         Acl a(acl_of({before, {3, 7, stored}, after}));
