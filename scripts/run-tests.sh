@@ -5,7 +5,8 @@
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer build, all tests;
 #   3. ThreadSanitizer build, the concurrency tests;
 #   4. the libFuzzer targets (clang), each for QV_FUZZ_SECONDS (default 18),
-#      each held to its coverage floor in fuzz/coverage-floors.txt.
+#      QV_JOBS at a time, each held to its coverage floor in
+#      fuzz/coverage-floors.txt.
 # Set QV_QUICK=1 to run only step 1.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -45,7 +46,8 @@ run_ctest() {
 configure_build() {
   local dir=$1
   shift
-  cmake -S "$root" -B "$dir" -G Ninja -DQV_WERROR=ON -DQV_TESTS=ON -DQV_BENCH=ON -DQV_FUZZ=OFF -DQV_SANITIZE= "$@" >/dev/null
+  cmake -S "$root" -B "$dir" -G Ninja -DQV_WERROR=ON -DQV_TESTS=ON -DQV_BENCH=ON -DQV_FUZZ=OFF -DQV_SANITIZE= \
+    -DQV_CONCURRENCY_ONLY=OFF "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
 }
 
@@ -90,7 +92,7 @@ if [ "${QV_QUICK:-0}" != 1 ]; then
     run_ctest "tests under ASan+UBSan" build-asan -E '^install_layout$'
 
   echo "== ThreadSanitizer (concurrency tests)"
-  configure_build build-tsan -DQV_SANITIZE=thread -DQV_BENCH=OFF
+  configure_build build-tsan -DQV_SANITIZE=thread -DQV_BENCH=OFF -DQV_CONCURRENCY_ONLY=ON
   TSAN_OPTIONS=halt_on_error=1 run_ctest "concurrency tests under TSan" build-tsan -L concurrency
 
   echo "== fuzz targets (${fuzz_seconds}s each)"
@@ -102,33 +104,48 @@ if [ "${QV_QUICK:-0}" != 1 ]; then
   # A run must reach at least its target's coverage floor (fuzz/coverage-floors.txt):
   # a target whose inputs stop at the first checks (a module that does not
   # load, seeds that no longer parse) fails rather than pass for hours.
-  while read -r fuzzer; do
-    [ -n "$fuzzer" ] || continue
+  # Targets run $jobs at a time, one core each; each writes its verdict to
+  # build-fuzz/<target>.verdict ("ok ..." or "FAILED ..."), read in order below.
+  run_fuzzer() {
+    local fuzzer=$1 exe corpus log floor work cov
     exe=$(find build-fuzz -type f -name "$fuzzer" -perm -u+x | head -n1)
     corpus="fuzz/corpus/$fuzzer"
     log="$root/build-fuzz/$fuzzer.log"
     floor=$(awk -v t="$fuzzer" '$1 == t { print $2 }' fuzz/coverage-floors.txt)
     work=$(mktemp -d)
     [ -d "$corpus" ] && cp -r "$corpus"/. "$work"/ 2>/dev/null || true
-    if (cd build-fuzz && "$root/$exe" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$work" >"$log" 2>&1); then
+    if [ -n "$exe" ] && (cd build-fuzz && "$root/$exe" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$work" >"$log" 2>&1); then
       cov=$(grep -oE 'cov: [0-9]+' "$log" | tail -n1 | cut -d' ' -f2 || true)
       if [ -z "$floor" ]; then
-        failed=$((failed + 1))
-        summary+=("fuzz $fuzzer: FAILED, no coverage floor in fuzz/coverage-floors.txt (reached ${cov:-?})")
+        echo "FAILED, no coverage floor in fuzz/coverage-floors.txt (reached ${cov:-?})"
       elif [ -z "$cov" ] || [ "$cov" -lt "$floor" ]; then
-        failed=$((failed + 1))
-        summary+=("fuzz $fuzzer: FAILED, coverage ${cov:-none} below its floor $floor (see $log)")
+        echo "FAILED, coverage ${cov:-none} below its floor $floor (see $log)"
       else
-        passed=$((passed + 1))
-        summary+=("fuzz $fuzzer: no crash in ${fuzz_seconds}s, coverage $cov (floor $floor)")
+        echo "ok: no crash in ${fuzz_seconds}s, coverage $cov (floor $floor)"
       fi
     else
-      failed=$((failed + 1))
-      summary+=("fuzz $fuzzer: FAILED (see build-fuzz/$fuzzer.log)")
-      tail -n 40 "$log"
-    fi
+      echo "FAILED (see build-fuzz/$fuzzer.log)"
+    fi >"build-fuzz/$fuzzer.verdict"
     rm -rf "$work"
-  done < build-fuzz/fuzzers.txt
+  }
+  mapfile -t fuzzers < <(grep . build-fuzz/fuzzers.txt || true)
+  for fuzzer in "${fuzzers[@]}"; do
+    rm -f "build-fuzz/$fuzzer.verdict"
+    while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do wait -n || true; done
+    run_fuzzer "$fuzzer" &
+  done
+  wait
+  for fuzzer in "${fuzzers[@]}"; do
+    verdict=$(cat "build-fuzz/$fuzzer.verdict" 2>/dev/null || echo "FAILED, no verdict")
+    if [[ "$verdict" == ok:* ]]; then
+      passed=$((passed + 1))
+      summary+=("fuzz $fuzzer: ${verdict#ok: }")
+    else
+      failed=$((failed + 1))
+      summary+=("fuzz $fuzzer: $verdict")
+      tail -n 40 "build-fuzz/$fuzzer.log" 2>/dev/null || true
+    fi
+  done
 fi
 
 echo
