@@ -3,28 +3,12 @@
 // SEC_STATE.lock, taken by the caller.
 #pragma once
 
+#include "owned_fd.h"
 #include "qv_sec_internal.h"
 
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-// Owns a file descriptor (-1: none). close() is a cancellation point, and a
-// destructor must not be cut short, so it runs with cancellation disabled.
-struct SecFdCloser {
-    int fd;
-    explicit SecFdCloser(int f) : fd(f) {}
-    SecFdCloser(const SecFdCloser &) = delete;
-    SecFdCloser &operator=(const SecFdCloser &) = delete;
-    ~SecFdCloser() {
-        if (fd >= 0) {
-            int old;
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
-            ::close(fd);
-            pthread_setcancelstate(old, nullptr);
-        }
-    }
-};
 
 // Why a configuration or module file cannot be trusted by a privileged
 // process: bits of the answer of sec__file_distrust.

@@ -105,15 +105,15 @@ qv_uint32_t read_and_parse(const char *fname, sec_config_rec_t *recs, qv_int32_t
                            char **fail_at) {
     // O_NONBLOCK: a FIFO named as the configuration is refused (it has no
     // size to read) instead of holding the process until someone writes.
-    SecFdCloser file{fname ? ::open(fname, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1};
-    if (file.fd < 0) return config_error();
+    SecOwnedFd file(fname ? ::open(fname, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1);
+    if (file.get() < 0) return config_error();
     *recs = nullptr;
     *count = 0;
     qv_int32_t len = 0;
-    if (qv_uint32_t rc = size_of_open_file(file.fd, &len)) return rc;
+    if (qv_uint32_t rc = size_of_open_file(file.get(), &len)) return rc;
     std::unique_ptr<char, decltype(&free)> text(static_cast<char *>(calloc(static_cast<size_t>(len) + 1, 1)), &free);
     if (!text) return sec_report(SEC_S_NO_MEMORY, MSG_2650_004);
-    if (::read(file.fd, text.get(), static_cast<size_t>(len)) != len) return config_error();
+    if (::read(file.get(), text.get(), static_cast<size_t>(len)) != len) return config_error();
     if (original != nullptr) original->assign(text.get(), static_cast<size_t>(len));
 
     sec_config_rec_t head = nullptr;

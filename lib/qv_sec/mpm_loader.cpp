@@ -28,9 +28,9 @@ std::string loader_message() {
 // loaded. A refused file is reported like a file that cannot be examined,
 // with errno EPERM.
 void *open_checked_module(sec_mpm_entry_t entry, const char *path, qv_uint32_t *rc) {
-    SecFdCloser file{::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)};  // a FIFO does not hold us
+    SecOwnedFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));  // a FIFO does not hold us
     struct stat sb;
-    int err = file.fd < 0 || ::fstat(file.fd, &sb) != 0 ? errno : 0;
+    int err = file.get() < 0 || ::fstat(file.get(), &sb) != 0 ? errno : 0;
     if (err == 0 && sec__file_distrust(&sb, ::geteuid()) != 0) err = EPERM;
     if (err != 0 || sb.st_size == 0) {
         if (sec_trace_on(SEC_TRC_ERRORS)) sec_mpm_trace_string(TRC_MPM_STAT_FAILED, entry, path);
@@ -38,7 +38,7 @@ void *open_checked_module(sec_mpm_entry_t entry, const char *path, qv_uint32_t *
         return nullptr;
     }
     char by_descriptor[32];
-    std::snprintf(by_descriptor, sizeof by_descriptor, "/proc/self/fd/%d", file.fd);
+    std::snprintf(by_descriptor, sizeof by_descriptor, "/proc/self/fd/%d", file.get());
     dlerror();
     void *object = dlopen(by_descriptor, RTLD_NOW);
     err = errno;

@@ -278,20 +278,26 @@ qv_uint32_t guarded(qv_uint32_t *min_stat, F &&body) {
 
 bool crypto_ready();
 
-// close is a cancellation point: the destructor may run while a
-// cancellation unwinds the thread, so it keeps cancellation off meanwhile.
-struct FdCloser {
-    int fd;
-    ~FdCloser() {
-        if (fd < 0) return;
-        int old;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
-        close(fd);
-        pthread_setcancelstate(old, &old);
-    }
-};
-
 // ---- Shared routine bodies ----
+// A context made by the routine that is running: freed again unless the
+// routine succeeds and hands it over.
+struct NewContext {
+    std::unique_ptr<Context> owned;
+    Context *ctx = nullptr;
+};
+// The context a start or receive routine works on: a new one when *slot is
+// empty, else the one there, which must not have started (it may hold a
+// socket and nothing else).
+Status context_for_exchange(void **slot, NewContext &nc);
+// The start of mpm_receive_sec_context: arguments checked, outputs cleared,
+// the service found, and the server context taken out of *ctx_tkn into
+// owned. A server context that fails is of no further use, and the library
+// does not end it: it stays owned here (freed unless the caller hands it
+// back) and the slot is cleared.
+Status begin_receive(void *svc_tkn, sec_buffer_t cbuff, void **ctx_tkn, sec_buffer_t sbuff, qv_uint32_t *rflags,
+                     Service *&svc, std::unique_ptr<Context> &owned);
+// Each module's client id (mpm_get_client_id): its own layout of the peer.
+std::vector<uint8_t> client_id_bytes(const PeerIdentity &id);
 // The peer behind an established or identity context, when it is known.
 Status client_of(void *token, PeerIdentity &out);
 // The buffer-size protocol of the name routines: the whole answer or, when

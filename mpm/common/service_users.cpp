@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "owned_fd.h"
 #include "mech_common.h"
 
 namespace qvmech {
@@ -47,16 +48,16 @@ std::string_view next_field(std::string_view &line) {
 bool read_services_file(const char *path, std::string &text) {
     text.clear();
     // O_NOFOLLOW: the file itself, not where a link put in its place points.
-    FdCloser f{open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY)};
-    if (f.fd < 0) return errno == ENOENT;
+    SecOwnedFd f(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+    if (f.get() < 0) return errno == ENOENT;
     struct stat st {};
-    if (fstat(f.fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    if (fstat(f.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
     // Only root may decide who serves what.
     if (st.st_uid != 0 || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return false;
     if (static_cast<size_t>(st.st_size) > kMaxServicesFile) return false;
     char buf[4096];
     for (;;) {
-        ssize_t n = read(f.fd, buf, sizeof buf);
+        ssize_t n = read(f.get(), buf, sizeof buf);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) return false;
         if (n == 0) return true;

@@ -44,7 +44,7 @@ int request_assertion(const std::string &socket_path, const AssertionRequest &re
     std::memcpy(addr.sun_path, socket_path.data(), socket_path.size());
     if (req.peer_service.size() > 255 || (req.peer_host.size() > 0 && !valid_host_name(req.peer_host)))
         return fail(EINVAL, why, "bad target service or host name");
-    OwnedFd s(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    SecOwnedFd s(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (s.get() < 0) return fail(errno, why, std::string("cannot make a socket: ") + std::strerror(errno));
     if (int rc = connect_before(s.get(), addr, deadline); rc != 0)
         return fail(rc, why, "cannot reach the host daemon at " + socket_path + ": " + std::strerror(rc));

@@ -34,23 +34,6 @@ constexpr qv_uint32_t kProtectionFlags = kCtxReplay | kCtxSequence | kCtxIntegri
 
 std::int64_t now_seconds() { return static_cast<std::int64_t>(time(nullptr)); }
 
-struct NewContext {
-    std::unique_ptr<Context> owned;
-    Context *ctx = nullptr;
-};
-
-Status context_for_exchange(void **slot, NewContext &nc) {
-    if (*slot == nullptr) {
-        nc.owned = std::make_unique<Context>();
-        nc.ctx = nc.owned.get();
-        return kOk;
-    }
-    nc.ctx = as_context(*slot);
-    if (nc.ctx == nullptr) return kBadHandle;
-    if (nc.ctx->role != Role::kUnset || nc.ctx->phase != Phase::kNew) return kWrongState;
-    return kOk;
-}
-
 Status trusted_hosts(const HostConfig &c, qvhost::TrustedHosts &out, qv_uint32_t *minor) {
     std::string why;
     if (!qvhost::read_trusted_hosts(c.trusted, out, why)) {
@@ -170,19 +153,9 @@ extern "C" qv_uint32_t mpm_start_sec_context(qv_uint32_t *min_stat, void *sec_to
 extern "C" qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_tkn, sec_buffer_t cbuff,
                                                void **ctx_tkn, sec_buffer_t sbuff, qv_uint32_t *rflags) {
     return guarded(min_stat, [&](qv_uint32_t *minor) -> qv_uint32_t {
-        if (cbuff == nullptr || ctx_tkn == nullptr || sbuff == nullptr) return kBadArgument;
-        sbuff->length = 0;
-        sbuff->value = nullptr;
-        if (rflags != nullptr) *rflags = 0;
-        if (!crypto_ready()) return kCryptoUnavailable;
-        Service *svc = as_service(svc_tkn);
-        if (svc == nullptr) return kBadHandle;
-        NewContext nc;
-        if (Status s = context_for_exchange(ctx_tkn, nc); s != kOk) return s;
-        // A server context that fails is freed here and the slot cleared.
-        std::unique_ptr<Context> owned = std::move(nc.owned);
-        if (!owned) owned.reset(nc.ctx);
-        *ctx_tkn = nullptr;
+        Service *svc = nullptr;
+        std::unique_ptr<Context> owned;
+        if (Status s = begin_receive(svc_tkn, cbuff, ctx_tkn, sbuff, rflags, svc, owned); s != kOk) return s;
         Context &ctx = *owned;
         const HostConfig &conf = config_of(svc->module_state);
         const std::string &self = config_host(conf);

@@ -15,7 +15,7 @@
 namespace qvhost {
 namespace {
 
-using Fd = OwnedFd;
+using Fd = SecOwnedFd;
 
 std::string reason(const std::string &path, const char *what, const char *text) {
     return std::string(what) + " " + path + ": " + text;
@@ -39,12 +39,6 @@ std::string directory_of(const std::string &path) {
 }
 
 }  // namespace
-
-OwnedFd::~OwnedFd() {
-    if (fd_ < 0) return;
-    SecCancelDisabled hold;
-    ::close(fd_);
-}
 
 bool read_checked_file(const std::string &path, std::size_t max_bytes, mode_t forbidden_mode,
                        const char *what, std::string &out, std::string &why) {

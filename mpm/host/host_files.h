@@ -2,6 +2,7 @@
 // trusted-hosts file. Internal to qv_host_trust and its tools.
 #pragma once
 
+#include "owned_fd.h"
 #include <sys/types.h>
 
 #include <cstddef>
@@ -9,26 +10,6 @@
 #include <string_view>
 
 namespace qvhost {
-
-// Owns a file descriptor. close() is a cancellation point, and a destructor
-// must not unwind: it runs with cancellation held off.
-class OwnedFd {
-public:
-    explicit OwnedFd(int fd) : fd_(fd) {}
-    OwnedFd(const OwnedFd &) = delete;
-    OwnedFd &operator=(const OwnedFd &) = delete;
-    ~OwnedFd();
-    int get() const { return fd_; }
-    // Gives up ownership without closing.
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
 
 // Reads a whole file that must be a regular file (a symlink is not followed),
 // owned by root or by the effective user, at most `max_bytes` long, with none

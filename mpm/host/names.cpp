@@ -26,15 +26,13 @@ Status start_service(Service &svc, qv_uint32_t *minor) {
     svc.module_state = std::move(conf);
     return kOk;
 }
-}  // namespace qvmech
 
-namespace qvhostmech {
 namespace {
-
 constexpr uint8_t kClientIdVersion = 1;
-constexpr size_t kMaxNameInput = 4096;
-constexpr qv_uint32_t kUnknownUser = 1, kOtherUser = 2, kNotMapped = 3;
+}  // namespace
 
+// The client id: version, node id, uid, user name (at most 255 bytes, after
+// its length), host name.
 std::vector<uint8_t> client_id_bytes(const PeerIdentity &id) {
     ByteWriter w;
     w.u8(kClientIdVersion);
@@ -45,6 +43,14 @@ std::vector<uint8_t> client_id_bytes(const PeerIdentity &id) {
     w.bytes({reinterpret_cast<const uint8_t *>(id.host.data()), id.host.size()});
     return w.data();
 }
+
+}  // namespace qvmech
+
+namespace qvhostmech {
+namespace {
+
+constexpr size_t kMaxNameInput = 4096;
+constexpr qv_uint32_t kUnknownUser = 1, kOtherUser = 2, kNotMapped = 3;
 
 // The mapped name: the peer's user name when its host is this host or one
 // the configuration lists under same-users and the name is a user of this
@@ -163,14 +169,6 @@ extern "C" qv_uint32_t mpm_get_mapped_name(qv_uint32_t *min_stat, void *token, q
         std::string mapped = state ? mapped_name(id, config_of(state)) : std::string();
         if (mapped.empty()) return answer({}, name_len, name);
         return answer_string(mapped, name_len, name);
-    });
-}
-
-extern "C" qv_uint32_t mpm_get_client_id(qv_uint32_t *min_stat, void *token, qv_int32_t *id_len, char *id) {
-    return guarded(min_stat, [&](qv_uint32_t *) -> qv_uint32_t {
-        PeerIdentity peer;
-        if (Status s = client_of(token, peer); s != kOk) return s;
-        return answer(client_id_bytes(peer), id_len, id);
     });
 }
 

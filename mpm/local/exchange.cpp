@@ -26,26 +26,6 @@ namespace {
 
 constexpr qv_uint32_t kProtectionFlags = kCtxReplay | kCtxSequence | kCtxIntegrity | kCtxConfidentiality;
 
-// A context made by the routine that is running: freed again unless the
-// routine succeeds and hands it over.
-struct NewContext {
-    std::unique_ptr<Context> owned;
-    Context *ctx = nullptr;
-};
-
-Status context_for_exchange(void **slot, NewContext &nc) {
-    if (*slot == nullptr) {
-        nc.owned = std::make_unique<Context>();
-        nc.ctx = nc.owned.get();
-        return kOk;
-    }
-    nc.ctx = as_context(*slot);
-    if (nc.ctx == nullptr) return kBadHandle;
-    // Only a context that so far received nothing but its socket may start.
-    if (nc.ctx->role != Role::kUnset || nc.ctx->phase != Phase::kNew) return kWrongState;
-    return kOk;
-}
-
 // Who the kernel says is at the other end of the context's socket, provided
 // the descriptor still names the socket the context was given.
 Status kernel_peer(const Context &ctx, PeerIdentity &peer, qv_uint32_t *minor) {
@@ -189,40 +169,25 @@ extern "C" qv_uint32_t mpm_complete_sec_context(qv_uint32_t *min_stat, sec_buffe
 extern "C" qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_tkn, sec_buffer_t cbuff,
                                                void **ctx_tkn, sec_buffer_t sbuff, qv_uint32_t *rflags) {
     return guarded(min_stat, [&](qv_uint32_t *minor) -> qv_uint32_t {
-        if (cbuff == nullptr || ctx_tkn == nullptr || sbuff == nullptr) return kBadArgument;
-        sbuff->length = 0;
-        sbuff->value = nullptr;
-        if (rflags != nullptr) *rflags = 0;
-        if (!crypto_ready()) return kCryptoUnavailable;
-        Service *svc = as_service(svc_tkn);
-        if (svc == nullptr) return kBadHandle;
-        NewContext nc;
-        if (Status s = context_for_exchange(ctx_tkn, nc); s != kOk) return s;
-        // A server context that fails is of no further use: it is freed here
-        // and the handle slot cleared, since the library does not end it.
-        std::unique_ptr<Context> owned = std::move(nc.owned);
-        if (!owned) owned.reset(nc.ctx);
-        *ctx_tkn = nullptr;
-        auto fail = [&](qv_uint32_t s) {
-            *ctx_tkn = nullptr;
-            return s;
-        };
+        Service *svc = nullptr;
+        std::unique_ptr<Context> owned;
+        if (Status s = begin_receive(svc_tkn, cbuff, ctx_tkn, sbuff, rflags, svc, owned); s != kOk) return s;
         Context &ctx = *owned;
         if (!ctx.has_socket) {
             *minor = ENOTSOCK;
-            return fail(kNoSocket);
+            return kNoSocket;
         }
         if (!ctx.socket_is_local) {
             *minor = EAFNOSUPPORT;
-            return fail(kNoSocket);
+            return kNoSocket;
         }
         std::span<const uint8_t> in = bytes_of(*cbuff);
         ClientHello hello;
-        if (Status s = read_client_hello(in, hello, minor); s != kOk) return fail(s);
+        if (Status s = read_client_hello(in, hello, minor); s != kOk) return s;
         // The client is whoever the kernel says connected, whatever the hello
         // claims.
         PeerIdentity client;
-        if (Status s = kernel_peer(ctx, client, minor); s != kOk) return fail(s);
+        if (Status s = kernel_peer(ctx, client, minor); s != kOk) return s;
         ServerReply reply;
         {
             std::lock_guard<std::mutex> g(svc->lock);
@@ -230,7 +195,7 @@ extern "C" qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_
         }
         // A target "svc@host" names the service "svc": the host is this one.
         const std::string_view wanted = std::string_view(hello.target).substr(0, hello.target.find('@'));
-        if (!reply.service.empty() && !wanted.empty() && wanted != reply.service) return fail(kWrongTarget);
+        if (!reply.service.empty() && !wanted.empty() && wanted != reply.service) return kWrongTarget;
 
         reply.flags = kTokenChecksPeer;
         random_bytes(reply.nonce);
@@ -239,9 +204,9 @@ extern "C" qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_
         reply.public_key = own.public_key;
         reply.creds = own_credentials();
         std::vector<uint8_t> out = write_server_reply_body(reply);
-        if (Status s = derive_session_keys(kLocalLabels, own, hello.public_key, in, out, ctx.keys); s != kOk) return fail(s);
+        if (Status s = derive_session_keys(kLocalLabels, own, hello.public_key, in, out, ctx.keys); s != kOk) return s;
         out.insert(out.end(), ctx.keys.confirm.begin(), ctx.keys.confirm.end());
-        if (!give_bytes(out, sbuff)) return fail(kNoMemory);
+        if (!give_bytes(out, sbuff)) return kNoMemory;
 
         ctx.generation = process_generation();
         ctx.role = Role::kServer;

@@ -9,13 +9,13 @@
 #include "byte_io.h"
 #include "local_mech.h"
 
-namespace qvlocal {
+namespace qvmech {
+
 namespace {
-
 constexpr uint8_t kClientIdVersion = 1;
-constexpr size_t kMaxNameInput = 4096;
-constexpr qv_uint32_t kUnknownUser = 1, kOtherUser = 2, kForeignHost = 3;
+}  // namespace
 
+// The client id: version, uid, gid, host name.
 std::vector<uint8_t> client_id_bytes(const PeerIdentity &id) {
     ByteWriter w;
     w.u8(kClientIdVersion);
@@ -24,6 +24,14 @@ std::vector<uint8_t> client_id_bytes(const PeerIdentity &id) {
     w.bytes({reinterpret_cast<const uint8_t *>(id.host.data()), id.host.size()});
     return w.data();
 }
+
+}  // namespace qvmech
+
+namespace qvlocal {
+namespace {
+
+constexpr size_t kMaxNameInput = 4096;
+constexpr qv_uint32_t kUnknownUser = 1, kOtherUser = 2, kForeignHost = 3;
 
 // A network name of this mechanism: "<user>@<host>" with this host's name.
 Status identity_from_name(const char *name, PeerIdentity &id, qv_uint32_t *minor) {
@@ -66,14 +74,6 @@ extern "C" qv_uint32_t mpm_get_mapped_name(qv_uint32_t *min_stat, void *token, q
         // A uid without a user of this host has no local identity.
         if (id.user.empty()) return answer({}, name_len, name);
         return answer_string(id.user, name_len, name);
-    });
-}
-
-extern "C" qv_uint32_t mpm_get_client_id(qv_uint32_t *min_stat, void *token, qv_int32_t *id_len, char *id) {
-    return guarded(min_stat, [&](qv_uint32_t *) -> qv_uint32_t {
-        PeerIdentity peer;
-        if (Status s = client_of(token, peer); s != kOk) return s;
-        return answer(client_id_bytes(peer), id_len, id);
     });
 }
 

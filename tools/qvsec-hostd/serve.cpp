@@ -66,7 +66,7 @@ bool Daemon::target_known(const std::string &host) {
 }
 
 void Daemon::serve(int fd) {
-    qvhost::OwnedFd conn(fd);
+    SecOwnedFd conn(fd);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(options_.timeout_ms);
     qvlocal::Credentials creds;
     qv_uint32_t minor = 0;

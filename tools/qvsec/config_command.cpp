@@ -110,8 +110,8 @@ std::string file_problem(const std::string &path, std::string &text) {
     }
     if (S_ISDIR(sb.st_mode)) return "the path names a directory, not a file";
     if (!S_ISREG(sb.st_mode)) return "the path names a device, FIFO or socket, not a regular file";
-    SecFdCloser file{::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
-    if (file.fd < 0) {
+    SecOwnedFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file.get() < 0) {
         int e = errno;
         char why[160];
         std::snprintf(why, sizeof why, "the file cannot be read by this user (mode %04o, owner uid %u): %s",
@@ -121,7 +121,7 @@ std::string file_problem(const std::string &path, std::string &text) {
     }
     if (sb.st_size >= INT_MAX) return "the file is too large to be a configuration file";
     text.assign(static_cast<size_t>(sb.st_size), '\0');
-    if (::read(file.fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+    if (::read(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         return "the file could not be read whole";
     bool blank = true;
     for (char c : text) blank = blank && std::isspace(static_cast<unsigned char>(c));

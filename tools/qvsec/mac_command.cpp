@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "owned_fd.h"
 #include "commands.h"
 #include "qv_sec.h"
 
@@ -42,16 +43,6 @@ struct SecretBytes {
     }
 };
 
-struct Fd {
-    int fd;
-    explicit Fd(int f) : fd(f) {}
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    ~Fd() {
-        if (fd >= 0) close(fd);
-    }
-};
-
 bool fail_errno(const std::string &path, const char *what) {
     std::fprintf(stderr, "qvsec: %s: %s: %s\n", path.c_str(), what, std::strerror(errno));
     return false;
@@ -60,13 +51,13 @@ bool fail_errno(const std::string &path, const char *what) {
 // Reads the whole file at path into out; at most limit bytes (0: no limit
 // beyond what a message buffer can describe).
 bool read_whole(const std::string &path, size_t limit, std::vector<uint8_t> &out) {
-    Fd f(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (f.fd < 0) return fail_errno(path, "cannot open");
+    SecOwnedFd f(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (f.get() < 0) return fail_errno(path, "cannot open");
     size_t max = limit ? limit : static_cast<size_t>(INT32_MAX);
     out.clear();
     uint8_t chunk[65536];
     for (;;) {
-        ssize_t n = read(f.fd, chunk, sizeof chunk);
+        ssize_t n = read(f.get(), chunk, sizeof chunk);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) return fail_errno(path, "cannot read");
         if (n == 0) break;
@@ -97,9 +88,9 @@ bool write_all(int fd, const uint8_t *p, size_t n) {
 // every peer that holds it. A token file is replaced.
 bool write_file(const std::string &path, const uint8_t *p, size_t n, mode_t mode, bool exclusive) {
     int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (exclusive ? O_EXCL : O_TRUNC);
-    Fd f(open(path.c_str(), flags, mode));
-    if (f.fd < 0) return fail_errno(path, "cannot create");
-    if (!write_all(f.fd, p, n) || fsync(f.fd) != 0) {
+    SecOwnedFd f(open(path.c_str(), flags, mode));
+    if (f.get() < 0) return fail_errno(path, "cannot create");
+    if (!write_all(f.get(), p, n) || fsync(f.get()) != 0) {
         int saved = errno;
         if (exclusive) unlink(path.c_str());
         errno = saved;
