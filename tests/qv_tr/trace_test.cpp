@@ -65,20 +65,15 @@ TEST(Registration, QvTraceGrammarTable) {
         {"_REG:*=0", {0, 0, 0, U, 1, 6}, false},
         {"*:Info=5", {0, 5, 2, U, 1, 6}, false},
         {"_REG:*=7,API=1", {7, 7, 1, U, 7, 7}, false},
-        {"_REG:API=1;_REG:API=3", {0, 0, 3, U, 1, 6}, false},
         {"_OTHER:*=8;_REG:Errors=4", {4, 0, 2, U, 1, 6}, false},
         {"_REG:Nope=8,Info=2", {0, 2, 2, U, 1, 6}, false},
         {"_REGX:*=8;_RE:*=8", kDefaults, false},
         {"_REG:API=255", {0, 0, 255, U, 1, 6}, false},
-        {"_REG:API=007", {0, 0, 7, U, 1, 6}, false},
         {"_REG:API=256,Info=2", {0, 2, 2, U, 1, 6}, true},
-        {"_REG:API=-1,Info=2", {0, 2, 2, U, 1, 6}, true},
         {"_REG:API=8x,Info=2", {0, 2, 2, U, 1, 6}, true},
         {"_REG:API=,Info=2", {0, 2, 2, U, 1, 6}, true},
         {"_REG:=8,Info=2", {0, 2, 2, U, 1, 6}, true},
         {"_REG:API,Info=2", {0, 2, 2, U, 1, 6}, true},
-        {"_REG:API=1000,Info=2", {0, 2, 2, U, 1, 6}, true},
-        {"_REG:API=8=9,Info=2", {0, 2, 2, U, 1, 6}, true},
         {"_REG;_REG:Info=2", {0, 2, 2, U, 1, 6}, true},
         {":API=8;_REG:Info=2", {0, 2, 2, U, 1, 6}, true},
     };
@@ -164,55 +159,6 @@ TEST(TraceFormat, KnownRecordBytes) {
               "000000006b02c0a7" "075bcd15" "00000001" "5f54" "00000002" "6100"
               "b5a2432b");  // checksum as computed by zlib
     EXPECT_EQ(qvtest::to_hex(reinterpret_cast<const uint8_t *>(header_bytes().data()), 8), "5156544600000001");
-}
-
-TEST(TraceFormat, RoundTripEveryPayloadKind) {
-    std::string big(1 << 20, '\0');
-    for (size_t i = 0; i < big.size(); ++i)
-        big[i] = char(i * 131 + 7);
-    struct Case {
-        std::string comp;
-        uint32_t id;
-        PayloadKind kind;
-        std::vector<std::string> items;
-    } cases[] = {
-        {"_SEA", 11, PayloadKind::none, {}},
-        {"_SEA", 12, PayloadKind::data, {}},
-        {"_SEA", 0xFFFFFFFF, PayloadKind::data, {"", std::string("\0\x01\xff", 3), "xyz"}},
-        {"_SEA", 1, PayloadKind::strings, {std::string("sec_start\0", 10), "", std::string("\0", 1)}},
-        {"_SEA", 6, PayloadKind::data, {big, "tail"}},
-        {std::string(255, 'n'), 2, PayloadKind::strings, {std::string("x\0", 2)}},
-    };
-    std::string file = header_bytes();
-    for (const Case &c : cases)
-        file += record_bytes(c.comp, c.id, c.kind, c.items);
-    uint64_t damage = 99;
-    auto events = decode(file, 1000, &damage);
-    EXPECT_EQ(damage, 0u);
-    ASSERT_EQ(events.size(), std::size(cases) + 1);
-    EXPECT_EQ(events[0].kind, Kind::header);
-    for (size_t i = 0; i < std::size(cases); ++i) {
-        const Decoded &d = events[i + 1];
-        EXPECT_EQ(d.kind, Kind::record);
-        EXPECT_EQ(std::tie(d.component, d.id, d.payload, d.items),
-                  std::tie(cases[i].comp, cases[i].id, cases[i].kind, cases[i].items)) << i;
-        EXPECT_EQ(std::tie(d.pid, d.tid, d.seconds, d.nanoseconds),
-                  (std::make_tuple(4242u, 4343u, uint64_t{1795342503}, 123456789u))) << i;
-    }
-}
-
-TEST(TraceFormat, SizeLimits) {
-    std::vector<qvtr::Item> none;
-    EXPECT_EQ(qvtr::encoded_record_size("", none), 0u);
-    EXPECT_EQ(qvtr::encoded_record_size(std::string(256, 'c'), none), 0u);
-    EXPECT_EQ(qvtr::encoded_record_size("C", none), qvtr::kMinRecordSize);
-    static const uint8_t byte = 0;
-    // The largest item that fits exactly, and one byte more.
-    size_t room = qvtr::kMaxRecordSize - qvtr::kMinRecordSize - qvtr::kItemLengthSize;
-    std::vector<qvtr::Item> fits{{&byte, room}}, too_big{{&byte, room + 1}}, wraps{{&byte, 8}, {&byte, SIZE_MAX - 4}};
-    EXPECT_EQ(qvtr::encoded_record_size("C", fits), qvtr::kMaxRecordSize);
-    EXPECT_EQ(qvtr::encoded_record_size("C", too_big), 0u);
-    EXPECT_EQ(qvtr::encoded_record_size("C", wraps), 0u);
 }
 
 // Damage anywhere costs only the bytes it touches: the reader reports where
@@ -467,7 +413,6 @@ TEST(Qvtrace, NamesTheLibrarysRecords) {
         {"_SEA", 64, PayloadKind::data, {rc3, le(8, 4), le(88, 4), le(0x10002, 4), "mpm_start\t" + kNul},
          " sec_start_sec_context exit rc=3 (module failure, see the status) maj=8 min=88 "
          "mech=krb(0x00010002) desc=\"mpm_start\\t\""},
-        {"_SEA", 106, PayloadKind::data, {ptr, le(uint64_t(-5), 8), ptr}, " sec_renew_identity entry st=0x7ffe0010 ltime=-5 stoken=0x7ffe0010"},
         {"_SEA", 146, PayloadKind::strings, {"al ice" + kNul}, " sec_user_valid entry username=\"al ice\""},
         {"_SEA", 1, PayloadKind::strings, {"sec_create_acle" + kNul}, " sec_create_acle exit"},
         {"_SEA", 3, PayloadKind::data, {"", rc3}, " (null) exit rc=3 (module failure, see the status)"},
@@ -490,7 +435,6 @@ TEST(Qvtrace, NamesTheLibrarysRecords) {
         // Not the layout of the id, an unknown id, another component: raw.
         {"_SEA", 12, PayloadKind::data, {ptr, le(1, 8), ptr}, " 1000fe7f00000000 0100000000000000 1000fe7f00000000"},
         {"_SEA", 5, PayloadKind::strings, {"abc" + kNul}, " \"abc\""},
-        {"_SEA", 160, PayloadKind::strings, {"a" + kNul}, " \"a\""},
         {"_SEA", 175, PayloadKind::none, {}, ""},
         {"_XYZ", 11, PayloadKind::none, {}, ""},
     };
@@ -635,34 +579,6 @@ TEST(TrAllocFailure, RecordRoutines) {
         ids.push_back(d.id);
     EXPECT_EQ(ids, (std::vector<uint32_t>{0, 1, 2}));
     EXPECT_EQ(damage, 0u);
-}
-
-// The reader throws std::bad_alloc; what it delivered before is whole, a
-// prefix of what a run with memory delivers.
-TEST(TrAllocFailure, TraceReader) {
-    const std::string bytes = header_bytes() + record_bytes("_A", 1, PayloadKind::data, {"abc", "de"}) + "junk" +
-                              record_bytes("_A", 2, PayloadKind::strings, {std::string("s\0", 2)}) +
-                              record_bytes("_A", 3, PayloadKind::none);
-    std::span<const uint8_t> data(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
-    std::vector<std::pair<Kind, uint64_t>> seen, all;
-    seen.reserve(16);
-    const qvtr::TraceReader::Sink sink = [&](const qvtr::TraceEvent &ev) { seen.emplace_back(ev.kind, ev.offset); };
-    auto read = [&] {
-        seen.clear();
-        try {
-            qvtr::TraceReader().parse(data, 0, true, sink);
-            return TR_OK;
-        } catch (const std::bad_alloc &) {
-            return TR_E_NO_MEMORY;
-        }
-    };
-    ASSERT_EQ(read(), TR_OK);
-    all = seen;
-    ASSERT_EQ(all.size(), 5u);
-    qvtest::alloc_failure_sweep(read, [&](int rc, bool) {
-        EXPECT_EQ(rc == TR_OK, seen == all);
-        EXPECT_TRUE(std::equal(seen.begin(), seen.end(), all.begin(), all.begin() + ptrdiff_t(std::min(seen.size(), all.size()))));
-    });
 }
 
 }  // namespace
