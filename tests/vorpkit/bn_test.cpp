@@ -482,6 +482,7 @@ TEST(BigNumber, FindPrime) {
         const char *want;
     } rows[] = {
         {"0", "100", 0, 0, "3"},           // from the table: odd primes only
+        {"-50", "100", 0, 0, "3"},         // a signed comparison, not the magnitude
         {"1f40", "10000", 0, 0, "1f49"},   // 8000 -> 8009
         {"1feb", "10000", 0, 0, "1feb"},   // 8171 is the table's last
         {"1f40", "1f45", 0, 0, "0"},       // limit reached
