@@ -278,6 +278,7 @@ TEST_F(LocalExchange, ChangedTokensAreRefused) {
     } cases[] = {
         {"hello type", false, [](auto t) { return with_byte(t, 0, 2); }, kBadToken, 2},
         {"hello version", false, [](auto t) { return with_byte(t, 1, 2); }, kBadToken, 3},
+        {"hello version 0", false, [](auto t) { return with_byte(t, 1, 0); }, kBadToken, 3},
         {"NUL in the target", false, [](auto t) { return with_byte(t, 81, 0); }, kBadToken, 5},
         {"target length past the end", false, [](auto t) { return with_byte(t, 80, 4); }, kBadToken, 1},
         {"byte after the hello", false, [](auto t) { t.push_back(0); return t; }, kBadToken, 4},
