@@ -268,28 +268,25 @@ TEST(RecordRoutines, TwoProcessesAppendEveryKind) {
             setenv("QV_TRACE_FILE", path.c_str(), 1);
             uint32_t word = 0x0a0b0c0d;
             errno = 77;
-            if (tr_record_id_1("_SEA", 11) != TR_OK || errno != 77)
-                return 1;
-            if (tr_record_data_1("_SEA", 12, 3, &word, sizeof word, "", size_t{0}, big.data(), big.size()) != TR_OK)
-                return 2;
-            if (tr_record_strings_1("_SEA", 13, 3, "sec_start", static_cast<const char *>(nullptr), "") != TR_OK)
-                return 3;
+            EXPECT_EQ(tr_record_id_1("_SEA", 11), TR_OK);
+            EXPECT_EQ(errno, 77);
+            EXPECT_EQ(tr_record_data_1("_SEA", 12, 3, &word, sizeof word, "", size_t{0}, big.data(), big.size()), TR_OK);
+            EXPECT_EQ(tr_record_strings_1("_SEA", 13, 3, "sec_start", static_cast<const char *>(nullptr), ""), TR_OK);
             // Refused whole: nothing of these reaches the file.
-            if (tr_record_data_1("_SEA", 14, 1, static_cast<const void *>(nullptr), size_t{1}) != TR_E_ARGUMENT ||
-                tr_record_id_1(nullptr, 1) != TR_E_ARGUMENT || tr_record_data_1("_SEA", 1, 0xFFFFFFFF) != TR_E_ARGUMENT ||
-                tr_record_id_1(std::string(256, 'c').c_str(), 16) != TR_E_ARGUMENT)
-                return 4;
+            for (int rc : {tr_record_data_1("_SEA", 14, 1, static_cast<const void *>(nullptr), size_t{1}),
+                           tr_record_id_1(nullptr, 1), tr_record_data_1("_SEA", 1, 0xFFFFFFFF),
+                           tr_record_id_1(std::string(256, 'c').c_str(), 16)})
+                EXPECT_EQ(rc, TR_E_ARGUMENT);
             // Not registered: written all the same.
-            if (tr_record_strings_1("_NOT_REGISTERED", 15, 0) != TR_OK)
-                return 5;
+            EXPECT_EQ(tr_record_strings_1("_NOT_REGISTERED", 15, 0), TR_OK);
             // The descriptor does not leak into programs the process runs.
             for (const auto &fd : std::filesystem::directory_iterator("/proc/self/fd")) {
                 std::error_code ec;
                 if (std::filesystem::read_symlink(fd.path(), ec) == path &&
                     !(fcntl(std::stoi(fd.path().filename()), F_GETFD) & FD_CLOEXEC))
-                    return 6;
+                    ADD_FAILURE() << "no FD_CLOEXEC";
             }
-            return 0;
+            return testing::Test::HasFailure() ? 1 : 0;
         });
         ASSERT_EQ(rc, 0);
     }
@@ -299,18 +296,18 @@ TEST(RecordRoutines, TwoProcessesAppendEveryKind) {
     auto events = decode(qvtest::read_file(path));
     ASSERT_EQ(events.size(), 9u);  // the second process found the file not empty: one header
     EXPECT_EQ(events[0].kind, Kind::header);
-    const std::vector<std::string> strings{std::string("sec_start\0", 10), "", std::string(1, '\0')};
+    auto shape = [](const Decoded &d) { return std::make_tuple(d.component, d.id, d.payload, d.items); };
+    using Items = std::vector<std::string>;
+    const decltype(shape(events[0])) want[] = {
+        {"_SEA", 11, PayloadKind::none, {}},
+        {"_SEA", 12, PayloadKind::data, Items{"\x0d\x0c\x0b\x0a", "", big}},
+        {"_SEA", 13, PayloadKind::strings, Items{std::string("sec_start\0", 10), "", std::string(1, '\0')}},
+        {"_NOT_REGISTERED", 15, PayloadKind::strings, {}},
+    };
     for (size_t first : {1, 5}) {
         const Decoded *r = &events[first];
-        EXPECT_EQ(r[0].id, 11u);
-        EXPECT_EQ(r[0].payload, PayloadKind::none);
-        EXPECT_EQ(r[0].items.size(), 0u);
-        EXPECT_EQ(r[1].payload, PayloadKind::data);
-        EXPECT_EQ(r[1].items, (std::vector<std::string>{"\x0d\x0c\x0b\x0a", "", big}));
-        EXPECT_EQ(r[2].payload, PayloadKind::strings);
-        EXPECT_EQ(r[2].items, strings);
-        EXPECT_EQ(r[3].component, "_NOT_REGISTERED");
-        EXPECT_EQ(r[3].items.size(), 0u);
+        for (size_t i = 0; i < std::size(want); ++i)
+            EXPECT_EQ(shape(r[i]), want[i]) << "record " << first + i;
         // The child's own ids (its only thread's id is its process id) and time.
         EXPECT_NE(r[0].pid, uint32_t(getpid()));
         EXPECT_EQ(r[0].tid, r[0].pid);
