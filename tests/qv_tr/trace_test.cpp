@@ -131,6 +131,7 @@ TEST(Registration, BadArguments) {
     std::string long_name(256, 'c');
     const tr_category_description negative[] = {{0, "A", 1, 0}, {-1, "B", 1, 0}};
     EXPECT_EQ(tr_register_component_1(nullptr, levels.data(), kCategories, 5), TR_E_ARGUMENT);
+    EXPECT_EQ(tr_register_component_1("", levels.data(), kCategories, 5), TR_E_ARGUMENT);
     EXPECT_EQ(tr_register_component_1(long_name.c_str(), levels.data(), kCategories, 5), TR_E_ARGUMENT);
     EXPECT_EQ(tr_register_component_1("_BAD", nullptr, kCategories, 5), TR_E_ARGUMENT);
     EXPECT_EQ(tr_register_component_1("_BAD", levels.data(), nullptr, 5), TR_E_ARGUMENT);
