@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # usage: example_exchange.sh SERVICE CLIENT MODULE
 # The client authenticates to the service on the default socket path and gets
-# its sealed reply; it refuses a service run by another user than it expects,
-# and an impostor run as another user on its socket path. The client is
-# refused with a mechanism the service does not share, and the service will
-# not listen in a directory others can write.
+# its sealed reply; it refuses a service run by another user than it expects
+# (an impostor on its path is the module's own test). The client is refused
+# with a mechanism the service does not share, and the service will not
+# listen in a directory others can write.
 set -euo pipefail
 service=$1 client=$2 module=$3
 work=$(mktemp -d)
@@ -56,26 +56,4 @@ if XDG_RUNTIME_DIR="$work/open" "$service" --count 1 > "$work/open.out" 2>&1; th
 fi
 grep -q "refusing $work/open" "$work/open.out" || fail "service: $(cat "$work/open.out")"
 
-# An impostor run as nobody on the client's path gets no request.
-if [ "$(id -u)" = 0 ] && command -v setpriv > /dev/null; then
-  imp=$(mktemp -d -p "$work")
-  chmod 755 "$work" "$imp"
-  cp "$work/qvsec.cfg" "$imp/qvsec.cfg"
-  chmod 644 "$imp/qvsec.cfg"
-  mkdir -m 700 "$imp/run"
-  chown 65534:65534 "$imp/run"
-  QV_SEC_CONFIG="$imp/qvsec.cfg" setpriv --reuid=65534 --regid=65534 --clear-groups \
-    "$service" --socket "$imp/run/s.sock" --count 1 > "$work/impostor.out" 2>&1 &
-  pid=$!
-  wait_listening "$work/impostor.out"
-  if "$client" --socket "$imp/run/s.sock" "secret" > "$work/client-imp.out" 2>&1; then
-    fail "client accepted an impostor: $(cat "$work/client-imp.out")"
-  fi
-  grep -q "major 0x19, minor 0x1" "$work/client-imp.out" || fail "client: $(cat "$work/client-imp.out")"
-  wait "$pid" || true
-  pid=""
-  grep -q 'request: secret' "$work/impostor.out" && fail "the impostor got the request"
-else
-  echo "skipped the impostor: running a service as nobody needs root and setpriv"
-fi
 echo "example exchange: ok"

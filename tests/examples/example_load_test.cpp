@@ -1,6 +1,7 @@
 // The example service under load: real clients are all served while other
-// connections stall, trickle or send garbage; a stalled connection does not
-// hold up a later client; over TCP the "local" mechanism is refused plainly.
+// connections stall, trickle or send garbage (more of them than the pool
+// holds, so the deadline must drop them); over TCP the "local" mechanism is
+// refused plainly.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -96,13 +97,11 @@ struct Misbehaviour {
 const std::vector<Misbehaviour> kMisbehaviours = {
     {"stall", "", false, ""},
     {"garbage", "GET / HTTP/1.0\r\n\r\n", false, "frame too long"},
-    {"oversized", std::string("\x01\xff\xff\xff\xff", 5), false, "frame too long"},
     {"data first", std::string("\x04\x00\x00\x00\x01X", 6), false, "unexpected frame"},
     {"bad offer", std::string("\x01\x00\x00\x00\x03" "abc", 8), false, "no mechanism in common"},
     // A valid offer of "local", then a context token that is not one.
     {"bad token", std::string("\x01\x00\x00\x00\x06\x81\x01\x00\x00\x00\x01" "\x03\x00\x00\x00\x04" "junk", 20), false,
      "authentication failed"},
-    {"half frame", std::string("\x01\x00\x00\x10\x00" "ab", 7), false, ""},
     {"trickle", std::string("\x01\x00\x00\x10\x00", 5), true, ""},
 };
 
@@ -189,25 +188,6 @@ TEST_F(ExampleService, ServesEveryClientWhileOthersMisbehave) {
     EXPECT_EQ(service_exit(60s), 0) << service_output();
     // Generous: what is checked is that nothing waits forever.
     EXPECT_LT(Clock::now() - begin, 500s);
-}
-
-// A client that connects after a stalled one is served: in parallel while
-// the stall lasts (row 1: a deadline longer than the client's patience),
-// or after the deadline drops the stall from a pool of one (row 2).
-TEST_F(ExampleService, StalledPeerDoesNotBlockALaterClient) {
-    struct Row {
-        const char *max_clients, *timeout;
-    };
-    for (const Row &row : {Row{"4", "60"}, Row{"1", "1"}}) {
-        SCOPED_TRACE(std::string("max-clients ") + row.max_clients + ", timeout " + row.timeout);
-        start({"--socket", socket_, "--count", "2", "--max-clients", row.max_clients, "--timeout", row.timeout});
-        int stalled = connect_unix(socket_);
-        auto run = qvtest::run_tool(client_, {"--socket", socket_, "--timeout", "30", "hello"}, {}, "", 45s);
-        EXPECT_EQ(run.status, 0) << run.out << run.err;
-        EXPECT_NE(run.out.find("you said \"hello\""), std::string::npos) << run.out << run.err;
-        close(stalled);
-        EXPECT_EQ(service_exit(90s), 0) << service_output();
-    }
 }
 
 // Over TCP the "local" mechanism cannot vouch for the client: the service

@@ -227,20 +227,18 @@ TEST_F(HostModule, ExchangesAcrossHosts) {
     void *from_a = client_handle(a_), *from_b = client_handle(b_), *from_c = client_handle(c_);
     qvhost::TrustedHosts b_trusts;
     std::string why;
-    qvhost::HostKey rotated;
-    qvhost::generate_host_key(rotated);
-    ASSERT_TRUE(qvhost::parse_trusted_hosts(trusted_line(a_, *a_.key) + trusted_line(a_, rotated), b_trusts, why));
-    // A client assertion of host A changed by change and signed with key:
-    // what A's root could make (with A's key) or anyone (with another).
-    auto forged = [&](std::function<void(qvhost::Assertion &)> change, const qvhost::HostKey *key = nullptr) {
-        return [&, change, key](Bytes &token) {
+    ASSERT_TRUE(qvhost::parse_trusted_hosts(trusted_line(a_, *a_.key), b_trusts, why));
+    // A client assertion of host A changed by change and signed with A's
+    // key: what A's root could make.
+    auto forged = [&](std::function<void(qvhost::Assertion &)> change) {
+        return [&, change](Bytes &token) {
             ClientToken t;
             qv_uint32_t minor;
             ASSERT_EQ(read_client_token(token, t, &minor), kOk);
             qvhost::Assertion a;
             ASSERT_EQ(check_peer_assertion(t.assertion, b_trusts, now(), 0, a, &minor), kOk);
             change(a);
-            token = write_client_token(t.flags, qvhost::sign_assertion(a, key ? *key : *a_.key));
+            token = write_client_token(t.flags, qvhost::sign_assertion(a, *a_.key));
         };
     };
     auto to_svc = [&](std::function<void(Bytes &)> tamper = {}, std::function<void(Bytes &)> tamper_reply = {}) {
@@ -283,8 +281,6 @@ TEST_F(HostModule, ExchangesAcrossHosts) {
          kMisaddressed, kWrongKind, 0},
         {"node ID of another machine", [&] { return to_svc(forged([](auto &a) { a.node_id ^= 1; })); }, kMisaddressed,
          kNodeId, 0},
-        {"client claiming another user without the host key",
-         [&] { return to_svc(forged([](auto &a) { a.user = "alice"; }, c_.key.get())); }, kUntrusted, kCheckUntrusted, 0},
         {"client claiming another user by changed bytes",
          [&] {
              return to_svc([](Bytes &t) {
@@ -324,26 +320,6 @@ TEST_F(HostModule, ExchangesAcrossHosts) {
          0, 0, kKeyExchange},
         {"service run by a user that may not serve the target", [&] { return exchange(from_a, nobody_, "svc", "hostb"); },
          0, 0, kServiceNotAllowed},
-        {"rotated key during its overlap",
-         [&] {
-             write_trusted(b_, trusted_line(a_, *a_.key, now() + 3600) + trusted_line(a_, rotated));
-             return to_svc();
-         },
-         0, 0, 0},
-        {"new key after the rotation",
-         [&] {
-             stop_daemon(a_);
-             EXPECT_TRUE(qvhost::write_file_atomically(a_.file("key"), qvhost::encode_host_key(rotated), 0600, why));
-             EXPECT_TRUE(start_daemon(a_, QV_HOSTD, why)) << why;
-             return to_svc();
-         },
-         0, 0, 0},
-        {"old key after its overlap",
-         [&] {
-             write_trusted(b_, trusted_line(a_, *a_.key, now() - 3600) + trusted_line(a_, rotated));
-             return to_svc(forged([](auto &) {}));
-         },
-         kUntrusted, kCheckUntrusted, 0},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.what);

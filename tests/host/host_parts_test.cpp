@@ -65,7 +65,6 @@ TEST(HostConfig, Lines) {
         {"lifetime 12x\n", "line 1: bad value for lifetime"},
         {"socket run/hostd.sock\n", "line 1: bad value for socket"},
         {"host a b\n", "line 1: expected one value after host"},
-        {"host\n", "line 1: expected one value after host"},
         {"host bad/name\n", "line 1: bad value for host"},
         {"same-users ok bad/name\n", "line 1: not a host name: bad/name"},
         {"colour blue\n", "line 1: unknown key colour"},

@@ -1,5 +1,5 @@
 // qvsec-hostd and `qvsec host` run as programs: what the daemon serves and
-// refuses, whose uid it states, that stalled callers do not block others,
+// refuses, that stalled callers do not block others,
 // and the tools' refusals of unsafe files.
 #include <fcntl.h>
 #include <pwd.h>
@@ -155,20 +155,6 @@ TEST_F(HostDaemon, ServesAndRefuses) {
     EXPECT_EQ(refusals_logged(), 3u);
 }
 
-TEST_F(HostDaemon, AssertionNamesTheCallersRealUid) {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root to run a caller as another user";
-    passwd *pw = getpwuid(65534);
-    std::string want_user = pw != nullptr ? pw->pw_name : "#65534";
-    int rc = qvtest::run_in_child([&] {
-        if (setgid(65534) != 0 || setuid(65534) != 0) return 3;
-        qvhost::Assertion a;
-        std::string why;
-        if (request("node-b", 10, a, why) != 0) return 4;
-        return a.uid == 65534 && a.user == want_user ? 0 : 5;
-    });
-    EXPECT_EQ(rc, 0);
-}
-
 TEST_F(HostDaemon, StalledCallersDoNotBlockOthers) {
     // Half a request each, then silence: eight stalled connections of this uid.
     std::vector<std::uint8_t> half = qvhost::encode_request({});
@@ -224,7 +210,6 @@ TEST(HostTools, RefuseUnsafeFilesAndEditTrust) {
     } rows[] = {
         {QVSEC_PATH, {"host", "--help"}, 0, 0, "usage: qvsec host keygen"},
         {QVSEC_PATH, {"host", "keygen", "--out", key}, 0, 1, "exists; remove it or add --force"},
-        {QVSEC_PATH, {"host", "show", "--key", loose_key}, 0, 1, "has unsafe permissions 0640"},
         {QV_HOSTD_PATH, {"--key", loose_key, "--trusted", trusted, "--host-name", "n"}, 0, 1, "unsafe permissions 0640"},
         {QVSEC_PATH, {"host", "show", "--key", key}, 0, 0, hex},
         {QVSEC_PATH, {"host", "trust", "node-a", "00000000000000a1", hex, "--file", trusted}, 0, 0, "added node-a"},

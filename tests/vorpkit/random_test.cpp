@@ -1,4 +1,4 @@
-// The random generators: the fixed-point logarithm and the condenser, the
+// The random generators: the fixed-point logarithm, the
 // output order of the true-random generator, its fallback to the operating
 // system when the clock shows no jitter, and the pseudo-random generator
 // against a model written here (OpenSSL's MD5 as the digest).
@@ -86,7 +86,7 @@ Bytes trng_bytes(Vorp_trng_t &t, size_t n) {
 
 // ---- Helpers of the true-random generator ----
 
-TEST(RandomHelpers, Log2AndCompress) {
+TEST(RandomHelpers, Log2) {
     // 1000 * log2 from the top seven bits: 2^k, the table's ends, and values
     // whose low bits drop.
     const std::pair<uint32_t, uint32_t> spots[] = {{0, 0},       {1, 0},       {2, 1000},     {3, 1585},
@@ -98,13 +98,6 @@ TEST(RandomHelpers, Log2AndCompress) {
         double top = e >= 6 ? v >> (e - 6) : v << (6 - e);
         ASSERT_EQ(rng::log2(v), 1000 * e + std::lround(1000 * std::log2(top / 64))) << v;
     }
-    // The digest folded into eight bytes.
-    Bytes pool(256);
-    for (size_t i = 0; i < pool.size(); ++i) pool[i] = static_cast<uint8_t>(i * 7);
-    uint8_t out[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    rng::compress(pool.data(), 100, out);
-    Bytes d = md5(pool.data(), 100);
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(out[i], static_cast<uint8_t>((i + 1) ^ d[i] ^ d[i + 8])) << i;
 }
 
 // ---- True-random generator ----
