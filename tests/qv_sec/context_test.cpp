@@ -738,60 +738,30 @@ struct Case {
 #define CALL(expr) [](sec_mpm_entry_t e, sec_status_t st, Args &a) { return expr; }
 #define SEES(...) [](Args &a) { return std::vector<uintptr_t>{__VA_ARGS__}; }
 
+// The wrappers other tests do not reach with their arguments recorded (the
+// library does not call the first three), and one of each kind of outcome.
 std::vector<Case> cases() {
     return {
-        {QVTEST_MPM_START, "mpm_start", CALL(sec__mpm_start(e, st, 0x21, &a.slot)), SEES(0x21, u(&a.slot)), false, {}},
-        {QVTEST_MPM_END, "mpm_end", CALL(sec__mpm_end(e, st, 0x22, a.token)), SEES(0x22, u(a.token)), false, {}},
-        {QVTEST_MPM_SET_CTX_ATTRIBUTE, "mpm_set_ctx_attribute",
-         CALL(sec__mpm_set_ctx_attribute(e, st, a.token, 1, a.data, &a.slot)),
-         SEES(u(a.token), 1, u(a.data), u(&a.slot)), false, {}},
         {QVTEST_MPM_SERVICE_CLEANUP, "mpm_service_cleanup", CALL(sec__mpm_service_cleanup(e, st, 0x23, a.token)),
          SEES(u(a.token), 0x23), false, {}},
-        {QVTEST_MPM_START_SEC_CONTEXT, "mpm_start_sec_context",
-         CALL(sec__mpm_start_sec_context(e, st, a.token, 0x24, a.svc, a.host, &a.slot, &a.out)),
-         SEES(u(a.token), u(a.svc), u(a.host), 0x24, u(&a.slot), u(&a.out)), true, {}},
         {QVTEST_MPM_GET_TARGET_NAME, "mpm_get_target_name",
          CALL(sec__mpm_get_target_name(e, st, a.token, a.svc, a.host, &a.i32, a.name)),
          SEES(u(a.token), u(a.svc), u(a.host), u(&a.i32), u(a.name)), false, {}},
-        {QVTEST_MPM_COMPLETE_SEC_CONTEXT, "mpm_complete_sec_context",
-         CALL(sec__mpm_complete_sec_context(e, st, &a.in, a.token, &a.out)), SEES(u(&a.in), u(a.token), u(&a.out)),
-         true, {}},
-        {QVTEST_MPM_GET_CTX_LIFETIME, "mpm_get_ctx_lifetime", CALL(sec__mpm_get_ctx_lifetime(e, st, a.token, &a.i32)),
-         SEES(u(a.token), u(&a.i32)), false, {}},
-        {QVTEST_MPM_GET_CTX_FLAGS, "mpm_get_ctx_flags", CALL(sec__mpm_get_ctx_flags(e, st, a.token, &a.u32)),
-         SEES(u(a.token), u(&a.u32)), false, {}},
-        {QVTEST_MPM_PREPARE_DATA, "mpm_prepare_data", CALL(sec__mpm_prepare_data(e, st, a.token, 0x25, &a.in, &a.out)),
-         SEES(u(a.token), 0x25, u(&a.in), u(&a.out)), false, {}},
-        {QVTEST_MPM_PROCESS_DATA, "mpm_process_data", CALL(sec__mpm_process_data(e, st, a.token, &a.in, &a.out)),
-         SEES(u(a.token), u(&a.in), u(&a.out)), false, {}},
-        {QVTEST_MPM_END_CONTEXT, "mpm_end_context", CALL(sec__mpm_end_context(e, st, a.token)), SEES(u(a.token)),
-         false, {}},
-        {QVTEST_MPM_LOGIN_AS_SERVICE, "mpm_login_as_service", CALL(sec__mpm_login_as_service(e, st, a.svc, a.token)),
-         SEES(u(a.svc), u(a.token)), false, {}},
-        {QVTEST_MPM_LOGIN_AS_USER, "mpm_login_as_user",
-         CALL(sec__mpm_login_as_user(e, st, a.token, &a.in, a.data, 0x26)),
-         SEES(u(&a.in), u(a.data), 0x26, u(a.token)), false, {}},
-        {QVTEST_MPM_RENEW_IDENTITY, "mpm_renew_identity", CALL(sec__mpm_renew_identity(e, st, a.token, &a.i32)),
-         SEES(u(a.token), u(&a.i32)), false, {}},
+        {QVTEST_MPM_GET_CTX_MPM, "mpm_get_ctx_mpm", CALL(sec__mpm_get_ctx_mpm(e, st, a.token, a.name)),
+         SEES(u(a.token), u(a.name)), false, {}},
+        {QVTEST_MPM_START, "mpm_start", CALL(sec__mpm_start(e, st, 0x21, &a.slot)), SEES(0x21, u(&a.slot)), false, {}},
+        {QVTEST_MPM_SET_CTX_ATTRIBUTE, "mpm_set_ctx_attribute",
+         CALL(sec__mpm_set_ctx_attribute(e, st, a.token, 1, a.data, &a.slot)),
+         SEES(u(a.token), 1, u(a.data), u(&a.slot)), false, {}},
         {QVTEST_MPM_RECEIVE_SEC_CONTEXT, "mpm_receive_sec_context",
          CALL(sec__mpm_receive_sec_context(e, st, a.token, &a.in, &a.slot, &a.out, &a.u32)),
          SEES(u(a.token), u(&a.in), u(&a.slot), u(&a.out), u(&a.u32)), true, {}},
-        {QVTEST_MPM_GET_CLIENT_NAME, "mpm_get_client_name",
-         CALL(sec__mpm_get_client_name(e, st, a.token, &a.i32, a.name)), SEES(u(a.token), u(&a.i32), u(a.name)),
-         false, {}},
-        {QVTEST_MPM_GET_MAPPED_NAME, "mpm_get_mapped_name",
-         CALL(sec__mpm_get_mapped_name(e, st, a.token, &a.i32, a.name)), SEES(u(a.token), u(&a.i32), u(a.name)),
-         false, {}},
         {QVTEST_MPM_GET_CLIENT_ID, "mpm_get_client_id", CALL(sec__mpm_get_client_id(e, st, a.token, &a.i32, a.name)),
          SEES(u(a.token), u(&a.i32), u(a.name)), false, {}},
-        {QVTEST_MPM_CREATE_ID_CONTEXT, "mpm_create_id_context",
-         CALL(sec__mpm_create_id_context(e, st, 1, a.token, &a.slot)), SEES(1, u(a.token), u(&a.slot)), false, {}},
         {QVTEST_MPM_SIGN_DATA_V, "mpm_sign_data_v", CALL(sec__mpm_sign_data_v(e, st, a.token, 2, a.iov, &a.out)),
          SEES(u(a.token), 2, u(a.iov), u(&a.out)), false, {24}},
         {QVTEST_MPM_VERIFY_DATA_V, "mpm_verify_data_v", CALL(sec__mpm_verify_data_v(e, st, a.token, &a.in, 2, a.iov)),
          SEES(u(a.token), u(&a.in), 2, u(a.iov)), false, {24, 34}},
-        {QVTEST_MPM_GET_CTX_MPM, "mpm_get_ctx_mpm", CALL(sec__mpm_get_ctx_mpm(e, st, a.token, a.name)),
-         SEES(u(a.token), u(a.name)), false, {}},
         {QVTEST_MPM_USER_VALID, "mpm_user_valid", CALL(sec__mpm_user_valid(e, st, a.token, a.user)),
          SEES(u(a.token), u(a.user)), false, {36}},
     };
@@ -842,8 +812,6 @@ TEST_F(Dispatch, EveryWrapperUnderEveryStatus) {
             EXPECT_EQ(recorded_args(c.routine), c.expected(a));
             if (maj == 0 && c.routine == QVTEST_MPM_VERIFY_DATA_V) {
                 EXPECT_EQ(rc, 34u);  // the input is not the data's signature
-            } else if (maj == 0 && c.routine == QVTEST_MPM_PROCESS_DATA) {
-                EXPECT_EQ(rc, 3u);  // the input was not sealed by the module
             } else if (maj == 0 || continues) {
                 EXPECT_EQ(rc, 0u);
                 EXPECT_EQ(st.maj_stat, maj);
