@@ -93,17 +93,6 @@ protected:
 class Refused : public ClientContext {};
 class ServerContext : public ClientContext {};
 
-TEST_F(ClientContext, MalformedListsAreRefusedAndTheTokenGoes) {
-    const std::pair<Bytes, int> rows[] = {{{0x81, 1, 0}, SEC_S_BAD_BUFFER}, {{0x81, 3}, SEC_S_BAD_VERSION}};
-    for (const auto &[list, rc] : rows) {
-        EXPECT_EQ(start(list), rc);
-        EXPECT_EQ(last_message(), rc == SEC_S_BAD_VERSION ? MSG_2650_007 : MSG_2650_005);
-        EXPECT_EQ(ctx_, nullptr);
-        EXPECT_TRUE(out_.empty());
-    }
-    EXPECT_EQ(start(mech_list({kCodeA}, 2)), 0);  // a version-2 list is read
-}
-
 // The walk over the shared list: the first module that accepts ends it, an
 // unknown code stops it, and when every module fails the caller sees the
 // first failure. Each abandoned attempt's module context is ended at once.
