@@ -896,8 +896,9 @@ protected:
         sec__trace_detail_levels[SEC_TRC_API] = 0;
         ContextFixture::TearDown();
     }
-    // One two-round exchange, a seal and open, the lifetime and an
-    // attribute, and the end of both contexts, traced at `level`.
+    // One two-round exchange, a seal and open, a signature and its
+    // verification, the lifetime and an attribute, and the end of both
+    // contexts, traced at `level`.
     Ids traced_exchange(unsigned char level) {
         script_rounds(m_, 2);
         size_t from = trace_size();
@@ -910,49 +911,34 @@ protected:
         sec_prepare_data(&st, ex_.client_ctx, SEC_F_PROTECT_MODE1, in.get(), sealed.get());
         sec_process_data(&st, ex_.server_ctx, sealed.get(), opened.get());
         if (!opened.empty()) opened_by_caller_ += 1;
+        char data[] = "traced";
+        iovec v{data, sizeof data - 1};
+        Out sig;
+        sec_sign_data_v(&st, ex_.client_ctx, 1, &v, sig.get());
+        sec_verify_data_v(&st, ex_.server_ctx, sig.get(), 1, &v);
         sec_get_ctx_lifetime(&st, ex_.client_ctx, &lifetime);
         sec_get_ctx_attribute(&st, ex_.client_ctx, SEC_C_CTX_LIFETIME, &lifetime);
         end_contexts();
         sec__trace_detail_levels[SEC_TRC_API] = 0;
         return library_record_ids(from);
     }
-    // A signature and its verification traced at `level`.
-    Ids traced_signing(unsigned char level, sec_status_t st) {
-        char data[] = "traced";
-        iovec v{data, sizeof data - 1};
-        Out sig, again;
-        sec_status_desc own{};
-        EXPECT_EQ(sec_sign_data_v(&own, ex_.client_ctx, 1, &v, sig.get()), 0);
-        size_t from = trace_size();
-        sec__trace_detail_levels[SEC_TRC_API] = level;
-        sec_sign_data_v(st, ex_.client_ctx, 1, &v, again.get());
-        sec_verify_data_v(st, ex_.server_ctx, sig.get(), 1, &v);
-        sec__trace_detail_levels[SEC_TRC_API] = 0;
-        return library_record_ids(from);
-    }
 };
 
-// start, receive, complete, receive, complete, prepare, process, lifetime
-// (with the common routine-end record), attribute, end, end.
+// start, receive, complete, receive, complete, prepare, process, sign,
+// verify, lifetime (with the common routine-end record), attribute, end, end.
 TEST_F(ApiTrace, ContextRecordsAtLevelsOneAndEight) {
     EXPECT_EQ(traced_exchange(1),
-              (Ids{60, 62, 70, 72, 65, 67, 70, 72, 65, 67, 85, 87, 90, 92, 80, 1, 75, 77, 95, 97, 95, 97}));
+              (Ids{60, 62, 70, 72, 65, 67, 70, 72, 65, 67, 85, 87, 90, 92, 130, 132, 135, 137, 80, 1, 75, 77, 95, 97,
+                   95, 97}));
     EXPECT_EQ(traced_exchange(8),
-              (Ids{61, 64, 71, 74, 66, 69, 71, 74, 66, 69, 86, 89, 91, 94, 81, 4, 76, 79, 96, 99, 96, 99}));
+              (Ids{61, 64, 71, 74, 66, 69, 71, 74, 66, 69, 86, 89, 91, 94, 131, 134, 136, 139, 81, 4, 76, 79, 96, 99,
+                   96, 99}));
     size_t from = trace_size();
     sec__trace_detail_levels[SEC_TRC_API] = 8;
     EXPECT_EQ(sec_end_context(nullptr, nullptr, nullptr), 4);
     EXPECT_EQ(sec_get_ctx_lifetime(nullptr, nullptr, nullptr), 4);
     sec__trace_detail_levels[SEC_TRC_API] = 0;
     EXPECT_EQ(library_record_ids(from), (Ids{96, 98, 81, 3}));
-}
-
-TEST_F(ApiTrace, SigningAtEachLevel) {
-    ASSERT_EQ(establish(mech_list({kCodeA})).client_rc, 0);
-    sec_status_desc st{};
-    EXPECT_EQ(traced_signing(1, &st), (Ids{130, 132, 135, 137}));
-    EXPECT_EQ(traced_signing(8, &st), (Ids{131, 134, 136, 139}));
-    EXPECT_EQ(traced_signing(8, nullptr), (Ids{131, 133, 136, 138}));
 }
 
 // The buffers the context routines are given, at BUFFER detail: the first
