@@ -1,6 +1,6 @@
 // Service login from several threads on one service token: exactly one
 // logs in, the others are refused, and each module is started and logged in
-// to once.
+// to once (the one sec_start started is not started again).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -43,6 +43,12 @@ TEST_F(ServiceLoginThreads, OneLoginPerToken) {
     EXPECT_EQ(m2.calls(QVTEST_MPM_START), 1u);
     EXPECT_EQ(m1.calls(QVTEST_MPM_LOGIN_AS_SERVICE), 1u);
     EXPECT_EQ(m2.calls(QVTEST_MPM_LOGIN_AS_SERVICE), 1u);
+    // The module the login started got the token's flags; both got the
+    // service's name.
+    EXPECT_EQ(m2.record(QVTEST_MPM_START).args[0], 0x20u);
+    for (qvtest::TestMpm *m : {&m1, &m2}) {
+        EXPECT_STREQ(m->record(QVTEST_MPM_LOGIN_AS_SERVICE).str[0], "qvsvc");
+    }
     EXPECT_EQ(sec_end(&st, 0, token), 0);
     EXPECT_EQ(m1.live_handles() + m2.live_handles(), handles);
 }

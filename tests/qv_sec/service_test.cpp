@@ -258,38 +258,6 @@ protected:
     long handles1_ = 0, handles2_ = 0;
 };
 
-TEST_F(ServiceLogin, LogsInToEveryModuleStartingEach) {
-    sec_svc_token_t svc = start();
-    sec_status_desc st{};
-    char empty[] = "";
-    EXPECT_EQ(sec_login_as_service(&st, empty, svc), 4);
-    EXPECT_EQ(last_message(), MSG_2650_002);
-    ASSERT_EQ(sec_login_as_service(&st, kService, svc), 0);
-    for (qv_uint32_t code : {kCode1, kCode2}) {
-        TestMpm &m = module(code);
-        SCOPED_TRACE(code);
-        sec_mech_data_t d = mdata(code);
-        ASSERT_NE(d, nullptr);
-        EXPECT_EQ(m.calls(QVTEST_MPM_START), 1u);
-        EXPECT_EQ(m.record(QVTEST_MPM_START).args[0], SEC_F_DEFER_MPM_START);  // the token's flags
-        EXPECT_STREQ(m.record(QVTEST_MPM_LOGIN_AS_SERVICE).str[0], "qvsvc");
-        EXPECT_EQ(m.record(QVTEST_MPM_LOGIN_AS_SERVICE).args[1], reinterpret_cast<uintptr_t>(d->mtoken));
-    }
-    // Once per token.
-    EXPECT_EQ(sec_login_as_service(&st, kService, svc), 5);
-    EXPECT_EQ(last_message(), MSG_2650_003);
-    EXPECT_EQ(m1_.calls(QVTEST_MPM_LOGIN_AS_SERVICE), 1u);
-
-    // A module that sec_start started is not started again.
-    end();
-    m1_.reset();
-    m2_.reset();
-    svc = start(false);
-    ASSERT_EQ(sec_login_as_service(&st, kService, svc), 0);
-    EXPECT_EQ(m1_.calls(QVTEST_MPM_START), 1u);
-    EXPECT_EQ(m2_.calls(QVTEST_MPM_START), 1u);
-}
-
 TEST_F(ServiceLogin, FirstFailureIsKeptAcrossModules) {
     struct Case {
         const char *what;
