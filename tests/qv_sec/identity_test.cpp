@@ -1,10 +1,10 @@
-// Identity: sec_get_client_identity, its groups and sec_user_valid on
-// context tokens built by hand around the test module; sec_create_id_context
-// from both sources with the mapping flags (the new context's state and
-// privilege set, what the module was asked, the host-local check); and the
-// CIDB bytes written for each shape against buffers built by hand from the
-// layout, with the reader's verdict on broken buffers. The fixtures check
-// that no module handle or buffer is left behind.
+// Identity: sec_get_client_identity (with the size protocol's second call),
+// its groups and sec_user_valid on context tokens built by hand around the
+// test module; sec_create_id_context from both sources with the mapping flags
+// (the new context's state and privilege set, what the module was asked);
+// and the CIDB bytes written for each shape against buffers built by hand
+// from the layout, with the reader's verdict on broken buffers. The fixtures
+// check that no module handle or buffer is left behind.
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "cancellable_thread.h"
 #include "current_error.h"
 #include "identity_fixture.h"
 #include "messages.h"
@@ -272,6 +273,57 @@ TEST_F(ClientIdentity, UserValid) {
         EXPECT_EQ(status_text(st), maj != 0 ? std::to_string(maj) + " 0 0x10002 mpm_user_valid" : "0 0 0x0 ");
         EXPECT_STREQ(mpm_.record(QVTEST_MPM_USER_VALID).str[0], "alice");
         EXPECT_EQ(mpm_.record(QVTEST_MPM_USER_VALID).args[0], reinterpret_cast<uintptr_t>(t.mdata.mtoken));
+    }
+}
+
+// ---- The size protocol's second call ----
+
+// The module answers major status 6 with the size it needs, and the call
+// with a buffer of that size succeeds. The test module answers every call of
+// a routine alike, so its first answer is held blocked inside the module
+// while the test changes what the second call will answer.
+class IdentityRetry : public qvtest::HandBuiltContextFixture {
+protected:
+    // Runs sec_get_client_identity for one form while `routine` first fails
+    // with status 6 and then answers `answer`.
+    qv_int32_t run(int routine, const std::string &answer, char **name, sec_buffer_t id, sec_status_desc &st) {
+        qvtest_mpm_behaviour_t &b = mpm_.behaviour(routine);
+        b.maj_stat = 6;
+        b.block = 1;
+        qv_int32_t rc = -1;
+        qvtest::CancellableThread caller([&] { rc = sec_get_client_identity(&st, &token_, name, nullptr, id); });
+        bool blocked = qvtest::wait_until([&] { return mpm_.blocked() == 1; });
+        EXPECT_TRUE(blocked);
+        // The first call has taken its copy of the behaviour; the second
+        // will read this one.
+        b.maj_stat = 0;
+        b.block = 0;
+        std::memset(b.name, 0, sizeof b.name);
+        std::memcpy(b.name, answer.data(), answer.size());
+        b.name_len = -1;
+        mpm_.release();
+        EXPECT_TRUE(caller.join());
+        return rc;
+    }
+};
+
+// The second answer reaches the caller: a 255-byte name and a typed id (an
+// empty answer is refused by the same check as a first one, identity_test's).
+TEST_F(IdentityRetry, AnswerFromTheSecondCall) {
+    for (int routine : {QVTEST_MPM_GET_CLIENT_NAME, QVTEST_MPM_GET_CLIENT_ID}) {
+        mpm_.reset();
+        char *name = nullptr;
+        sec_buffer_desc id{0, nullptr};
+        sec_status_desc st{};
+        bool by_name = routine == QVTEST_MPM_GET_CLIENT_NAME;
+        const std::string answer = by_name ? std::string(255, 'n') : "xyz";
+        ASSERT_EQ(run(routine, answer, by_name ? &name : nullptr, by_name ? nullptr : &id, st), 0);
+        EXPECT_EQ(mpm_.calls(routine), 2u);
+        EXPECT_EQ(st.maj_stat, 0u);
+        EXPECT_EQ(by_name ? std::string(name) : qvtest::to_hex(static_cast<uint8_t *>(id.value), id.length),
+                  by_name ? answer : "830200010002" "78797a");
+        sec_release_name(name);
+        sec_release_buffer(&id);
     }
 }
 
