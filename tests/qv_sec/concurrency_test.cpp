@@ -80,23 +80,6 @@ TEST_F(RwLock, WaitingWriterHoldsBackNewReaders) {
     EXPECT_EQ(counters(), std::make_pair(0, 0));
 }
 
-TEST_F(RwLock, DemoteLetsWaitingWriterGoFirst) {
-    sec__lock_write(&lock_);
-    std::atomic<int> order{0}, writer_order{0};
-    Worker writer([&] {
-        sec__lock_write(&lock_);
-        writer_order = ++order;
-        sec__unlock_write(&lock_);
-    });
-    ASSERT_TRUE(wait_counters(-1, 1));
-    sec__lock_demote(&lock_);
-    int demoter_order = ++order;
-    sec__unlock_read(&lock_);
-    EXPECT_TRUE(wait_until([&] { return writer.done(); }));
-    EXPECT_EQ(writer_order.load(), 1);
-    EXPECT_EQ(demoter_order, 2);
-}
-
 // What the threads of a stress test share. `data` is a plain variable that
 // only writers change and readers read: any overlap of a writer with another
 // holder is a data race that ThreadSanitizer reports, beside the counters.
