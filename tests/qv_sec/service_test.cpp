@@ -250,7 +250,6 @@ protected:
             if (m->mpm->code == code) return m;
         return nullptr;
     }
-    TestMpm &module(qv_uint32_t code) { return code == kCode1 ? m1_ : m2_; }
 
     TestMpm m1_;
     TestMpm m2_{qvtest::kTestMpm2};
@@ -309,31 +308,6 @@ TEST_F(ServiceLogin, NoUsableModule) {
 }
 
 // ---- sec_renew_identity ----
-
-TEST_F(ServiceLogin, RenewsEveryModuleAndLogsInTheMissingOnes) {
-    sec_svc_token_t svc = start();
-    sec_status_desc st{};
-    svc->state = 0;  // the started bit is not looked at
-    EXPECT_EQ(sec_renew_identity(&st, 3600, svc), 0);  // never logged in: nothing to renew
-    svc->state = 1;
-    m1_.behaviour(QVTEST_MPM_LOGIN_AS_SERVICE).maj_stat = 11;
-    ASSERT_EQ(sec_login_as_service(&st, kService, svc), 0);
-    EXPECT_EQ(sec_renew_identity(&st, 0, svc), 0);  // no lifetime
-    EXPECT_EQ(m1_.calls(QVTEST_MPM_RENEW_IDENTITY) + m2_.calls(QVTEST_MPM_RENEW_IDENTITY), 0u);
-    ASSERT_EQ(mdata(kCode1)->state, 0x1u);
-
-    m1_.reset();
-    ASSERT_EQ(sec_renew_identity(&st, 7200, svc), 0);
-    EXPECT_EQ(m1_.calls(QVTEST_MPM_LOGIN_AS_SERVICE), 1u);
-    EXPECT_STREQ(m1_.record(QVTEST_MPM_LOGIN_AS_SERVICE).str[0], "qvsvc");
-    EXPECT_EQ(mdata(kCode1)->state, 0x5u);
-    EXPECT_EQ(m2_.calls(QVTEST_MPM_LOGIN_AS_SERVICE), 1u);  // already logged in: not again
-    for (qv_uint32_t code : {kCode1, kCode2}) {
-        EXPECT_EQ(module(code).calls(QVTEST_MPM_RENEW_IDENTITY), 1u);
-        EXPECT_EQ(module(code).record(QVTEST_MPM_RENEW_IDENTITY).args[0],
-                  reinterpret_cast<uintptr_t>(mdata(code)->mtoken));
-    }
-}
 
 TEST_F(ServiceLogin, RenewKeepsTheFirstFailure) {
     struct Case {
