@@ -1,15 +1,12 @@
 // Identity: sec_get_client_identity (with the size protocol's second call),
 // its groups and sec_user_valid on context tokens built by hand around the
-// test module; sec_create_id_context from both sources with the mapping flags
-// (the new context's state and privilege set, what the module was asked);
-// and the CIDB bytes written for each shape against buffers built by hand
-// from the layout, with the reader's verdict on broken buffers. The fixtures
-// check that no module handle or buffer is left behind.
+// test module; and the CIDB bytes written for each shape against buffers
+// built by hand from the layout, with the reader's verdict on broken buffers.
+// The fixtures check that no module handle or buffer is left behind.
 #include <gtest/gtest.h>
 
 #include <clocale>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -327,105 +324,9 @@ TEST_F(IdentityRetry, AnswerFromTheSecondCall) {
     }
 }
 
-// ---- Identity contexts ----
-
-Bytes cidb(qv_uint32_t mech, qv_uint32_t flags, const Bytes &names, const Bytes &node = qvtest::kCidbNode) {
-    return cidb_head(mech, flags, node) + names;
-}
-
-enum Source { kServerContext, kUnauthContext, kIdentityContext, kCidb };
-
-constexpr qv_uint32_t kUnauthId = 0x04800000, kPlainId = 0x04800200, kMappedId = 0x04C00200;
-
-using IdentityContext = ContextFixture;
-
-TEST_F(IdentityContext, EachSourceAndMappingFlag) {
-    const Bytes alice = field("alice");
-    const Bytes carried = alice + field("bob") + be32(1) + field("g1");
-    struct Row {
-        const char *what;
-        Source source;
-        qv_uint32_t flags;
-        Bytes cidb;
-        std::function<void(qvtest::TestMpm &)> setup;
-        qv_int32_t rc;
-        int msg;  // rc other than 0 and 3
-        qv_uint32_t state;
-        const char *set;  // the privilege set, as privset_text writes it
-        int mode;  // mpm_create_id_context's mode, 0: not called
-    };
-    const std::vector<Row> rows = {
-        {"security context", kServerContext, SEC_F_IDCTX_SECCTX, {}, nullptr, 0, 0, kMappedId,
-         "qvtest_client@example|qvtest_user|", 1},
-        {"security context, no mapping", kServerContext, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP, {}, nullptr, 0, 0,
-         kPlainId, "qvtest_client@example|-|", 1},
-        {"unauthenticated security context", kUnauthContext, SEC_F_IDCTX_SECCTX, {}, nullptr, 0, 0, kUnauthId,
-         "-|-|", 0},
-        {"an identity context given", kIdentityContext, SEC_F_IDCTX_SECCTX, {}, nullptr, 5, MSG_2650_062, 0, "-|-|", 0},
-        {"module refuses the identity context", kServerContext, SEC_F_IDCTX_SECCTX, {},
-         [](qvtest::TestMpm &m) { m.behaviour(QVTEST_MPM_CREATE_ID_CONTEXT).maj_stat = 9; }, 3, 0, 0, "-|-|", 1},
-        {"empty client name after the module's context", kServerContext, SEC_F_IDCTX_SECCTX, {},
-         [](qvtest::TestMpm &m) { m.behaviour(QVTEST_MPM_GET_CLIENT_NAME).name_len = 0; }, 22, MSG_2650_067, 0,
-         "-|-|", 1},
-        {"unauthenticated CIDB", kCidb, SEC_F_IDCTX_CIDB, Bytes{SEC_BUF_CIDB, 1} + qvtest::kCidbNode + be32(0) + be32(0),
-         nullptr, 0, 0, kUnauthId, "-|-|", 0},
-        {"CIDB without mapping: the module maps", kCidb, SEC_F_IDCTX_CIDB, cidb(kCodeA, 0x200, alice), nullptr, 0, 0,
-         kMappedId, "alice|qvtest_user|", 2},
-        {"CIDB with mapping: taken as carried", kCidb, SEC_F_IDCTX_CIDB, cidb(kCodeA, 0x400200, carried), nullptr, 0,
-         0, kMappedId, "alice|bob|g1/3", 2},
-        {"CIDB with mapping, forced: the module maps", kCidb, SEC_F_IDCTX_CIDB | SEC_F_IDCTX_FORCE_MAP,
-         cidb(kCodeA, 0x400200, carried), nullptr, 0, 0, kMappedId, "alice|qvtest_user|", 2},
-        {"CIDB without mapping, no mapping asked", kCidb, SEC_F_IDCTX_CIDB | SEC_F_IDCTX_NO_MAP,
-         cidb(kCodeA, 0x200, alice), nullptr, 0, 0, kPlainId, "alice|-|", 2},
-        // Host-local CIDBs of this host and another are the end-to-end test's.
-        {"CIDB of an unconfigured mechanism", kCidb, SEC_F_IDCTX_CIDB, cidb(0x777, 0x200, alice), nullptr, 8,
-         MSG_2650_070, 0, "-|-|", 0},
-        // The first failure is the one reported, not the ending's.
-        {"mapping fails after the module's context", kCidb, SEC_F_IDCTX_CIDB, cidb(kCodeA, 0x200, alice),
-         [](qvtest::TestMpm &m) {
-             m.behaviour(QVTEST_MPM_GET_MAPPED_NAME).maj_stat = 9;
-             m.behaviour(QVTEST_MPM_END_CONTEXT).maj_stat = 5;
-         },
-         3, 0, 0, "-|-|", 2},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.what);
-        m_.reset();
-        m2_.reset();
-        sec_status_desc st{};
-        Exchange &ex = establish(mech_list(row.source == kUnauthContext ? std::vector<qv_uint32_t>{}
-                                                                         : std::vector<qv_uint32_t>{kCodeA}));
-        void *in = ex.server_ctx;
-        sec_token_t given_identity = nullptr;
-        if (row.source == kIdentityContext) {
-            ASSERT_EQ(sec_create_id_context(&st, server_svc_, SEC_F_IDCTX_SECCTX, ex.server_ctx, &given_identity), 0);
-            in = given_identity;
-        }
-        View buffer(row.cidb);
-        if (row.source == kCidb) in = buffer.get();
-        m_.reset();
-        m2_.reset();
-        if (row.setup) row.setup(m_);
-        cu_set_no_error_1();
-        sec_token_t made = reinterpret_cast<sec_token_t>(&st);
-        qv_int32_t rc = sec_create_id_context(&st, server_svc_, row.flags, in, &made);
-        EXPECT_EQ(rc, row.rc);
-        EXPECT_EQ(m_.calls(QVTEST_MPM_CREATE_ID_CONTEXT), row.mode != 0 ? 1u : 0u);
-        EXPECT_EQ(m_.record(QVTEST_MPM_CREATE_ID_CONTEXT).args[0], static_cast<uintptr_t>(row.mode));
-        EXPECT_STREQ(m_.record(QVTEST_MPM_CREATE_ID_CONTEXT).str[0], row.mode == 2 ? "alice" : "");
-        EXPECT_EQ(st.maj_stat, rc == SEC_S_MPM_FAILURE ? 9u : 0u);
-        EXPECT_EQ(rc == 0 || rc == SEC_S_MPM_FAILURE ? row.msg : qvtest::current_error().msg_num, row.msg);
-        const auto *t = static_cast<const sec_ctx_token_desc *>(made);
-        EXPECT_EQ(t != nullptr ? t->state : 0u, row.state);
-        EXPECT_EQ(t != nullptr ? qvtest::privset_text(t->privset) : "-|-|", row.set);
-        EXPECT_EQ(sec_end_context(&st, made, nullptr), 0);
-        EXPECT_EQ(sec_end_context(&st, given_identity, nullptr), 0);
-        m_.reset();
-        m2_.reset();
-        end_contexts();
-        ex_ = Exchange{};
-    }
-}
+// (sec_create_id_context's sources and mapping flags run in the end-to-end
+// test, through the real module on this host and another; its refusals are
+// contract_test's.)
 
 // ---- CIDBs ----
 
