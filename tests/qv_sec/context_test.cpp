@@ -284,8 +284,8 @@ TEST_F(Refused, EveryRowEndsTheContext) {
             EXPECT_EQ(last_message(), r.msg);
         }
         if (r.rc == SEC_S_MPM_FAILURE) {
-            EXPECT_EQ(status_text(st_), std::string("33 9 0x10002 mpm_") + (r.side == kAnswer ? "complete" : "receive") +
-                                            "_sec_context");
+            const char *routine = r.side == kAnswer ? "mpm_complete_sec_context" : "mpm_receive_sec_context";
+            EXPECT_EQ(status_text(st_), std::string("33 9 0x10002 ") + routine);
         }
         if (r.rc <= SEC_S_UNAUTHENTICATED) {
             EXPECT_EQ(out_.bytes(), r.out);
