@@ -101,9 +101,15 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
              return sec_get_auth_methods(&made_.bufs[0], &n);
          },
          [this](qv_int32_t rc) { EXPECT_TRUE(rc != 0 || bytes(0) == mech_list({kCodeA})); }},
-        {"establish, seal and open",
+        {"establish, sign, verify, seal and open",
          [this] {
              if (qv_int32_t rc = establish_made()) return rc;
+             char data[] = "signed bytes";
+             struct iovec v = {data, sizeof data};
+             if (qv_int32_t rc = sec_sign_data_v(&st_, made_.cctx, 1, &v, &made_.bufs[2])) return rc;
+             if (qv_int32_t rc = sec_verify_data_v(&st_, made_.sctx, &made_.bufs[2], 1, &v)) return rc;
+             free(made_.bufs[2].value);
+             made_.bufs[2] = {0, nullptr};
              if (qv_int32_t rc =
                      sec_prepare_data(&st_, made_.cctx, SEC_F_PROTECT_MODE1, message_.get(), &made_.bufs[2]))
                  return rc;
@@ -121,15 +127,6 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
              if ((rc = sec_receive_sec_context(&st_, server_svc_, &made_.bufs[0], &made_.sctx, &made_.bufs[1])) != 0)
                  return rc;
              return sec_complete_sec_context(&st_, &made_.bufs[1], &made_.cctx, &made_.bufs[2]);
-         },
-         nullptr},
-        {"establish, sign and verify",
-         [this] {
-             if (qv_int32_t rc = establish_made()) return rc;
-             char data[] = "signed bytes";
-             struct iovec v = {data, sizeof data};
-             if (qv_int32_t rc = sec_sign_data_v(&st_, made_.cctx, 1, &v, &made_.bufs[2])) return rc;
-             return sec_verify_data_v(&st_, made_.sctx, &made_.bufs[2], 1, &v);
          },
          nullptr},
         // A failed write leaves no buffer, a failed read no half-read identity.
@@ -151,20 +148,15 @@ TEST_F(AllocFailure, PublicRoutinesEndInSuccessOrNoMemory) {
              EXPECT_TRUE(ps.name == nullptr && ps.mname == nullptr && ps.gcount == 0 && ps.groups == nullptr);
              EXPECT_TRUE(made_.bufs[0].value != nullptr || made_.bufs[0].length == 0);
          }},
-        // Without the mapping: the system's group lookup is not ours to sweep.
-        {"establish and create a CIDB",
-         [this] {
-             if (qv_int32_t rc = establish_made()) return rc;
-             return sec_create_cidb(&st_, SEC_F_CIDB_HOST_LOCAL, made_.sctx, &made_.bufs[2]);
-         },
-         [this](qv_int32_t rc) {
-             EXPECT_TRUE(rc == 0 || (made_.bufs[2].value == nullptr && made_.bufs[2].length == 0));
-         }},
         // The mapping comes with the CIDB or is not asked for: the system's
-        // group lookup stays out of the sweep.
-        {"identity contexts from a context and from its CIDB",
+        // group lookup stays out of the sweep. A failed CIDB leaves no buffer.
+        {"a CIDB, and identity contexts from a context and from a CIDB",
          [this] {
              if (qv_int32_t rc = establish_made()) return rc;
+             if (qv_int32_t rc = sec_create_cidb(&st_, SEC_F_CIDB_HOST_LOCAL, made_.sctx, &made_.bufs[3])) {
+                 EXPECT_TRUE(made_.bufs[3].value == nullptr && made_.bufs[3].length == 0);
+                 return rc;
+             }
              if (qv_int32_t rc = sec_create_id_context(&st_, server_svc_, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP,
                                                        made_.sctx, &made_.ids[0]))
                  return rc;

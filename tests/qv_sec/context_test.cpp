@@ -83,12 +83,6 @@ protected:
         EXPECT_EQ(sec_end_context(&st, ctx_, nullptr), 0);
         ctx_ = nullptr;
     }
-    void expect_status(qv_uint32_t maj, qv_uint32_t min, qv_uint32_t mech, const char *desc) {
-        EXPECT_EQ(st_.maj_stat, maj);
-        EXPECT_EQ(st_.min_stat, min);
-        EXPECT_EQ(st_.mech_code, mech);
-        EXPECT_STREQ(st_.desc, desc);
-    }
 
     sec_status_desc st_{};
     sec_token_t ctx_ = nullptr;
@@ -98,17 +92,6 @@ protected:
 
 class Refused : public ClientContext {};
 class ServerContext : public ClientContext {};
-
-TEST_F(ClientContext, MalformedListsAreRefusedAndTheTokenGoes) {
-    const std::pair<Bytes, int> rows[] = {{{0x81, 1, 0}, SEC_S_BAD_BUFFER}, {{0x81, 3}, SEC_S_BAD_VERSION}};
-    for (const auto &[list, rc] : rows) {
-        EXPECT_EQ(start(list), rc);
-        EXPECT_EQ(last_message(), rc == SEC_S_BAD_VERSION ? MSG_2650_007 : MSG_2650_005);
-        EXPECT_EQ(ctx_, nullptr);
-        EXPECT_TRUE(out_.empty());
-    }
-    EXPECT_EQ(start(mech_list({kCodeA}, 2)), 0);  // a version-2 list is read
-}
 
 // The walk over the shared list: the first module that accepts ends it, an
 // unknown code stops it, and when every module fails the caller sees the
@@ -122,8 +105,7 @@ TEST_F(ClientContext, WalkOverTheSharedList) {
         std::vector<qv_uint32_t> list;
         void (*script)(M &a, M &b);
         int rc, msg;                     // msg 0: not checked
-        qv_uint32_t maj, min, mech;      // the status record
-        const char *desc;                // nullptr: the status record is not checked
+        const char *status;              // nullptr: the status record is not checked
         Bytes out;
         unsigned long starts, ends;      // mpm_start_sec_context and mpm_end_context calls, both modules
     };
@@ -132,27 +114,27 @@ TEST_F(ClientContext, WalkOverTheSharedList) {
         // is): its start for the service is tried like any other step.
         {"module start for the service fails", {kCodeB},
          [](M &, M &b) { b.behaviour(QVTEST_MPM_START).maj_stat = 0x13; },
-         SEC_S_MPM_FAILURE, 0, 0x13, 0, kCodeB, "mpm_start", {}, 0, 0},
-        {"the first module accepts", {kCodeA}, none2, 0, 0, 0, 0, 0, "", ccdb(kCodeA, 1, 0, kClientToken), 1, 0},
-        {"complete without output", {kCodeA}, [](M &a, M &) { silent<kStartCtx>(a); }, 0, 0, 0, 0, 0, "", {}, 1, 0},
+         SEC_S_MPM_FAILURE, 0, "19 0 0x51 mpm_start", {}, 0, 0},
+        {"the first module accepts", {kCodeA}, none2, 0, 0, "0 0 0x0 ", ccdb(kCodeA, 1, 0, kClientToken), 1, 0},
+        {"complete without output", {kCodeA}, [](M &a, M &) { silent<kStartCtx>(a); }, 0, 0, "0 0 0x0 ", {}, 1, 0},
         {"continue without output", {kCodeA}, [](M &a, M &) { silent_continue<kStartCtx>(a); }, SEC_S_BAD_MPM,
-         MSG_2650_024, 0, 0, 0, nullptr, {}, 1, 1},
+         MSG_2650_024, nullptr, {}, 1, 1},
         {"unknown code stops the walk", {kCodeB, 0x999, kCodeA}, [](M &, M &b) { fails<kStartCtx>(b); },
-         SEC_S_BAD_MECHANISM, MSG_2650_006, 0, 0, 0, "", {}, 1, 1},
+         SEC_S_BAD_MECHANISM, MSG_2650_006, "0 0 0x0 ", {}, 1, 1},
         {"the first failure when all fail", {kCodeB, kCodeA},
          [](M &a, M &b) {
              fails<kStartCtx>(b);
              a.behaviour(kStartCtx).maj_stat = 0x11;
          },
-         SEC_S_MPM_FAILURE, 0, 0x21, 9, kCodeB, "mpm_start_sec_context", {}, 2, 2},
+         SEC_S_MPM_FAILURE, 0, "33 9 0x51 mpm_start_sec_context", {}, 2, 2},
         {"a later module accepts", {kCodeB, kCodeA},
          [](M &a, M &b) {
              fails<kStartCtx>(b);
              continues<kStartCtx>(a);
          },
-         1, 0, 0, 0, 0, "", ccdb(kCodeA, 1, 1, kClientToken), 2, 1},
+         1, 0, "0 0 0x0 ", ccdb(kCodeA, 1, 1, kClientToken), 2, 1},
         {"a module that cannot be loaded fails first", {0x77, kCodeA}, [](M &a, M &) { fails<kStartCtx>(a); },
-         SEC_S_BAD_MPM, MSG_2650_050, 0, 0, 0, "", {}, 1, 1},
+         SEC_S_BAD_MPM, MSG_2650_050, "0 0 0x0 ", {}, 1, 1},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -164,7 +146,9 @@ TEST_F(ClientContext, WalkOverTheSharedList) {
         if (r.msg != 0) {
             EXPECT_EQ(last_message(), r.msg);
         }
-        if (r.desc != nullptr) expect_status(r.maj, r.min, r.mech, r.desc);
+        if (r.status != nullptr) {
+            EXPECT_EQ(status_text(st_), r.status);
+        }
         EXPECT_EQ(out_.bytes(), r.out);
         EXPECT_EQ(m_.calls(kStartCtx) + m2_.calls(kStartCtx), r.starts);
         EXPECT_EQ(m_.calls(QVTEST_MPM_END_CONTEXT) + m2_.calls(QVTEST_MPM_END_CONTEXT), r.ends);
@@ -172,7 +156,6 @@ TEST_F(ClientContext, WalkOverTheSharedList) {
         if (m_.calls(kStartCtx) != 0) {
             // The module gets the service's handle and the caller's arguments.
             const qvtest_mpm_call_t &rec = m_.record(kStartCtx);
-            EXPECT_EQ(reinterpret_cast<const qvtest_mpm_handle_t *>(rec.args[0])->kind, 1u);
             EXPECT_EQ(rec.args[3], 0x1234u);
             EXPECT_STREQ(rec.str[0], "svc");
             EXPECT_STREQ(rec.str[1], "host");
@@ -266,7 +249,6 @@ TEST_F(Refused, EveryRowEndsTheContext) {
         {"answer: older version", kAnswer, continues<kComplete>, v1 + text("old"), 1, 0,
          v1 + text("qvtest-client-more")},
         {"first: sequence 2", kFirst, none, ccdb(kCodeA, 2, 1, text("c")), 7, MSG_2650_005},
-        {"first: version 1", kFirst, none, v1 + text("c"), 7, MSG_2650_005},
         {"first: version 3", kFirst, none, Bytes{0x82, 3} + be32(kCodeA) + Bytes{1, 0}, 9, MSG_2650_007},
         {"first: unknown code", kFirst, none, ccdb(0x999, 1, 1, text("c")), 8, MSG_2650_006},
         {"server module continues without output", kFirst, silent_continue<kReceive>, ccdb(kCodeA, 1, 1, text("c")),
@@ -280,7 +262,6 @@ TEST_F(Refused, EveryRowEndsTheContext) {
         // After a first CCDB of sequence 1 that the server answered.
         {"later: other mechanism", kLater, none, ccdb(kCodeB, 2, 1, text("c")), 8, MSG_2650_006},
         {"later: skipped sequence", kLater, none, ccdb(kCodeA, 3, 1, text("c")), 7, MSG_2650_005},
-        {"later: older version", kLater, none, v1 + text("c"), 7, MSG_2650_005},
         {"an unauthenticated context takes no more", kAfterUnauth, none, ccdb(0, 2, 0), 8, MSG_2650_006},
     };
     for (const Row &r : rows) {
@@ -303,7 +284,8 @@ TEST_F(Refused, EveryRowEndsTheContext) {
             EXPECT_EQ(last_message(), r.msg);
         }
         if (r.rc == SEC_S_MPM_FAILURE) {
-            expect_status(0x21, 9, kCodeA, r.side == kAnswer ? "mpm_complete_sec_context" : "mpm_receive_sec_context");
+            const char *routine = r.side == kAnswer ? "mpm_complete_sec_context" : "mpm_receive_sec_context";
+            EXPECT_EQ(status_text(st_), std::string("33 9 0x10002 ") + routine);
         }
         if (r.rc <= SEC_S_UNAUTHENTICATED) {
             EXPECT_EQ(out_.bytes(), r.out);
@@ -413,24 +395,20 @@ TEST_F(ContextFixture, OneRoundBeyondTheLimitFailsTheClient) {
     EXPECT_EQ(ex.server_rc, 1);
 }
 
-// B serves both sides, and is started once for each service token.
+// B serves both sides and names itself (its start once per service token is
+// the concurrency test's).
 TEST_F(ContextFixture, SecondMechanismServesBothSides) {
-    for (int i = 0; i < 2; ++i) {
-        script_rounds(m2_, 2);
-        Exchange &ex = establish(mech_list({kCodeB, kCodeA}));
-        ASSERT_EQ(ex.client_rc, 0);
-        ASSERT_EQ(ex.server_rc, 0);
-        EXPECT_EQ(ex.wire, expected_wire(2, kCodeB));
-        char name[SEC_C_CTX_MPM_NAME_SIZE] = {};
-        sec_status_desc st{};
-        EXPECT_EQ(sec_get_ctx_attribute(&st, ex.server_ctx, SEC_C_CTX_MPM_NAME, name), 0);
-        EXPECT_STREQ(name, "qvtest2");
-        EXPECT_EQ(seal_and_open(ex.client_ctx, ex.server_ctx, text("b"), kCodeB), text("b"));
-        end_contexts();
-        ex_ = Exchange{};
-    }
+    script_rounds(m2_, 2);
+    Exchange &ex = establish(mech_list({kCodeB, kCodeA}));
+    ASSERT_EQ(ex.client_rc, 0);
+    ASSERT_EQ(ex.server_rc, 0);
+    EXPECT_EQ(ex.wire, expected_wire(2, kCodeB));
+    char name[SEC_C_CTX_MPM_NAME_SIZE] = {};
+    sec_status_desc st{};
+    EXPECT_EQ(sec_get_ctx_attribute(&st, ex.server_ctx, SEC_C_CTX_MPM_NAME, name), 0);
+    EXPECT_STREQ(name, "qvtest2");
+    EXPECT_EQ(seal_and_open(ex.client_ctx, ex.server_ctx, text("b"), kCodeB), text("b"));
     EXPECT_EQ(m_.calls(kStartCtx), 0u);
-    EXPECT_EQ(m2_.calls(QVTEST_MPM_START), 2u);
 }
 
 // ---- Unauthenticated contexts ----
@@ -496,12 +474,8 @@ TEST_F(Unauthenticated, WhoAsksAndWhoRefuses) {
         {"empty shared list", nullptr, {}, none2, kUnauth, 0, {U}, MSG_CLIENT_INITIATES_UNAUTH, 0, true},
         {"imposed without none", "qvtest", {}, none2, kRefused, -1, {}, MSG_2650_086, 0, false},
         {"imposed with none", "qvtest none", {}, none2, kUnauth, 0, {U}, 0, 0, true},
-        {"imposed empty", "", {}, none2, kUnauth, 0, {U}, 0, 0, true},
         {"client module asks", nullptr, {kCodeA}, [](M &a, M &) { a.behaviour(kStartCtx).maj_stat = kUnauth; },
          kUnauth, 0, {U}, 0, 1, true},
-        // A, which would accept, is tried after B asked; its context goes.
-        {"a later module is left unused", nullptr, {kCodeB, kCodeA},
-         [](M &, M &b) { b.behaviour(kStartCtx).maj_stat = kUnauth; }, kUnauth, 0, {U}, 0, 1, true},
         {"client module asks, imposed refuse", "qvtest qvtest2", {kCodeB, kCodeA},
          [](M &, M &b) { b.behaviour(kStartCtx).maj_stat = kUnauth; }, kRefused, -1, {}, MSG_2650_086, -1, false},
         {"server forces a waiting client", nullptr, {kCodeA},
@@ -749,60 +723,30 @@ struct Case {
 #define CALL(expr) [](sec_mpm_entry_t e, sec_status_t st, Args &a) { return expr; }
 #define SEES(...) [](Args &a) { return std::vector<uintptr_t>{__VA_ARGS__}; }
 
+// The wrappers other tests do not reach with their arguments recorded (the
+// library does not call the first three), and one of each kind of outcome.
 std::vector<Case> cases() {
     return {
-        {QVTEST_MPM_START, "mpm_start", CALL(sec__mpm_start(e, st, 0x21, &a.slot)), SEES(0x21, u(&a.slot)), false, {}},
-        {QVTEST_MPM_END, "mpm_end", CALL(sec__mpm_end(e, st, 0x22, a.token)), SEES(0x22, u(a.token)), false, {}},
-        {QVTEST_MPM_SET_CTX_ATTRIBUTE, "mpm_set_ctx_attribute",
-         CALL(sec__mpm_set_ctx_attribute(e, st, a.token, 1, a.data, &a.slot)),
-         SEES(u(a.token), 1, u(a.data), u(&a.slot)), false, {}},
         {QVTEST_MPM_SERVICE_CLEANUP, "mpm_service_cleanup", CALL(sec__mpm_service_cleanup(e, st, 0x23, a.token)),
          SEES(u(a.token), 0x23), false, {}},
-        {QVTEST_MPM_START_SEC_CONTEXT, "mpm_start_sec_context",
-         CALL(sec__mpm_start_sec_context(e, st, a.token, 0x24, a.svc, a.host, &a.slot, &a.out)),
-         SEES(u(a.token), u(a.svc), u(a.host), 0x24, u(&a.slot), u(&a.out)), true, {}},
         {QVTEST_MPM_GET_TARGET_NAME, "mpm_get_target_name",
          CALL(sec__mpm_get_target_name(e, st, a.token, a.svc, a.host, &a.i32, a.name)),
          SEES(u(a.token), u(a.svc), u(a.host), u(&a.i32), u(a.name)), false, {}},
-        {QVTEST_MPM_COMPLETE_SEC_CONTEXT, "mpm_complete_sec_context",
-         CALL(sec__mpm_complete_sec_context(e, st, &a.in, a.token, &a.out)), SEES(u(&a.in), u(a.token), u(&a.out)),
-         true, {}},
-        {QVTEST_MPM_GET_CTX_LIFETIME, "mpm_get_ctx_lifetime", CALL(sec__mpm_get_ctx_lifetime(e, st, a.token, &a.i32)),
-         SEES(u(a.token), u(&a.i32)), false, {}},
-        {QVTEST_MPM_GET_CTX_FLAGS, "mpm_get_ctx_flags", CALL(sec__mpm_get_ctx_flags(e, st, a.token, &a.u32)),
-         SEES(u(a.token), u(&a.u32)), false, {}},
-        {QVTEST_MPM_PREPARE_DATA, "mpm_prepare_data", CALL(sec__mpm_prepare_data(e, st, a.token, 0x25, &a.in, &a.out)),
-         SEES(u(a.token), 0x25, u(&a.in), u(&a.out)), false, {}},
-        {QVTEST_MPM_PROCESS_DATA, "mpm_process_data", CALL(sec__mpm_process_data(e, st, a.token, &a.in, &a.out)),
-         SEES(u(a.token), u(&a.in), u(&a.out)), false, {}},
-        {QVTEST_MPM_END_CONTEXT, "mpm_end_context", CALL(sec__mpm_end_context(e, st, a.token)), SEES(u(a.token)),
-         false, {}},
-        {QVTEST_MPM_LOGIN_AS_SERVICE, "mpm_login_as_service", CALL(sec__mpm_login_as_service(e, st, a.svc, a.token)),
-         SEES(u(a.svc), u(a.token)), false, {}},
-        {QVTEST_MPM_LOGIN_AS_USER, "mpm_login_as_user",
-         CALL(sec__mpm_login_as_user(e, st, a.token, &a.in, a.data, 0x26)),
-         SEES(u(&a.in), u(a.data), 0x26, u(a.token)), false, {}},
-        {QVTEST_MPM_RENEW_IDENTITY, "mpm_renew_identity", CALL(sec__mpm_renew_identity(e, st, a.token, &a.i32)),
-         SEES(u(a.token), u(&a.i32)), false, {}},
+        {QVTEST_MPM_GET_CTX_MPM, "mpm_get_ctx_mpm", CALL(sec__mpm_get_ctx_mpm(e, st, a.token, a.name)),
+         SEES(u(a.token), u(a.name)), false, {}},
+        {QVTEST_MPM_START, "mpm_start", CALL(sec__mpm_start(e, st, 0x21, &a.slot)), SEES(0x21, u(&a.slot)), false, {}},
+        {QVTEST_MPM_SET_CTX_ATTRIBUTE, "mpm_set_ctx_attribute",
+         CALL(sec__mpm_set_ctx_attribute(e, st, a.token, 1, a.data, &a.slot)),
+         SEES(u(a.token), 1, u(a.data), u(&a.slot)), false, {}},
         {QVTEST_MPM_RECEIVE_SEC_CONTEXT, "mpm_receive_sec_context",
          CALL(sec__mpm_receive_sec_context(e, st, a.token, &a.in, &a.slot, &a.out, &a.u32)),
          SEES(u(a.token), u(&a.in), u(&a.slot), u(&a.out), u(&a.u32)), true, {}},
-        {QVTEST_MPM_GET_CLIENT_NAME, "mpm_get_client_name",
-         CALL(sec__mpm_get_client_name(e, st, a.token, &a.i32, a.name)), SEES(u(a.token), u(&a.i32), u(a.name)),
-         false, {}},
-        {QVTEST_MPM_GET_MAPPED_NAME, "mpm_get_mapped_name",
-         CALL(sec__mpm_get_mapped_name(e, st, a.token, &a.i32, a.name)), SEES(u(a.token), u(&a.i32), u(a.name)),
-         false, {}},
         {QVTEST_MPM_GET_CLIENT_ID, "mpm_get_client_id", CALL(sec__mpm_get_client_id(e, st, a.token, &a.i32, a.name)),
          SEES(u(a.token), u(&a.i32), u(a.name)), false, {}},
-        {QVTEST_MPM_CREATE_ID_CONTEXT, "mpm_create_id_context",
-         CALL(sec__mpm_create_id_context(e, st, 1, a.token, &a.slot)), SEES(1, u(a.token), u(&a.slot)), false, {}},
         {QVTEST_MPM_SIGN_DATA_V, "mpm_sign_data_v", CALL(sec__mpm_sign_data_v(e, st, a.token, 2, a.iov, &a.out)),
          SEES(u(a.token), 2, u(a.iov), u(&a.out)), false, {24}},
         {QVTEST_MPM_VERIFY_DATA_V, "mpm_verify_data_v", CALL(sec__mpm_verify_data_v(e, st, a.token, &a.in, 2, a.iov)),
          SEES(u(a.token), u(&a.in), 2, u(a.iov)), false, {24, 34}},
-        {QVTEST_MPM_GET_CTX_MPM, "mpm_get_ctx_mpm", CALL(sec__mpm_get_ctx_mpm(e, st, a.token, a.name)),
-         SEES(u(a.token), u(a.name)), false, {}},
         {QVTEST_MPM_USER_VALID, "mpm_user_valid", CALL(sec__mpm_user_valid(e, st, a.token, a.user)),
          SEES(u(a.token), u(a.user)), false, {36}},
     };
@@ -853,23 +797,16 @@ TEST_F(Dispatch, EveryWrapperUnderEveryStatus) {
             EXPECT_EQ(recorded_args(c.routine), c.expected(a));
             if (maj == 0 && c.routine == QVTEST_MPM_VERIFY_DATA_V) {
                 EXPECT_EQ(rc, 34u);  // the input is not the data's signature
-            } else if (maj == 0 && c.routine == QVTEST_MPM_PROCESS_DATA) {
-                EXPECT_EQ(rc, 3u);  // the input was not sealed by the module
             } else if (maj == 0 || continues) {
                 EXPECT_EQ(rc, 0u);
-                EXPECT_EQ(st.maj_stat, maj);
-                EXPECT_EQ(st.min_stat, 0x99u);
-                EXPECT_STREQ(st.desc, "kept");
+                EXPECT_EQ(status_text(st), std::to_string(maj) + " 153 0x0 kept");
                 if (continues) {
                     EXPECT_GT(a.out.length, 0);  // continuing means there is output
                 }
             } else {
                 bool passed = std::find(c.passed_on.begin(), c.passed_on.end(), maj) != c.passed_on.end();
                 EXPECT_EQ(rc, passed ? maj : 3u);
-                EXPECT_EQ(st.maj_stat, maj);
-                EXPECT_EQ(st.min_stat, 0x99u);
-                EXPECT_EQ(st.mech_code, kCode);
-                EXPECT_STREQ(st.desc, c.name);
+                EXPECT_EQ(status_text(st), std::to_string(maj) + " 153 0x10001 " + c.name);
                 EXPECT_EQ(last_message(), -1);  // a module failure records no message
             }
             EXPECT_TRUE(lock_is_free(e));
@@ -897,8 +834,7 @@ TEST_F(Dispatch, LoadFailuresReportTheirMessageAndAreRetried) {
             qvtest::CurrentError err = qvtest::current_error();
             EXPECT_EQ(err.id, 22);
             EXPECT_EQ(err.msg_num, message);
-            EXPECT_EQ(st.maj_stat, 0u);
-            EXPECT_STREQ(st.desc, "");
+            EXPECT_EQ(status_text(st), "0 0 0x0 ");
             EXPECT_TRUE(lock_is_free(e));
         }
     }
@@ -913,7 +849,7 @@ TEST_F(Dispatch, MissingRoutineFailsEveryCallAndReleasesTheLock) {
         cu_set_no_error_1();
         EXPECT_EQ(sec__mpm_get_ctx_flags(e, &st, nullptr, &flags), 22u);
         EXPECT_EQ(last_message(), MSG_2650_020);
-        EXPECT_STREQ(st.desc, "");
+        EXPECT_EQ(status_text(st), "0 0 0x0 ");
         EXPECT_TRUE(lock_is_free(e));
         // Every other routine works.
         qv_int32_t lifetime = 0;
@@ -960,8 +896,9 @@ protected:
         sec__trace_detail_levels[SEC_TRC_API] = 0;
         ContextFixture::TearDown();
     }
-    // One two-round exchange, a seal and open, the lifetime and an
-    // attribute, and the end of both contexts, traced at `level`.
+    // One two-round exchange, a seal and open, a signature and its
+    // verification, the lifetime and an attribute, and the end of both
+    // contexts, traced at `level`.
     Ids traced_exchange(unsigned char level) {
         script_rounds(m_, 2);
         size_t from = trace_size();
@@ -974,52 +911,34 @@ protected:
         sec_prepare_data(&st, ex_.client_ctx, SEC_F_PROTECT_MODE1, in.get(), sealed.get());
         sec_process_data(&st, ex_.server_ctx, sealed.get(), opened.get());
         if (!opened.empty()) opened_by_caller_ += 1;
+        char data[] = "traced";
+        iovec v{data, sizeof data - 1};
+        Out sig;
+        sec_sign_data_v(&st, ex_.client_ctx, 1, &v, sig.get());
+        sec_verify_data_v(&st, ex_.server_ctx, sig.get(), 1, &v);
         sec_get_ctx_lifetime(&st, ex_.client_ctx, &lifetime);
         sec_get_ctx_attribute(&st, ex_.client_ctx, SEC_C_CTX_LIFETIME, &lifetime);
         end_contexts();
         sec__trace_detail_levels[SEC_TRC_API] = 0;
         return library_record_ids(from);
     }
-    // A signature and its verification traced at `level`.
-    Ids traced_signing(unsigned char level, sec_status_t st) {
-        char data[] = "traced";
-        iovec v{data, sizeof data - 1};
-        Out sig, again;
-        sec_status_desc own{};
-        EXPECT_EQ(sec_sign_data_v(&own, ex_.client_ctx, 1, &v, sig.get()), 0);
-        size_t from = trace_size();
-        sec__trace_detail_levels[SEC_TRC_API] = level;
-        sec_sign_data_v(st, ex_.client_ctx, 1, &v, again.get());
-        sec_verify_data_v(st, ex_.server_ctx, sig.get(), 1, &v);
-        sec__trace_detail_levels[SEC_TRC_API] = 0;
-        return library_record_ids(from);
-    }
 };
 
-TEST_F(ApiTrace, ContextIdsAtLevelOne) {
-    // start, receive, complete, receive, complete, prepare, process,
-    // lifetime (with the common routine-end record), attribute, end, end.
+// start, receive, complete, receive, complete, prepare, process, sign,
+// verify, lifetime (with the common routine-end record), attribute, end, end.
+TEST_F(ApiTrace, ContextRecordsAtLevelsOneAndEight) {
     EXPECT_EQ(traced_exchange(1),
-              (Ids{60, 62, 70, 72, 65, 67, 70, 72, 65, 67, 85, 87, 90, 92, 80, 1, 75, 77, 95, 97, 95, 97}));
-}
-
-TEST_F(ApiTrace, ContextDataFormsAtLevelEight) {
+              (Ids{60, 62, 70, 72, 65, 67, 70, 72, 65, 67, 85, 87, 90, 92, 130, 132, 135, 137, 80, 1, 75, 77, 95, 97,
+                   95, 97}));
     EXPECT_EQ(traced_exchange(8),
-              (Ids{61, 64, 71, 74, 66, 69, 71, 74, 66, 69, 86, 89, 91, 94, 81, 4, 76, 79, 96, 99, 96, 99}));
+              (Ids{61, 64, 71, 74, 66, 69, 71, 74, 66, 69, 86, 89, 91, 94, 131, 134, 136, 139, 81, 4, 76, 79, 96, 99,
+                   96, 99}));
     size_t from = trace_size();
     sec__trace_detail_levels[SEC_TRC_API] = 8;
     EXPECT_EQ(sec_end_context(nullptr, nullptr, nullptr), 4);
     EXPECT_EQ(sec_get_ctx_lifetime(nullptr, nullptr, nullptr), 4);
     sec__trace_detail_levels[SEC_TRC_API] = 0;
     EXPECT_EQ(library_record_ids(from), (Ids{96, 98, 81, 3}));
-}
-
-TEST_F(ApiTrace, SigningAtEachLevel) {
-    ASSERT_EQ(establish(mech_list({kCodeA})).client_rc, 0);
-    sec_status_desc st{};
-    EXPECT_EQ(traced_signing(1, &st), (Ids{130, 132, 135, 137}));
-    EXPECT_EQ(traced_signing(8, &st), (Ids{131, 134, 136, 139}));
-    EXPECT_EQ(traced_signing(8, nullptr), (Ids{131, 133, 136, 138}));
 }
 
 // The buffers the context routines are given, at BUFFER detail: the first
@@ -1096,32 +1015,23 @@ TEST_F(ApiTrace, QvtraceNamesNegotiationsAndMissingModules) {
     EXPECT_EQ(sec_reconcile_auth_methods(foreign.get(), nothing.get()), 0);
     EXPECT_EQ(establish(nothing.bytes()).client_rc, 2);
     end_contexts();
-    int gone_rc = establish(mech_list({119})).client_rc;
-    EXPECT_GT(gone_rc, 2);
+    EXPECT_GT(establish(mech_list({119})).client_rc, 2);
     for (auto c : {SEC_TRC_API, SEC_TRC_BUFFER, SEC_TRC_ERRORS}) sec__trace_detail_levels[c] = 0;
 
     const std::string all = qvtest::read_file(kTraceFile);
     std::string tail = dir_.write("tail.trc", all.substr(0, qvtr::kFileHeaderSize) + all.substr(from));
     qvtest::ToolRun run = qvtest::run_tool(QVTRACE_PATH, {"--config", dir_.path() + "/qvsec.cfg", tail});
     ASSERT_EQ(run.status, 0) << run.err;
-    const std::string gone_exit = "sec_start_sec_context exit rc=" + std::to_string(gone_rc);
     const std::vector<std::vector<std::string>> rows = {
-        {"id=18 ", "sec_end entry st=0x", " flags=0x0 stoken=0x"},
         {"id=22 ", "sec_end exit rc=0 (ok) maj=0 min=0 mech=none desc=\"\""},
-        {"id=12 ", "sec_start entry st=0x"},
-        {"id=16 ", "sec_start exit rc=0 (ok)"},
-        {"id=33 ", "sec_get_auth_methods exit rc=0 (ok)"},
         {"id=61 ", "sec_start_sec_context entry st=0x", " flags=0x0 ctokenp=0x"},
         {"id=6 ", "buffer length=14 buffer=\"mechanism list\" v1 "
                   "mechanisms=qvtest(0x00010002),qvtest2(0x00000051),qvgone(0x00000077)"},
         {"id=6 ", "buffer=\"CCDB\" v2 mech=qvtest(0x00010002) seq=1 flags=0x0"},
-        {"id=74 ", "sec_receive_sec_context exit rc=0 (ok)"},
-        {"buffer length=2 buffer=\"mechanism list\" v1 mechanisms=(none)"},
         {"id=64 ", "sec_start_sec_context exit rc=2 (complete, unauthenticated)"},
         {"buffer length=8 buffer=\"CCDB\" v2 mech=none seq=1 flags=0x00 body=0"},
         {"id=173 ", "module file missing (stat failed) module=\"qvgone\" thread=0x",
          " path=\"/nonexistent/libqvgone.so\""},
-        {"id=64 ", gone_exit},
     };
     size_t at = 0;
     for (const auto &row : rows) {

@@ -156,13 +156,10 @@ TEST(IdentityEndToEndChild, FromBytes) {
         qv_int32_t rc;
         std::string out;
     } conversions[] = {
-        {"same", true, std::string("abc", 4), 0, std::string("abc", 4)},
         {"latin1", true, std::string("caf\xe9", 5), 0, std::string("caf\xc3\xa9", 6)},
         {"latin1", false, std::string("caf\xc3\xa9", 6), 0, std::string("caf\xe9", 5)},
         {"latin1", false, std::string("\xe2\x82\xac", 4), SEC_S_CODESET, ""},  // no euro sign in Latin-1
-        {"nocvt", true, std::string("abc", 4), SEC_S_CODESET, ""},
         {"nocvt", false, std::string("abc", 4), SEC_S_CODESET, ""},
-        {"nocvt", true, std::string("abc", 4), SEC_S_CODESET, ""},
     };
     for (const Conversion &c : conversions) {
         if (kind != c.kind) continue;
@@ -235,8 +232,6 @@ TEST_F(IdentityEndToEnd, CidbToOtherProcesses) {
                               network_name() + "\nmapped name: " + user_name() + "\ngroups (" +
                               std::to_string(groups.size()) + "):";
     std::string cut(mapped_local.begin(), mapped_local.begin() + 30);
-    std::string bent(mapped_local.begin(), mapped_local.end());
-    bent[23] = static_cast<char>(bent[23] + 1);  // L1 one past the name's NUL
     struct Tool {
         std::vector<std::string> args;
         std::string in, node;
@@ -247,7 +242,6 @@ TEST_F(IdentityEndToEnd, CidbToOtherProcesses) {
         {{"cidb", "show", "-"}, std::string(mapped_local.begin(), mapped_local.end()), other_node_, 0,
          "(another host)", ""},
         {{"cidb", "show"}, cut, node_, 1, "", "qvsec: (stdin): corrupt CIDB at byte offset 22: network name\n"},
-        {{"cidb", "show", "-"}, bent, node_, 1, "", "corrupt CIDB at byte offset 22"},
         {{"cidb", "show", "-"}, std::string("\x87\x01", 2) + std::string(16, '\0'), node_, 0,
          "mechanism: 0x00000000 (none)\nclient: unauthenticated\n", ""},
         {{"cidb", "list"}, "", node_, 2, "", "usage: qvsec cidb show [FILE|-]\n"},

@@ -1,19 +1,17 @@
-// Identity: sec_get_client_identity, its groups and sec_user_valid on
-// context tokens built by hand around the test module; sec_create_id_context
-// from both sources with the mapping flags (the new context's state and
-// privilege set, what the module was asked, the host-local check); and the
-// CIDB bytes written for each shape against buffers built by hand from the
-// layout, with the reader's verdict on broken buffers. The fixtures check
-// that no module handle or buffer is left behind.
+// Identity: sec_get_client_identity (with the size protocol's second call),
+// its groups and sec_user_valid on context tokens built by hand around the
+// test module; and the CIDB bytes written for each shape against buffers
+// built by hand from the layout, with the reader's verdict on broken buffers.
+// The fixtures check that no module handle or buffer is left behind.
 #include <gtest/gtest.h>
 
 #include <clocale>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "cancellable_thread.h"
 #include "current_error.h"
 #include "identity_fixture.h"
 #include "messages.h"
@@ -104,7 +102,7 @@ TEST_F(ClientIdentity, AnswersFromTheModule) {
         EXPECT_STREQ(o.mname, row.mname_out);
         EXPECT_EQ(qvtest::to_hex(static_cast<uint8_t *>(o.id.value), static_cast<size_t>(o.id.length)),
                   "830200010002" + qvtest::to_hex(reinterpret_cast<const uint8_t *>(row.id.data()), row.id.size()));
-        EXPECT_TRUE(st.maj_stat == 0 && st.mech_code == 0 && st.desc[0] == '\0');
+        EXPECT_EQ(status_text(st), "0 0 0x0 ");
         for (int r : {QVTEST_MPM_GET_CLIENT_NAME, QVTEST_MPM_GET_MAPPED_NAME, QVTEST_MPM_GET_CLIENT_ID}) {
             EXPECT_EQ(mpm_.calls(r), 1u);
             EXPECT_EQ(mpm_.record(r).args[0], reinterpret_cast<uintptr_t>(token_.mdata.mtoken));
@@ -127,19 +125,18 @@ TEST_F(ClientIdentity, FailuresUndoEveryOutput) {
         qv_int32_t name_len;  // -1: the module's default answer
         qv_int32_t rc;
         int msg;
-        const char *desc;
+        const char *status;
     } cases[] = {
-        {"client name fails", QVTEST_MPM_GET_CLIENT_NAME, 9, -1, 3, -1, "mpm_get_client_name"},
-        {"mapped name fails", QVTEST_MPM_GET_MAPPED_NAME, 9, -1, 3, -1, "mpm_get_mapped_name"},
-        {"client id fails", QVTEST_MPM_GET_CLIENT_ID, 9, -1, 3, -1, "mpm_get_client_id"},
+        {"client name fails", QVTEST_MPM_GET_CLIENT_NAME, 9, -1, 3, -1, "9 51 0x10002 mpm_get_client_name"},
+        {"mapped name fails", QVTEST_MPM_GET_MAPPED_NAME, 9, -1, 3, -1, "9 51 0x10002 mpm_get_mapped_name"},
+        {"client id fails", QVTEST_MPM_GET_CLIENT_ID, 9, -1, 3, -1, "9 51 0x10002 mpm_get_client_id"},
         // Status 6 with the length unchanged: the second call, with a buffer
         // of that size, fails again and that failure is the answer.
-        {"client id needs more, twice", QVTEST_MPM_GET_CLIENT_ID, 6, -1, 3, -1, "mpm_get_client_id"},
-        {"mapped name needs more, twice", QVTEST_MPM_GET_MAPPED_NAME, 6, -1, 3, -1, "mpm_get_mapped_name"},
-        {"empty client name", QVTEST_MPM_GET_CLIENT_NAME, 0, 0, 22, MSG_2650_067, ""},
-        {"empty client id", QVTEST_MPM_GET_CLIENT_ID, 0, 0, 22, MSG_2650_068, ""},
+        {"client id needs more, twice", QVTEST_MPM_GET_CLIENT_ID, 6, -1, 3, -1, "6 51 0x10002 mpm_get_client_id"},
+        {"empty client name", QVTEST_MPM_GET_CLIENT_NAME, 0, 0, 22, MSG_2650_067, "0 51 0x0 "},
+        {"empty client id", QVTEST_MPM_GET_CLIENT_ID, 0, 0, 22, MSG_2650_068, "0 51 0x0 "},
         // An authenticated security context always names its module.
-        {"no module", -1, 0, -1, 23, MSG_2650_068, ""},
+        {"no module", -1, 0, -1, 23, MSG_2650_068, "0 0 0x0 "},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -155,12 +152,9 @@ TEST_F(ClientIdentity, FailuresUndoEveryOutput) {
         cu_set_no_error_1();
         EXPECT_EQ(sec_get_client_identity(&st, &t, &o.name, &o.mname, &o.id), c.rc);
         o.expect_empty();
-        EXPECT_EQ(st.maj_stat, c.maj);
-        EXPECT_STREQ(st.desc, c.desc);
+        EXPECT_EQ(status_text(st), c.status);
         EXPECT_EQ(last_message(), c.msg);
         if (c.maj != 0) {
-            EXPECT_EQ(st.min_stat, 0x33u);
-            EXPECT_EQ(st.mech_code, kCode);
             EXPECT_EQ(mpm_.calls(c.routine), c.maj == 6 ? 2u : 1u);
         }
         if (c.msg == MSG_2650_067) {
@@ -273,124 +267,66 @@ TEST_F(ClientIdentity, UserValid) {
         cu_set_no_error_1();
         EXPECT_EQ(sec_user_valid(&st, &t, alice), maj == 9 ? 3 : static_cast<qv_int32_t>(maj));
         EXPECT_EQ(last_message(), -1);
-        EXPECT_EQ(st.maj_stat, maj);
-        EXPECT_STREQ(st.desc, maj != 0 ? "mpm_user_valid" : "");
-        EXPECT_EQ(st.mech_code, maj != 0 ? kCode : 0u);
+        EXPECT_EQ(status_text(st), maj != 0 ? std::to_string(maj) + " 0 0x10002 mpm_user_valid" : "0 0 0x0 ");
         EXPECT_STREQ(mpm_.record(QVTEST_MPM_USER_VALID).str[0], "alice");
         EXPECT_EQ(mpm_.record(QVTEST_MPM_USER_VALID).args[0], reinterpret_cast<uintptr_t>(t.mdata.mtoken));
     }
 }
 
-// ---- Identity contexts ----
+// ---- The size protocol's second call ----
 
-Bytes cidb(qv_uint32_t mech, qv_uint32_t flags, const Bytes &names, const Bytes &node = qvtest::kCidbNode) {
-    return cidb_head(mech, flags, node) + names;
-}
+// The module answers major status 6 with the size it needs, and the call
+// with a buffer of that size succeeds. The test module answers every call of
+// a routine alike, so its first answer is held blocked inside the module
+// while the test changes what the second call will answer.
+class IdentityRetry : public qvtest::HandBuiltContextFixture {
+protected:
+    // Runs sec_get_client_identity for one form while `routine` first fails
+    // with status 6 and then answers `answer`.
+    qv_int32_t run(int routine, const std::string &answer, char **name, sec_buffer_t id, sec_status_desc &st) {
+        qvtest_mpm_behaviour_t &b = mpm_.behaviour(routine);
+        b.maj_stat = 6;
+        b.block = 1;
+        qv_int32_t rc = -1;
+        qvtest::CancellableThread caller([&] { rc = sec_get_client_identity(&st, &token_, name, nullptr, id); });
+        bool blocked = qvtest::wait_until([&] { return mpm_.blocked() == 1; });
+        EXPECT_TRUE(blocked);
+        // The first call has taken its copy of the behaviour; the second
+        // will read this one.
+        b.maj_stat = 0;
+        b.block = 0;
+        std::memset(b.name, 0, sizeof b.name);
+        std::memcpy(b.name, answer.data(), answer.size());
+        b.name_len = -1;
+        mpm_.release();
+        EXPECT_TRUE(caller.join());
+        return rc;
+    }
+};
 
-enum Source { kServerContext, kUnauthContext, kIdentityContext, kCidb };
-
-constexpr qv_uint32_t kUnauthId = 0x04800000, kPlainId = 0x04800200, kMappedId = 0x04C00200;
-
-using IdentityContext = ContextFixture;
-
-TEST_F(IdentityContext, EachSourceAndMappingFlag) {
-    const Bytes alice = field("alice");
-    const Bytes carried = alice + field("bob") + be32(1) + field("g1");
-    struct Row {
-        const char *what;
-        Source source;
-        qv_uint32_t flags;
-        Bytes cidb;
-        std::function<void(qvtest::TestMpm &)> setup;
-        qv_int32_t rc;
-        int msg;  // rc other than 0 and 3
-        qv_uint32_t state;
-        const char *set;  // the privilege set, as privset_text writes it
-        int mode;  // mpm_create_id_context's mode, 0: not called
-    };
-    const std::vector<Row> rows = {
-        {"security context", kServerContext, SEC_F_IDCTX_SECCTX, {}, nullptr, 0, 0, kMappedId,
-         "qvtest_client@example|qvtest_user|", 1},
-        {"security context, no mapping", kServerContext, SEC_F_IDCTX_SECCTX | SEC_F_IDCTX_NO_MAP, {}, nullptr, 0, 0,
-         kPlainId, "qvtest_client@example|-|", 1},
-        {"unauthenticated security context", kUnauthContext, SEC_F_IDCTX_SECCTX, {}, nullptr, 0, 0, kUnauthId,
-         "-|-|", 0},
-        {"an identity context given", kIdentityContext, SEC_F_IDCTX_SECCTX, {}, nullptr, 5, MSG_2650_062, 0, "-|-|", 0},
-        {"module refuses the identity context", kServerContext, SEC_F_IDCTX_SECCTX, {},
-         [](qvtest::TestMpm &m) { m.behaviour(QVTEST_MPM_CREATE_ID_CONTEXT).maj_stat = 9; }, 3, 0, 0, "-|-|", 1},
-        {"empty client name after the module's context", kServerContext, SEC_F_IDCTX_SECCTX, {},
-         [](qvtest::TestMpm &m) { m.behaviour(QVTEST_MPM_GET_CLIENT_NAME).name_len = 0; }, 22, MSG_2650_067, 0,
-         "-|-|", 1},
-        {"unauthenticated CIDB", kCidb, SEC_F_IDCTX_CIDB, Bytes{SEC_BUF_CIDB, 1} + qvtest::kCidbNode + be32(0) + be32(0),
-         nullptr, 0, 0, kUnauthId, "-|-|", 0},
-        {"CIDB without mapping: the module maps", kCidb, SEC_F_IDCTX_CIDB, cidb(kCodeA, 0x200, alice), nullptr, 0, 0,
-         kMappedId, "alice|qvtest_user|", 2},
-        {"CIDB with mapping: taken as carried", kCidb, SEC_F_IDCTX_CIDB, cidb(kCodeA, 0x400200, carried), nullptr, 0,
-         0, kMappedId, "alice|bob|g1/3", 2},
-        {"CIDB with L2 = 0: no mapped name", kCidb, SEC_F_IDCTX_CIDB, cidb(kCodeA, 0x400200, alice + be16(0)),
-         nullptr, 0, 0, kMappedId, "alice|-|", 2},
-        {"CIDB with mapping, forced: the module maps", kCidb, SEC_F_IDCTX_CIDB | SEC_F_IDCTX_FORCE_MAP,
-         cidb(kCodeA, 0x400200, carried), nullptr, 0, 0, kMappedId, "alice|qvtest_user|", 2},
-        {"CIDB with mapping, no mapping asked", kCidb, SEC_F_IDCTX_CIDB | SEC_F_IDCTX_NO_MAP,
-         cidb(kCodeA, 0x400200, carried), nullptr, 0, 0, kMappedId, "alice|bob|g1/3", 2},
-        {"CIDB without mapping, no mapping asked", kCidb, SEC_F_IDCTX_CIDB | SEC_F_IDCTX_NO_MAP,
-         cidb(kCodeA, 0x200, alice), nullptr, 0, 0, kPlainId, "alice|-|", 2},
-        {"host-local CIDB of this host", kCidb, SEC_F_IDCTX_CIDB, cidb(kCodeB, 0x600, alice), nullptr, 0, 0,
-         kMappedId, "alice|qvtest_user|", 2},
-        {"host-local CIDB of another host", kCidb, SEC_F_IDCTX_CIDB,
-         cidb(kCodeA, 0x600, alice, Bytes{0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10}), nullptr, 31,
-         MSG_2650_087, 0, "-|-|", 0},
-        {"CIDB of an unconfigured mechanism", kCidb, SEC_F_IDCTX_CIDB, cidb(0x777, 0x200, alice), nullptr, 8,
-         MSG_2650_070, 0, "-|-|", 0},
-        {"CIDB cut short", kCidb, SEC_F_IDCTX_CIDB, cidb(kCodeA, 0x200, be16(6) + text("ali")), nullptr, 7,
-         MSG_2650_005, 0, "-|-|", 0},
-        // The first failure is the one reported, not the ending's.
-        {"mapping fails after the module's context", kCidb, SEC_F_IDCTX_CIDB, cidb(kCodeA, 0x200, alice),
-         [](qvtest::TestMpm &m) {
-             m.behaviour(QVTEST_MPM_GET_MAPPED_NAME).maj_stat = 9;
-             m.behaviour(QVTEST_MPM_END_CONTEXT).maj_stat = 5;
-         },
-         3, 0, 0, "-|-|", 2},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.what);
-        m_.reset();
-        m2_.reset();
+// The second answer reaches the caller: a 255-byte name and a typed id (an
+// empty answer is refused by the same check as a first one, identity_test's).
+TEST_F(IdentityRetry, AnswerFromTheSecondCall) {
+    for (int routine : {QVTEST_MPM_GET_CLIENT_NAME, QVTEST_MPM_GET_CLIENT_ID}) {
+        mpm_.reset();
+        char *name = nullptr;
+        sec_buffer_desc id{0, nullptr};
         sec_status_desc st{};
-        Exchange &ex = establish(mech_list(row.source == kUnauthContext ? std::vector<qv_uint32_t>{}
-                                                                         : std::vector<qv_uint32_t>{kCodeA}));
-        void *in = ex.server_ctx;
-        sec_token_t given_identity = nullptr;
-        if (row.source == kIdentityContext) {
-            ASSERT_EQ(sec_create_id_context(&st, server_svc_, SEC_F_IDCTX_SECCTX, ex.server_ctx, &given_identity), 0);
-            in = given_identity;
-        }
-        View buffer(row.cidb);
-        if (row.source == kCidb) in = buffer.get();
-        m_.reset();
-        m2_.reset();
-        if (row.setup) row.setup(m_);
-        cu_set_no_error_1();
-        sec_token_t made = reinterpret_cast<sec_token_t>(&st);
-        qv_int32_t rc = sec_create_id_context(&st, server_svc_, row.flags, in, &made);
-        EXPECT_EQ(rc, row.rc);
-        qvtest::TestMpm &m = row.cidb.size() > 13 && row.cidb[13] == kCodeB ? m2_ : m_;
-        EXPECT_EQ(m.calls(QVTEST_MPM_CREATE_ID_CONTEXT), row.mode != 0 ? 1u : 0u);
-        EXPECT_EQ(m.record(QVTEST_MPM_CREATE_ID_CONTEXT).args[0], static_cast<uintptr_t>(row.mode));
-        EXPECT_STREQ(m.record(QVTEST_MPM_CREATE_ID_CONTEXT).str[0], row.mode == 2 ? "alice" : "");
-        EXPECT_EQ(st.maj_stat, rc == SEC_S_MPM_FAILURE ? 9u : 0u);
-        EXPECT_EQ(rc == 0 || rc == SEC_S_MPM_FAILURE ? row.msg : qvtest::current_error().msg_num, row.msg);
-        const auto *t = static_cast<const sec_ctx_token_desc *>(made);
-        EXPECT_EQ(t != nullptr ? t->state : 0u, row.state);
-        EXPECT_EQ(t != nullptr ? qvtest::privset_text(t->privset) : "-|-|", row.set);
-        EXPECT_EQ(sec_end_context(&st, made, nullptr), 0);
-        EXPECT_EQ(sec_end_context(&st, given_identity, nullptr), 0);
-        m_.reset();
-        m2_.reset();
-        end_contexts();
-        ex_ = Exchange{};
+        bool by_name = routine == QVTEST_MPM_GET_CLIENT_NAME;
+        const std::string answer = by_name ? std::string(255, 'n') : "xyz";
+        ASSERT_EQ(run(routine, answer, by_name ? &name : nullptr, by_name ? nullptr : &id, st), 0);
+        EXPECT_EQ(mpm_.calls(routine), 2u);
+        EXPECT_EQ(st.maj_stat, 0u);
+        EXPECT_EQ(by_name ? std::string(name) : qvtest::to_hex(static_cast<uint8_t *>(id.value), id.length),
+                  by_name ? answer : "830200010002" "78797a");
+        sec_release_name(name);
+        sec_release_buffer(&id);
     }
 }
+
+// (sec_create_id_context's sources and mapping flags run in the end-to-end
+// test, through the real module on this host and another; its refusals are
+// contract_test's.)
 
 // ---- CIDBs ----
 
@@ -444,8 +380,6 @@ TEST_F(Cidb, EachShapeIsWrittenAndReadByteForByte) {
          head(0x00010002, 0x600) + field("alice"), "alice|-|"},
         {"mapping asked, none: L2 = 0 ends", 0x12, SEC_CIDB_F_MAPPING, {alice, nullptr, 2, groups},
          head(0x12, 0x400200) + field("alice") + be16(0), "alice|-|"},
-        {"mapped name without groups", 0x12, SEC_CIDB_F_MAPPING, {alice, bob, 0, nullptr},
-         head(0x12, 0x400200) + field("alice") + field("bob") + be32(0), "alice|bob|"},
         {"a count without its groups is no groups", 0x12, SEC_CIDB_F_MAPPING, {alice, bob, 2, nullptr},
          head(0x12, 0x400200) + field("alice") + field("bob") + be32(0), "alice|bob|"},
         {"mapped name and groups", 0x12, SEC_CIDB_F_MAPPING | SEC_CIDB_F_HOST_LOCAL, {alice, bob, 2, groups},
@@ -484,25 +418,18 @@ TEST_F(Cidb, ReaderVerdicts) {
         qv_int32_t rc;
         const char *back;
     } rows[] = {
-        {"17 bytes", cut(unauth, 17), 7, "-|-|"},
         {"another buffer type", Bytes{SEC_BUF_SEAL} + cut(unauth, 17), 7, "-|-|"},
         {"unauthenticated, bytes beyond the 18 ignored", unauth + Bytes{1, 2, 3}, 0, "-|-|"},
-        {"authenticated, 21 bytes", cut(head(0x12, 0x200), 21), 7, "-|-|"},
         {"authenticated flag missing", head(0x12, 0x400000) + field("alice"), 7, "-|-|"},
-        {"no room for L1", head(0x12, 0x200) + Bytes{0}, 7, "-|-|"},
         {"L1 = 1", head(0x12, 0x200) + be16(1) + Bytes{0}, 7, "-|-|"},
         {"name without its NUL", head(0x12, 0x200) + be16(5) + text("alice"), 7, "-|-|"},
         // "admin" with a tail would otherwise be read as "admin".
         {"NUL inside the name", head(0x12, 0x200) + be16(8) + text("admin") + Bytes{0, 'x', 0}, 7, "-|-|"},
         {"version and reserved word as found", odd_version, 0, "alice|-|"},
-        {"L2 = 0 ends the buffer", head(0x12, 0x400200) + field("alice") + be16(0), 0, "alice|-|"},
-        {"mapping flag, L2 missing", head(0x12, 0x400200) + field("alice"), 7, "-|-|"},
-        {"group count missing", mapped, 7, "-|-|"},
         {"group count beyond the bytes", mapped + be32(0x7fffffff) + field("g1"), 7, "-|-|"},
         {"group name runs past the end", mapped + be32(2) + field("g1") + be16(9) + text("sta"), 7, "-|-|"},
         {"empty group name without NUL", mapped + be32(1) + be16(0), 7, "-|-|"},
         {"name not UTF-8", head(0x12, 0x200) + be16(3) + Bytes{0xc3, 0x28, 0}, SEC_S_CODESET, "-|-|"},
-        {"groups read", mapped + be32(1) + field("wheel"), 0, "alice|bob|wheel/6"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.what);
@@ -514,28 +441,15 @@ TEST_F(Cidb, ReaderVerdicts) {
     }
 }
 
-// A full CIDB cut anywhere, and each of its length fields bent to values
-// around and far from the truth: each read is refused with code 7 or read
-// within the bytes given (decode() copies to a block of exact size), and a
-// refusal hands nothing out.
-TEST_F(Cidb, EveryCutAndBentLengthIsRefusedOrReadInBounds) {
+// A full CIDB cut anywhere is refused with code 7 and hands nothing out
+// (decode() copies to a block of exact size; bent lengths are the CIDB
+// fuzzer's).
+TEST_F(Cidb, EveryCutIsRefused) {
     const Bytes full = head(0x12, 0x400200) + field("alice") + field("bob") + be32(2) + field("g1") + field("staff");
     for (size_t n = 0; n < full.size(); ++n) {
         auto d = decode(cut(full, n));
         EXPECT_EQ(d->rc, SEC_S_BAD_BUFFER) << "cut at " << n;
         EXPECT_EQ(d->text(), "-|-|");
-    }
-    // Offsets of L1, L2, G and the two group lengths; G is four bytes.
-    const size_t l1 = 22, l2 = l1 + 2 + 6, g = l2 + 2 + 4, lg1 = g + 4, lg2 = lg1 + 2 + 3;
-    for (size_t at : {l1, l2, g + 2, lg1, lg2}) {
-        for (unsigned v : {0u, 1u, 2u, 3u, 5u, 6u, 7u, 0x80u, 0xffu, 0x100u, 0xffffu}) {
-            Bytes b = full;
-            b[at] = static_cast<uint8_t>(v >> 8);
-            b[at + 1] = static_cast<uint8_t>(v);
-            auto d = decode(b);
-            EXPECT_TRUE(d->rc == 0 || d->rc == SEC_S_BAD_BUFFER) << "field at " << at << " = " << v << ": " << d->rc;
-            EXPECT_EQ(d->rc != 0 ? d->text() : "-|-|", "-|-|");
-        }
     }
 }
 
