@@ -280,9 +280,7 @@ struct Window {
 [[gnu::always_inline]] inline __m128i load16(const uint8_t *p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
 }
-#endif
 
-#if defined(__SSE2__)
 // Where the pass stands: the next entry, the identifier before it (the
 // caller's entries so far are ascending), the entries counted, the copy.
 struct Cursor {
@@ -292,15 +290,6 @@ struct Cursor {
     Copier copy;
 };
 
-// The tight inner loops of the pass, out of line so that the compiler keeps
-// their variables in registers. Each runs entries as sec_create_acle makes
-// them (17 bytes or more, the identifier's NUL followed by two zero bytes)
-// that end by fast_end and whose first 16 bytes show them above the
-// identifier before, copying as it goes when Copying, and stops before the
-// first entry that needs the full step. Two entries per round, so that the
-// copy moves twice as much half as often. Before the place, each entry must
-// also be below the key (q: the prefix the key shares with the identifier
-// before, moved on here).
 // The new entry's identifier, for the rare comparisons with it in the tight
 // loops (out of line there: it keeps their registers free).
 struct Key {
@@ -312,6 +301,15 @@ struct Key {
     return split(id, room, key->id, key->room, from);
 }
 
+// The tight inner loops of the pass, out of line so that the compiler keeps
+// their variables in registers. Each runs entries as sec_create_acle makes
+// them (17 bytes or more, the identifier's NUL followed by two zero bytes)
+// that end by fast_end and whose first 16 bytes show them above the
+// identifier before, copying as it goes when Copying, and stops before the
+// first entry that needs the full step. Two entries per round, so that the
+// copy moves twice as much half as often. Before the place, each entry must
+// also be below the key (q: the prefix the key shares with the identifier
+// before, moved on here).
 template <bool Copying, bool BeforePlace>
 [[gnu::always_inline]] inline Cursor run(Cursor k, const uint8_t *fast_end, const Key *key, size_t &q) {
     const uint8_t *e = k.e;
