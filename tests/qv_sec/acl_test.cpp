@@ -300,10 +300,15 @@ TEST(AclEdit, AllocationFailuresLeaveTheBuffer) {
     auto sub = [](const char *first, const char *second, size_t pad) {
         return acl_of({{3, 1, {entry(3, 1, 1, first, pad), entry(3, 1, 1, second, pad)}}});
     };
+    // Long enough for the pass's tight loops, which copy into the new buffer.
+    std::vector<Bytes> run;
+    for (char c = 'a'; c <= 'p'; ++c) run.push_back(entry(3, 1, 1, std::string(2, c)));
+    const Bytes long_sub = acl_of({{3, 1, run}});
     const std::vector<std::tuple<Bytes, bool, Bytes>> rows = {
         {sub("a", "c", 2), true, entry(3, 1, 2, "b")},  {sub("a", "c", 2), true, entry(4, 1, 2, "b")},
         {sub("a", "c", 2), false, entry(3, 1, 2, "c")}, {sub("c", "a", 2), true, entry(3, 1, 2, "b")},
-        {sub("c", "a", 1), false, entry(3, 1, 0, "a", 1)}, {{}, true, entry(3, 1, 2, "b")}};
+        {sub("c", "a", 1), false, entry(3, 1, 0, "a", 1)}, {{}, true, entry(3, 1, 2, "b")},
+        {long_sub, true, entry(3, 1, 2, "ab")}};
     for (const auto &[acl, add, bytes] : rows) {
         Acl a(acl), b(acl);
         Entry e(bytes);
