@@ -172,6 +172,9 @@ TEST(AclEdit, FailuresLeaveTheBufferAsItWas) {
         return b;
     };
     const Bytes dup = acl_of({{3, 1, {entry(3, 1, 1, "b"), entry(3, 1, 1, "a"), entry(3, 1, 2, "b")}}});
+    // Out of order, so the pass has settled the order when the third entry overruns.
+    Bytes unsorted_overrun = acl_of({{3, 1, {entry(3, 1, 1, "c"), entry(3, 1, 1, "a"), entry(3, 1, 1, "e")}}});
+    unsorted_overrun[36 + 2 * 18 + 3] = 0x40;
     struct Case {
         Bytes acl;
         bool add;
@@ -189,6 +192,7 @@ TEST(AclEdit, FailuresLeaveTheBufferAsItWas) {
         {at(31, 8), false, entry(4, 1, 0, "g"), 6, MSG_2650_038, ""},              // next offset
         {at(39, 0x40), false, entry(3, 1, 0, "a"), 6, MSG_2650_038, ""},           // entry overruns
         {at(35, 3), true, entry(3, 1, 0, "b"), 6, MSG_2650_038, ""},               // count
+        {unsorted_overrun, true, entry(3, 1, 0, "b"), 6, MSG_2650_038, ""},
         {Bytes(abc.begin(), abc.begin() + 9), true, entry(3, 1, 0, "b"), 6, MSG_2650_038, ""},
         {abc, true, Bytes{0, 0, 0, 16, 0, 0, 0, 1, 0, 0, 0, 1, 0, 3, 'x', 'y'}, 4, MSG_2650_031, "sec_add_acle_to_acl,1"},
     };
