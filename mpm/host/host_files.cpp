@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "cancel_state.h"
 #include "host_files.h"
 
 namespace qvhost {
