@@ -1,5 +1,5 @@
-// What the identity tests share: CIDB bytes built by hand, a privilege set
-// in one line, and a context token built by hand around the test module.
+// What the identity and ACL tests share: a context token built by hand
+// around the test module.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,31 +10,6 @@
 #include "mpm_test_fixture.h"
 
 namespace qvtest {
-
-using ctxtest::operator+;
-
-// CIDB bytes built by hand from the layout: this test's node ID, a name
-// field (length with the NUL, then the bytes and the NUL), and the header of
-// an authenticated CIDB of version 1.
-inline const ctxtest::Bytes kCidbNode{0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef};
-inline ctxtest::Bytes be16(unsigned v) { return {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)}; }
-inline ctxtest::Bytes cidb_field(const std::string &s) {
-    return be16(static_cast<unsigned>(s.size() + 1)) + ctxtest::text(s) + ctxtest::Bytes{0};
-}
-inline ctxtest::Bytes cidb_head(qv_uint32_t mech, qv_uint32_t flags, const ctxtest::Bytes &node = kCidbNode) {
-    return ctxtest::Bytes{SEC_BUF_CIDB, 1} + node + ctxtest::be32(mech) + ctxtest::be32(flags) +
-           ctxtest::Bytes{0, 0, 0, 0};
-}
-
-// A privilege set as one line, "name|mapped name|group/length,...", with "-"
-// for a NULL name: what a table row states in one column.
-inline std::string privset_text(const sec_privset_info_desc &ps) {
-    auto str = [](const void *p) { return p != nullptr ? std::string(static_cast<const char *>(p)) : std::string("-"); };
-    std::string s = str(ps.name) + "|" + str(ps.mname) + "|";
-    for (int i = 0; i < ps.gcount && ps.groups != nullptr; ++i)
-        s += (i > 0 ? "," : "") + str(ps.groups[i].value) + "/" + std::to_string(ps.groups[i].length);
-    return s;
-}
 
 // A completed, authenticated server-side context token built by hand around
 // the test module's context handle; teardown checks that every module handle
