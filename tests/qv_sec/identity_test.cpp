@@ -446,16 +446,4 @@ TEST_F(Cidb, ReaderVerdicts) {
     }
 }
 
-// A full CIDB cut anywhere is refused with code 7 and hands nothing out
-// (decode() copies to a block of exact size; bent lengths are the CIDB
-// fuzzer's).
-TEST_F(Cidb, EveryCutIsRefused) {
-    const Bytes full = head(0x12, 0x400200) + field("alice") + field("bob") + be32(2) + field("g1") + field("staff");
-    for (size_t n = 0; n < full.size(); ++n) {
-        auto d = decode(cut(full, n));
-        EXPECT_EQ(d->rc, SEC_S_BAD_BUFFER) << "cut at " << n;
-        EXPECT_EQ(d->text(), "-|-|");
-    }
-}
-
 }  // namespace
