@@ -164,19 +164,6 @@ TEST_F(ClientContext, WalkOverTheSharedList) {
     }
 }
 
-TEST_F(ClientContext, GivenTokenMustBeAnUnusedSocketToken) {
-    uint32_t not_a_token[16] = {1, 2, 3};
-    sec_token_t given = not_a_token;
-    EXPECT_EQ(start(mech_list({kCodeA}), &given), SEC_S_BAD_TOKEN);
-    EXPECT_EQ(given, static_cast<sec_token_t>(not_a_token));  // not a context token: left alone
-    EXPECT_EQ(not_a_token[1], 2u);
-    ASSERT_EQ(start(mech_list({kCodeA})), 0);
-    sec_token_t used = std::exchange(ctx_, nullptr);
-    EXPECT_EQ(start(mech_list({kCodeA}), &used), SEC_S_BAD_TOKEN);  // destroyed like any failed start's
-    EXPECT_EQ(last_message(), MSG_2650_003);
-    EXPECT_EQ(used, nullptr);
-}
-
 // A token from sec_setup_socket: the module is told about the socket, and
 // the socket file goes with the token, also when the start fails.
 TEST_F(ClientContext, SocketPreparedTokens) {
@@ -301,19 +288,30 @@ TEST_F(Refused, EveryRowEndsTheContext) {
     }
 }
 
-TEST_F(ServerContext, GivenTokenThatIsNotAcceptableIsLeftAlone) {
+// A token given to a start or an acceptance must be an unused one from
+// sec_setup_socket: anything else is refused and left alone, but for a
+// used context token, which is destroyed like any failed start's.
+TEST_F(ServerContext, GivenTokenMustBeUnused) {
     sec_ctx_token_desc fresh{};
     std::memcpy(&fresh.magic, "tnoc", 4);  // a context token that never exchanged anything
     sec_ctx_token_desc idle = fresh;
     idle.state = SEC_CTX_S_SOCKET | 0x1u;
-    uint32_t garbage[16] = {7};
+    uint32_t garbage[16] = {7, 2};
     for (void *given : {static_cast<void *>(&fresh), static_cast<void *>(&idle), static_cast<void *>(garbage)}) {
         ctx_ = given;
         EXPECT_EQ(receive(ccdb(kCodeA, 1, 1, text("c"))), SEC_S_BAD_TOKEN);
         EXPECT_EQ(ctx_, given);
     }
     EXPECT_EQ(fresh.magic, SEC_CTX_TOKEN_MAGIC);
+    ctx_ = garbage;
+    EXPECT_EQ(start(mech_list({kCodeA}), &ctx_), SEC_S_BAD_TOKEN);
+    EXPECT_EQ(ctx_, static_cast<sec_token_t>(garbage));
+    EXPECT_EQ(garbage[1], 2u);
     ctx_ = nullptr;
+    ASSERT_EQ(start(mech_list({kCodeA})), 0);
+    EXPECT_EQ(start(mech_list({kCodeA}), &ctx_), SEC_S_BAD_TOKEN);
+    EXPECT_EQ(last_message(), MSG_2650_003);
+    EXPECT_EQ(ctx_, nullptr);
 }
 
 // After sec_login_as_service, a module that was not logged in then (B,
