@@ -430,8 +430,12 @@ protected:
     }
 };
 
-void client_waits(M &a) { continues<kStartCtx>(a); }
-void server_asks(M &a) { a.behaviour(kReceive).maj_stat = SEC_S_UNAUTHENTICATED; }
+// The client's module waits for an answer; the server's asks for no
+// authentication.
+void forced(M &a, M &) {
+    continues<kStartCtx>(a);
+    a.behaviour(kReceive).maj_stat = SEC_S_UNAUTHENTICATED;
+}
 
 // Who asks for an unauthenticated context and who may refuse it: the
 // client with an empty list, a module on either side, a server that forces
@@ -460,26 +464,18 @@ TEST_F(Unauthenticated, WhoAsksAndWhoRefuses) {
          kUnauth, 0, {U}, 0, 1, true},
         {"client module asks, imposed refuse", "qvtest qvtest2", {kCodeB, kCodeA},
          [](M &, M &b) { b.behaviour(kStartCtx).maj_stat = kUnauth; }, kRefused, -1, {}, MSG_2650_086, -1, false},
-        {"server forces a waiting client", nullptr, {kCodeA},
-         [](M &a, M &) {
-             client_waits(a);
-             server_asks(a);
-         },
-         kUnauth, 0, {waiting, U}, MSG_SERVER_FORCES_UNAUTH, 1, true},
-        {"server module asks, client done", nullptr, {kCodeA}, [](M &a, M &) { server_asks(a); }, 0, 0,
-         {ccdb(kCodeA, 1, 0, kClientToken)}, 0, -1, true},
-        {"forced client, imposed refuse", "qvtest", {kCodeA},
-         [](M &a, M &) {
-             client_waits(a);
-             server_asks(a);
-         },
-         kRefused, 0, {waiting, U}, MSG_2650_086, -1, true},
+        {"server forces a waiting client", nullptr, {kCodeA}, forced, kUnauth, 0, {waiting, U},
+         MSG_SERVER_FORCES_UNAUTH, 1, true},
+        {"server module asks, client done", nullptr, {kCodeA},
+         [](M &a, M &) { a.behaviour(kReceive).maj_stat = kUnauth; }, 0, 0, {ccdb(kCodeA, 1, 0, kClientToken)}, 0,
+         -1, true},
+        {"forced client, imposed refuse", "qvtest", {kCodeA}, forced, kRefused, 0, {waiting, U}, MSG_2650_086, -1,
+         true},
         {"server module asks after the first round", nullptr, {kCodeA},
          [](M &a, M &) {
-             client_waits(a);
+             forced(a, a);
              a.behaviour(kComplete).continue_rounds = 2;
              a.behaviour(kReceive).continue_rounds = 1;
-             server_asks(a);
          },
          1, SEC_S_BAD_MPM, {waiting, ccdb(kCodeA, 1, 1, kServerToken), ccdb(kCodeA, 2, 1, text("qvtest-client-more"))},
          MSG_2650_029, -1, false},
@@ -528,10 +524,7 @@ TEST_F(Unauthenticated, RefusalFollowsTheServersImposedMechanisms) {
             restart_server();
             unsetenv("QV_SEC_IMP_MECHS");
             m_.reset();
-            if (module_asks) {
-                client_waits(m_);
-                server_asks(m_);
-            }
+            if (module_asks) forced(m_, m_);
             ex_ = Exchange{};
             Exchange &ex = establish(module_asks ? mech_list({kCodeA}) : mech_list({}));
             EXPECT_EQ(ex.client_rc, module_asks ? (refuses ? 1 : SEC_S_UNAUTHENTICATED) : SEC_S_UNAUTHENTICATED);
