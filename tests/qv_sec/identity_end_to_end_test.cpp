@@ -69,20 +69,16 @@ std::set<std::string> groups_from_file() {
     return out;
 }
 
-// sec_get_client_groups with its size protocol: ask with 0 bytes, learn the
-// size from code 6, ask again with that much.
+// The identity context's groups (the size protocol is identity_test's), or
+// none when it has no privilege set.
 std::set<std::string> client_groups(sec_token_t id, bool mapped) {
-    qv_int32_t count = 0;
+    std::vector<sec_buffer_desc> buf(256);
+    qv_int32_t count = static_cast<qv_int32_t>(buf.size() * sizeof(sec_buffer_desc));
     sec_buffer_t groups = nullptr;
-    EXPECT_EQ(sec_get_client_groups(id, nullptr, &count, &groups), mapped ? SEC_S_NO_MEMORY : SEC_S_NO_PRIVSET);
-    EXPECT_EQ(last_message(), mapped ? MSG_2650_064 : MSG_2650_065);
-    if (!mapped) return {};
-    std::vector<sec_buffer_desc> buf(static_cast<size_t>(count) / sizeof(sec_buffer_desc) + 1);
-    count = static_cast<qv_int32_t>(buf.size() * sizeof(sec_buffer_desc));
-    EXPECT_EQ(sec_get_client_groups(id, reinterpret_cast<char *>(buf.data()), &count, &groups), 0);
-    EXPECT_EQ(groups, buf.data());
+    EXPECT_EQ(sec_get_client_groups(id, reinterpret_cast<char *>(buf.data()), &count, &groups),
+              mapped ? 0 : SEC_S_NO_PRIVSET);
     std::set<std::string> out;
-    for (qv_int32_t i = 0; i < count; ++i) {
+    for (qv_int32_t i = 0; mapped && i < count; ++i) {
         out.insert(static_cast<char *>(buf[i].value));
         EXPECT_EQ(buf[i].length, static_cast<qv_int32_t>(strlen(static_cast<char *>(buf[i].value)) + 1));
         free(buf[i].value);
