@@ -31,10 +31,6 @@ Bytes list_bytes(const Codes &codes, uint8_t version = 1) {
     return b;
 }
 
-void set_env(const char *name, const char *value) {
-    if (value) setenv(name, value, 1); else unsetenv(name);
-}
-
 class MechanismLists : public qvtest::MpmFixture {
 protected:
     void SetUp() override {
@@ -60,19 +56,19 @@ protected:
 TEST_F(MechanismLists, ClientOffer) {
     qvtest::SecBuffer l;
     qv_int32_t count = -1;
-    set_env(kEnvImposedMechs, "alpha seventeen-chars-x");
+    setenv(kEnvImposedMechs, "alpha seventeen-chars-x", 1);
     EXPECT_EQ(sec_get_auth_methods(l.get(), &count), 8);
     EXPECT_EQ(last_message(), MSG_2650_076);
     EXPECT_TRUE(l.empty());
     EXPECT_EQ(count, 0);
-    set_env(kEnvImposedMechs, nullptr);
+    unsetenv(kEnvImposedMechs);
 
     // Asking for no authentication needs no configuration; anything else does.
     configure("");
-    set_env(kEnvPreferredMech, "none");
+    setenv(kEnvPreferredMech, "none", 1);
     EXPECT_EQ(sec_get_auth_methods(l.get(), &count), 0);
     EXPECT_EQ(l.take(), list_bytes({}));
-    set_env(kEnvPreferredMech, nullptr);
+    unsetenv(kEnvPreferredMech);
     EXPECT_EQ(sec_get_auth_methods(l.get(), &count), 21);
     EXPECT_TRUE(l.empty());
 }
