@@ -80,7 +80,6 @@ TEST(IdentityMapping, LibraryLookupFailures) {
         // A shorter list would drop the groups an access entry denies.
         {"group lookup out of memory", me, -1, 0, ENOMEM, 6, MSG_2650_004, false},
         {"group lookup fails", me, -1, 0, EIO, 23, MSG_2650_034, false},
-        {"empty name", "", 1, 0, 0, 4, MSG_2650_060, false},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.what);
