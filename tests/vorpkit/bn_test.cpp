@@ -420,11 +420,10 @@ TEST(BigNumber, ErrorsAndDocumentedEdges) {
         EXPECT_TRUE(well_formed(b.p));
         EXPECT_EQ(value(b.p), hex(row.want)) << row.v << " " << row.signum;
     }
-    // Zero never carries a sign: -3 + 3, -3 * 0, (-3) >> 2, changeSign(1, 0).
-    Bn three(make(3));
-    Bn s(bn_add(minus.p, three.p, nullptr)), p(bn_multiply(minus.p, zero.p, nullptr)),
-        r(bn_shiftRight(minus.p, 2, nullptr)), n(bn_changeSign(1, zero.p, nullptr)), t(bn_fromString("-0", 10, nullptr));
-    for (bignum_tc z : {s.p, p.p, r.p, n.p, t.p}) {
+    // Zero never carries a sign (sums, products and shifts that give zero are
+    // in the generated cases).
+    Bn n(bn_changeSign(1, zero.p, nullptr)), t(bn_fromString("-0", 10, nullptr));
+    for (bignum_tc z : {n.p, t.p}) {
         EXPECT_TRUE(well_formed(z));
         EXPECT_EQ(z[2], 0u);
     }
