@@ -1,5 +1,6 @@
 // What the fuzz targets share: the standard headers they use, byte helpers,
-// and the common shape of the entry point.
+// an input cursor, an owner of library objects, and the common shape of the
+// entry point.
 #pragma once
 
 #include <cstddef>
@@ -24,6 +25,44 @@ template <typename Buffer>
 Buffer view(Bytes &v) {
     return Buffer{static_cast<decltype(Buffer::length)>(v.size()), v.empty() ? nullptr : v.data()};
 }
+
+// Stops the run: a target's check failed.
+inline void check(bool ok) {
+    if (!ok) __builtin_trap();
+}
+
+// Fields taken from the front of an input. Past its end byte() gives 0,
+// bytes() fewer bytes and padded() zeros.
+struct Cursor {
+    const uint8_t *p;
+    size_t left;
+    uint8_t byte() { return left ? (--left, *p++) : 0; }
+    Bytes bytes(size_t n) {
+        n = n < left ? n : left;
+        Bytes out(p, p + n);
+        p += n;
+        left -= n;
+        return out;
+    }
+    Bytes padded(size_t n) {
+        Bytes out = bytes(n);
+        out.resize(n);
+        return out;
+    }
+    Bytes rest() { return bytes(left); }
+};
+
+// Owns a library object through its release routine; `p` may be given as
+// an output slot.
+template <typename T, void (*Release)(T)>
+struct Owned {
+    T p{};
+    Owned() = default;
+    explicit Owned(T q) : p(q) {}
+    Owned(const Owned &) = delete;
+    Owned &operator=(const Owned &) = delete;
+    ~Owned() { Release(p); }
+};
 
 }  // namespace qvfuzz
 

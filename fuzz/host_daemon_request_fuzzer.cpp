@@ -2,14 +2,12 @@
 // send them) and as the header of its response. A complete request must
 // encode back to exactly the bytes it was read from.
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <span>
-#include <vector>
 
 #include "daemon_protocol.h"
+#include "fuzz_support.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+QV_FUZZ_TARGET(SIZE_MAX) {
     std::span<const std::uint8_t> bytes(data, size);
     qvhost::AssertionRequest req;
     std::size_t used = 0;
@@ -25,5 +23,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             body_len > qvhost::kMaxResponseBody)
             __builtin_trap();
     }
-    return 0;
 }

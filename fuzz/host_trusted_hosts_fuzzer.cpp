@@ -1,14 +1,12 @@
 // Parses arbitrary text as a trusted-hosts file and as a host key file. Every
 // key the trusted-hosts reader accepts must come back unchanged through the
 // line that `qvsec host trust` would write for it.
-#include <cstddef>
-#include <cstdint>
-#include <string>
 #include <string_view>
 
+#include "fuzz_support.h"
 #include "host_trust.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+QV_FUZZ_TARGET(SIZE_MAX) {
     std::string_view text(reinterpret_cast<const char *>(data), size);
     qvhost::TrustedHosts trusted;
     std::string why;
@@ -26,5 +24,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     qvhost::HostKey key;
     if (qvhost::parse_host_key(text, key, why) && !key.loaded) __builtin_trap();
-    return 0;
 }

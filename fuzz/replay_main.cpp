@@ -7,11 +7,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
@@ -26,11 +25,9 @@ bool run_file(const std::filesystem::path &p) {
         return false;
     }
     std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    auto *copy = static_cast<uint8_t *>(std::malloc(bytes.empty() ? 1 : bytes.size()));
-    if (copy == nullptr) return false;
-    if (!bytes.empty()) std::memcpy(copy, bytes.data(), bytes.size());
-    LLVMFuzzerTestOneInput(copy, bytes.size());
-    std::free(copy);
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[bytes.size()]);
+    std::copy(bytes.begin(), bytes.end(), copy.get());
+    LLVMFuzzerTestOneInput(copy.get(), bytes.size());
     return true;
 }
 

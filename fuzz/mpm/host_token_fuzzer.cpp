@@ -7,13 +7,9 @@
 // fields, so the checks after the signature run too.
 #include <sodium.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <algorithm>
-#include <cstring>
-#include <string>
-#include <vector>
 
+#include "../fuzz_support.h"
 #include "host_mech.h"
 
 namespace {
@@ -43,38 +39,28 @@ Fixed &fixed() {
 
 constexpr std::int64_t kNow = 1700000000;
 
-// Strings and numbers taken from the front of the input.
-struct Cursor {
-    std::span<const uint8_t> in;
-    uint8_t byte() {
-        if (in.empty()) return 0;
-        uint8_t b = in[0];
-        in = in.subspan(1);
-        return b;
-    }
-    // 1 to 16 letters and digits: a name that passes the format's checks,
-    // so that the checks after the signature are reached.
-    std::string text() {
-        size_t n = 1 + byte() % 16;
-        std::string s;
-        for (size_t i = 0; i < n; ++i) s += "abcdefghijklmnopqrstuvwxyz0123456789"[byte() % 36];
-        return s;
-    }
-};
+// 1 to 16 letters and digits: a name that passes the format's checks, so
+// that the checks after the signature are reached.
+std::string text(qvfuzz::Cursor &c) {
+    size_t n = 1 + c.byte() % 16;
+    std::string s;
+    for (size_t i = 0; i < n; ++i) s += "abcdefghijklmnopqrstuvwxyz0123456789"[c.byte() % 36];
+    return s;
+}
 
 void check_signed(std::span<const uint8_t> in) {
-    Cursor c{in};
+    qvfuzz::Cursor c{in.data(), in.size()};
     qvhost::Assertion a;
     a.flags = c.byte() & 1;
     a.key_id = qvhost::key_id_of(fixed().key.public_key);
     a.not_before = kNow - c.byte();
     a.expiry = std::max<std::int64_t>(a.not_before, kNow + c.byte() - 64);
     a.uid = c.byte();
-    a.user = c.text();
-    a.host = (c.byte() & 1) != 0 ? "hostb" : c.text();
+    a.user = text(c);
+    a.host = (c.byte() & 1) != 0 ? "hostb" : text(c);
     a.node_id = (c.byte() & 1) != 0 ? 0x1122334455667788ULL : 1;
-    a.peer_service = c.text();
-    a.peer_host = c.text();
+    a.peer_service = text(c);
+    a.peer_host = text(c);
     const uint8_t flip = c.byte();
     std::vector<uint8_t> token = write_client_token(0, qvhost::sign_assertion(a, fixed().key));
     if (flip != 0) token[flip % token.size()] ^= static_cast<uint8_t>(flip | 1);
@@ -93,10 +79,10 @@ void check_signed(std::span<const uint8_t> in) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size == 0) return 0;
+QV_FUZZ_TARGET(SIZE_MAX) {
+    if (size == 0) return;
     Fixed &f = fixed();
-    const std::vector<uint8_t> in(data + 1, data + size);
+    std::vector<uint8_t> in(data + 1, data + size);
     qv_uint32_t minor = 0;
     switch (data[0] % 6) {
     case 0: {
@@ -124,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     case 3: check_signed(in); break;
     case 4: {
-        sec_buffer_desc id{static_cast<qv_int32_t>(in.size()), in.empty() ? nullptr : const_cast<uint8_t *>(in.data())};
+        sec_buffer_desc id = qvfuzz::view<sec_buffer_desc>(in);
         qv_uint32_t rc = mpm_login_as_user(&minor, &id, nullptr, 0, f.service);
         if (rc != kOk && rc != kNotPermitted && rc != kBadToken) __builtin_trap();
         break;
@@ -141,5 +127,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         break;
     }
     }
-    return 0;
 }

@@ -24,18 +24,14 @@ inline constexpr qv_uint32_t kCodeB = 0x51u;
 struct Setup {
     sec_token_t client_svc = nullptr;
     sec_token_t server_svc = nullptr;
-    qvtest_mpm_control_t *control = nullptr;  // module A, NULL when it was not found
-    void (*reset)() = nullptr;
+    // Module A's control block, and its routines that put it back to its
+    // defaults and count what it holds.
+    qvtest_mpm_control_t *control = nullptr;
+    void (*reset_module)() = nullptr;
     long (*live_handles)() = nullptr;
     long (*live_buffers)() = nullptr;
 
-    // Module A back to its defaults.
-    void reset_module() const {
-        if (reset != nullptr) reset();
-    }
-    qvtest_mpm_behaviour_t *behaviour(int routine) const {
-        return control != nullptr ? &control->behaviour[routine] : nullptr;
-    }
+    qvtest_mpm_behaviour_t *behaviour(int routine) const { return &control->behaviour[routine]; }
 };
 
 inline std::string module_dir() {
@@ -67,15 +63,15 @@ inline const Setup &setup() {
         static std::string cfg_path = cfg;
         atexit([] { unlink(cfg_path.c_str()); });
 
-        if (void *h = dlopen(a.c_str(), RTLD_NOW)) {
-            r.control = reinterpret_cast<qvtest_mpm_control_t *(*)()>(dlsym(h, "qvtest_mpm_control"))();
-            r.reset = reinterpret_cast<void (*)()>(dlsym(h, "qvtest_mpm_reset"));
-            r.live_handles = reinterpret_cast<long (*)()>(dlsym(h, "qvtest_mpm_live_handles"));
-            r.live_buffers = reinterpret_cast<long (*)()>(dlsym(h, "qvtest_mpm_live_buffers"));
-        } else {
+        void *h = dlopen(a.c_str(), RTLD_NOW);
+        if (h == nullptr) {
             std::fprintf(stderr, "test module not found in %s: %s\n", dir.c_str(), dlerror());
             abort();
         }
+        r.control = reinterpret_cast<qvtest_mpm_control_t *(*)()>(dlsym(h, "qvtest_mpm_control"))();
+        r.reset_module = reinterpret_cast<void (*)()>(dlsym(h, "qvtest_mpm_reset"));
+        r.live_handles = reinterpret_cast<long (*)()>(dlsym(h, "qvtest_mpm_live_handles"));
+        r.live_buffers = reinterpret_cast<long (*)()>(dlsym(h, "qvtest_mpm_live_buffers"));
         sec_status_desc st{};
         if (sec_start(&st, 0, &r.client_svc) != 0 || sec_start(&st, 0, &r.server_svc) != 0) abort();
         return r;
@@ -133,18 +129,12 @@ inline const ContextPair &established_pair() {
 // Stops the fuzzer when module A holds more handles or buffers than before
 // the input: a leak on some path.
 struct LeakCheck {
-    explicit LeakCheck(const Setup &s) : s_(s) {
-        if (s_.live_handles != nullptr) {
-            handles_ = s_.live_handles();
-            buffers_ = s_.live_buffers();
-        }
-    }
+    explicit LeakCheck(const Setup &s) : s_(s), handles_(s.live_handles()), buffers_(s.live_buffers()) {}
     void check(long handed_out = 0) const {
-        if (s_.live_handles == nullptr) return;
-        if (s_.live_handles() != handles_ || s_.live_buffers() != buffers_ + handed_out) __builtin_trap();
+        qvfuzz::check(s_.live_handles() == handles_ && s_.live_buffers() == buffers_ + handed_out);
     }
     const Setup &s_;
-    long handles_ = 0, buffers_ = 0;
+    const long handles_, buffers_;
 };
 
 // A caller's output buffer must be either empty or a CCDB.

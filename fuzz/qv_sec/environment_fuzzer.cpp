@@ -10,7 +10,9 @@
 // records; "none" alone offers nothing. A service token refuses
 // unauthenticated clients exactly when imposed mechanisms are given and
 // "none" is not among them.
-#include <cctype>
+#include <algorithm>
+#include <iterator>
+#include <sstream>
 
 #include "context_fuzz_setup.h"
 
@@ -18,23 +20,13 @@ using namespace ctxfuzz;
 
 namespace {
 
+// The blank-separated words of s.
 std::vector<std::string> words(const std::string &s) {
-    std::vector<std::string> out;
-    size_t i = 0;
-    while (i < s.size()) {
-        while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i]))) ++i;
-        size_t start = i;
-        while (i < s.size() && !std::isspace(static_cast<unsigned char>(s[i]))) ++i;
-        if (i > start) out.push_back(s.substr(start, i - start));
-    }
-    return out;
+    std::istringstream in(s);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
-bool has(const std::vector<std::string> &w, const char *m) {
-    for (const std::string &x : w)
-        if (x == m) return true;
-    return false;
-}
+bool has(const std::vector<std::string> &w, const char *m) { return std::find(w.begin(), w.end(), m) != w.end(); }
 
 // The walk stops at the first over-long mnemonic, before any later "none".
 bool names_none(const std::vector<std::string> &w) {

@@ -17,24 +17,6 @@
 
 namespace {
 
-class Fields {
-public:
-    Fields(const uint8_t *data, size_t size) : data_(data), size_(size) {}
-    uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
-    std::vector<uint8_t> bytes(size_t n) {
-        n = n < size_ - pos_ ? n : size_ - pos_;
-        std::vector<uint8_t> v(data_ + pos_, data_ + pos_ + n);
-        pos_ += n;
-        return v;
-    }
-    std::vector<uint8_t> rest() { return bytes(size_ - pos_); }
-
-private:
-    const uint8_t *data_;
-    size_t size_;
-    size_t pos_ = 0;
-};
-
 bool documented(qv_int32_t rc, bool process) {
     switch (rc) {
         case 0: case SEC_S_BAD_ARGUMENT: case SEC_S_NOT_DES_KEY: case SEC_S_CRYPTO_FAILURE: return true;
@@ -47,7 +29,7 @@ bool documented(qv_int32_t rc, bool process) {
 }  // namespace
 
 QV_SEC_FUZZ_TARGET(1 << 16) {
-    Fields f(data, size);
+    qvfuzz::Cursor f{data, size};
     uint8_t choices = f.byte();
     qv_uint32_t flags = 0;
     switch (choices & 3) {

@@ -9,14 +9,8 @@
 
 namespace {
 
-struct Owned {
-    bignum_t p = nullptr;
-    ~Owned() { bn_free(p); }
-};
-
-void check(bool ok) {
-    if (!ok) __builtin_trap();
-}
+using Owned = qvfuzz::Owned<bignum_t, bn_free>;
+using qvfuzz::check;
 
 bool well_formed(bignum_tc b) {
     return b && b[2] <= b[0] && (b[2] == 0 ? b[1] == 0 : b[3 + b[2] - 1] != 0) && b[1] <= 1;

@@ -18,18 +18,8 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-struct Owned {
-    bignum_t p = nullptr;
-    Owned() = default;
-    explicit Owned(bignum_t q) : p(q) {}
-    Owned(const Owned &) = delete;
-    Owned &operator=(const Owned &) = delete;
-    ~Owned() { bn_free(p); }
-};
-
-void check(bool ok) {
-    if (!ok) __builtin_trap();
-}
+using Owned = qvfuzz::Owned<bignum_t, bn_free>;
+using qvfuzz::check;
 
 bignum_t number(const unsigned char *p, size_t len) { return bn_fromData(1, p, qv_int32_t(len), nullptr); }
 
@@ -49,33 +39,19 @@ bignum_t power(bignum_tc base, bignum_tc exp, bignum_tc m) {
     return r;
 }
 
-// Reads `len` bytes from the input, zeros once it runs out.
-struct Input {
-    const uint8_t *p;
-    size_t left;
-    Bytes take(size_t len) {
-        Bytes out(len);
-        const size_t n = len < left ? len : left;
-        if (n) std::memcpy(out.data(), p, n);
-        p += n;
-        left -= n;
-        return out;
-    }
-};
-
-void rsa(Input &in, uint8_t type) {
-    Bytes head = in.take(2);
+void rsa(qvfuzz::Cursor &in, uint8_t type) {
+    Bytes head = in.padded(2);
     const size_t bits = (size_t(head[0]) << 8 | head[1]) % 1025, k = (bits + 7) / 8, h = (bits + 15) / 16;
     Bytes rec{type, uint8_t(bits >> 8), uint8_t(bits)};
     const size_t body = type == 0x10 ? 5 * h : type == 0x11 ? 2 * k : k + 1;
-    Bytes rest = in.take(body);
+    Bytes rest = in.padded(body);
     rec.insert(rec.end(), rest.begin(), rest.end());
     if (type == 0x12) {
-        Bytes e = in.take(rec.back() % 65);
+        Bytes e = in.padded(rec.back() % 65);
         rec.back() = uint8_t(e.size());
         rec.insert(rec.end(), e.begin(), e.end());
     }
-    const Bytes message = in.take(k);
+    const Bytes message = in.padded(k);
     Bytes out = message;
     out.push_back(0xa5);  // nothing may be written past k bytes
     const qv_int32_t got = Vorp_rsa(rec.data(), out.data());
@@ -114,10 +90,10 @@ void rsa(Input &in, uint8_t type) {
     check(std::memcmp(out.data(), full.data() + full.size() - k, k) == 0);
 }
 
-void public_key(Input &in, uint8_t type) {
-    Bytes head = in.take(2);
+void public_key(qvfuzz::Cursor &in, uint8_t type) {
+    Bytes head = in.padded(2);
     const size_t bits = 2 * ((size_t(head[0]) << 8 | head[1]) % 513), k = (bits + 7) / 8, h = (bits + 15) / 16;
-    Bytes rec{type, uint8_t(bits >> 8), uint8_t(bits)}, rest = in.take(type == 0x10 ? 5 * h : 2 * k);
+    Bytes rec{type, uint8_t(bits >> 8), uint8_t(bits)}, rest = in.padded(type == 0x10 ? 5 * h : 2 * k);
     rec.insert(rec.end(), rest.begin(), rest.end());
     const unsigned char exp[] = {0x03, 0x01, 0x00, 0x01};
     Bytes pub(k + 8, 0xa5);
@@ -133,14 +109,14 @@ void public_key(Input &in, uint8_t type) {
     check(len >= 0 && size_t(len) <= k && std::memcmp(&pub[3 + k - size_t(len)], n.data(), size_t(len)) == 0);
 }
 
-void dh(Input &in, uint8_t format) {
-    Bytes head = in.take(3);
+void dh(qvfuzz::Cursor &in, uint8_t format) {
+    Bytes head = in.padded(3);
     const size_t bits = (size_t(head[0]) << 8 | head[1]) % 1025, k = (bits + 7) / 8, glen = head[2] % 9;
-    Bytes rec{format, uint8_t(bits >> 8), uint8_t(bits)}, p = in.take(k), g = in.take(glen);
+    Bytes rec{format, uint8_t(bits >> 8), uint8_t(bits)}, p = in.padded(k), g = in.padded(glen);
     rec.insert(rec.end(), p.begin(), p.end());
     rec.push_back(uint8_t(glen));
     rec.insert(rec.end(), g.begin(), g.end());
-    const Bytes priv = in.take(k), pub = in.take(k);
+    const Bytes priv = in.padded(k), pub = in.padded(k);
     Bytes shared(k + 1, 0xa5);
     const qv_int32_t got = Vorp_dh(rec.data(), format == '0' && (head[2] & 0x80) ? nullptr : priv.data(), pub.data(),
                                    shared.data());
@@ -167,7 +143,7 @@ void dh(Input &in, uint8_t format) {
 QV_FUZZ_TARGET(2048) {
     if (size < 1) return;
     const uint8_t choice = data[0];
-    Input in{data + 1, size - 1};
+    qvfuzz::Cursor in{data + 1, size - 1};
     vorp::force_portable(choice & 0x80);
     switch (choice & 0x0f) {
     case 0: rsa(in, 0x10); break;

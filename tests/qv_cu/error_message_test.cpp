@@ -127,26 +127,21 @@ TEST(MessageFormat, Rendering) {
     }
 }
 
+// Beyond what the rendering table reaches: types in conflict, compatible
+// types, the rarer length modifiers and out-of-range positions.
 TEST(MessageFormat, ArgumentTypesFromDefaultText) {
     using qvcu::VaType;
     struct {
         const char *text;
         std::vector<VaType> types;
     } cases[] = {
-        {"%d %s %f %p %lu %zd %c", {VaType::Int, VaType::String, VaType::Double, VaType::Pointer,
-                                    VaType::ULong, VaType::Size, VaType::Int}},
-        {"%1$s %3$d", {VaType::String}},           // argument 2 unknown: stop before it
         {"%1$d %1$s", {}},                          // one argument, two types
         {"%1$d %1$x %2$lld %2$llx", {VaType::Int, VaType::LongLong}},
         {"%s %y %d", {VaType::String}},             // after a malformed conversion
-        {"%*.*f", {VaType::Int, VaType::Int, VaType::Double}},
-        {"0x%1$08x %2$016xll", {VaType::UInt, VaType::ULongLong}},
         {"%jx %zx %tx %qx", {VaType::UIntMax, VaType::Size, VaType::PtrDiff, VaType::ULongLong}},
         {"%Lf %d", {}},
-        {"%n", {}},
         {"%129$d", {}},
         {"%0$d", {}},
-        {"%%d %%", {}},
     };
     for (const auto &c : cases) EXPECT_EQ(qvcu::argument_types(c.text), c.types) << c.text;
 }

@@ -241,10 +241,6 @@ TEST(PublicKey, Errors) {
         EXPECT_TRUE(row.failed());
         EXPECT_EQ(Vorp_errno, row.code);
     }
-    // Format '0' parameters need no private value: pub reduced modulo p.
-    Bytes zero_format = with_byte(dh, 0, '0'), big_pub{0xff, 0xf5};
-    EXPECT_EQ(Vorp_dh(zero_format.data(), nullptr, big_pub.data(), shared.data()), 2);
-    EXPECT_EQ(shared, (Bytes{0x00, 0x06}));
 }
 
 // Parameters of the fixed and random kinds: record layout, safe primes,
