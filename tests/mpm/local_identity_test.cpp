@@ -2,18 +2,11 @@
 // buffer-size protocol, the client id, user validation, identity contexts,
 // service and user login.
 #include <gtest/gtest.h>
-#include <pwd.h>
 
 #include "local_module.h"
 
 namespace qvtest {
 namespace {
-
-std::string this_host() {
-    char buf[256] = {};
-    gethostname(buf, sizeof buf - 1);
-    return buf;
-}
 
 std::string this_user() {
     passwd *pw = getpwuid(geteuid());
@@ -31,17 +24,6 @@ protected:
         ASSERT_EQ(1u, m.mpm_start_sec_context(&mn, svc.handle(), nullptr, nullptr, 0, client.slot(), hello.get()));
         ASSERT_EQ(0u, m.mpm_receive_sec_context(&mn, svc.handle(), hello.get(), server.slot(), reply.get(), &rflags));
         ASSERT_EQ(0u, m.mpm_complete_sec_context(&mn, reply.get(), client.get(), none.get()));
-    }
-
-    using NameRoutine = qv_uint32_t (*)(qv_uint32_t *, void *, qv_int32_t *, char *);
-    // The library's protocol: a 256-byte buffer first, the size asked for next.
-    std::string ask(NameRoutine r, void *ctx, qv_uint32_t *status = nullptr) {
-        qv_uint32_t mn;
-        std::vector<char> buf(256);
-        qv_int32_t len = 256;
-        qv_uint32_t s = r(&mn, ctx, &len, buf.data());
-        if (status != nullptr) *status = s;
-        return s == 0 ? std::string(buf.data(), static_cast<size_t>(len)) : std::string();
     }
 
     LocalModule m;
@@ -62,17 +44,17 @@ TEST_F(LocalIdentity, NamesIdAndUserValidity) {
     ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_CONTEXT, server.get(), from_ctx.slot()));
     ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_NAME, const_cast<char *>(name.c_str()), from_name.slot()));
     ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_NAME, by_uid.data(), numeric.slot()));
-    const std::string id = ask(m.mpm_get_client_id, server.get());
+    const std::string id = ask_name(m.mpm_get_client_id, server.get());
     std::vector<uint8_t> want = {1};
-    for (uint32_t v : {static_cast<uint32_t>(geteuid()), static_cast<uint32_t>(getegid())})
-        for (int s = 24; s >= 0; s -= 8) want.push_back(static_cast<uint8_t>(v >> s));
+    push_be32(want, geteuid());
+    push_be32(want, getegid());
     want.insert(want.end(), name.end() - static_cast<long>(this_host().size()), name.end());
     EXPECT_EQ(to_hex(want), to_hex(reinterpret_cast<const uint8_t *>(id.data()), id.size()));
     std::string numeric_user = "#" + std::to_string(geteuid()), other = "#" + std::to_string(geteuid() + 1);
     for (void *ctx : {server.get(), client.get(), from_ctx.get(), from_name.get(), numeric.get()}) {
-        EXPECT_EQ(name + '\0', ask(m.mpm_get_client_name, ctx));
-        EXPECT_EQ(user + '\0', ask(m.mpm_get_mapped_name, ctx));
-        EXPECT_EQ(id, ask(m.mpm_get_client_id, ctx));
+        EXPECT_EQ(name + '\0', ask_name(m.mpm_get_client_name, ctx));
+        EXPECT_EQ(user + '\0', ask_name(m.mpm_get_mapped_name, ctx));
+        EXPECT_EQ(id, ask_name(m.mpm_get_client_id, ctx));
         EXPECT_EQ(0u, m.mpm_user_valid(&mn, ctx, const_cast<char *>(user.c_str())));
         EXPECT_EQ(0u, m.mpm_user_valid(&mn, ctx, numeric_user.data()));
         EXPECT_EQ(36u, m.mpm_user_valid(&mn, ctx, const_cast<char *>("no-such-user-qv")));
@@ -128,7 +110,7 @@ TEST_F(LocalIdentity, NamesIdAndUserValidity) {
 
 TEST_F(LocalIdentity, ServiceAndUserLogin) {
     qv_uint32_t mn;
-    std::string id = ask(m.mpm_get_client_id, server.get());
+    std::string id = ask_name(m.mpm_get_client_id, server.get());
     std::vector<uint8_t> bytes(id.begin(), id.end());
     sec_buffer_desc in = in_buffer(bytes);
     EXPECT_EQ(0u, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc.handle()));

@@ -6,6 +6,7 @@
 
 #include <dlfcn.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <sys/un.h>
@@ -88,6 +89,32 @@ private:
     LocalModule &m_;
     sec_buffer_desc b_{0, nullptr};
 };
+
+// This host's name, and the network name the module gives uid on it.
+inline std::string this_host() {
+    char buf[256] = {};
+    gethostname(buf, sizeof buf - 1);
+    return buf;
+}
+inline std::string user_at_host(uid_t uid) {
+    passwd *pw = getpwuid(uid);
+    return (pw != nullptr ? std::string(pw->pw_name) : "#" + std::to_string(uid)) + "@" + this_host();
+}
+
+inline void push_be32(std::vector<uint8_t> &v, uint32_t x) {
+    for (int s = 24; s >= 0; s -= 8) v.push_back(static_cast<uint8_t>(x >> s));
+}
+
+using NameRoutine = qv_uint32_t (*)(qv_uint32_t *, void *, qv_int32_t *, char *);
+// A name routine's answer in a 256-byte buffer, its NUL included; empty when
+// the routine refuses (its status in *status).
+inline std::string ask_name(NameRoutine r, void *ctx, qv_uint32_t *status = nullptr) {
+    char buf[256];
+    qv_int32_t len = sizeof buf;
+    qv_uint32_t minor, s = r(&minor, ctx, &len, buf);
+    if (status != nullptr) *status = s;
+    return s == 0 ? std::string(buf, static_cast<size_t>(len)) : std::string();
+}
 
 // An input buffer over bytes the test owns.
 inline sec_buffer_desc in_buffer(std::vector<uint8_t> &v) {
