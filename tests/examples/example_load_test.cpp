@@ -4,7 +4,6 @@
 // refused plainly.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -58,16 +57,6 @@ int connect_unix(const std::string &path) {
     std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) ADD_FAILURE() << "connect " << path;
-    return fd;
-}
-
-int connect_tcp(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) ADD_FAILURE() << "connect port " << port;
     return fd;
 }
 
@@ -191,9 +180,10 @@ TEST_F(ExampleService, ServesEveryClientWhileOthersMisbehave) {
 }
 
 // Over TCP the "local" mechanism cannot vouch for the client: the service
-// says so to the client and in its log, and goes on serving.
+// says so to the client and in its log, and goes on serving. (The framing
+// read over TCP is the one the misbehaving peers above attack.)
 TEST_F(ExampleService, TcpRefusesLocalPlainlyAndKeepsServing) {
-    start({"--listen", "127.0.0.1:0", "--count", "3", "--timeout", "1"});
+    start({"--listen", "127.0.0.1:0", "--count", "2", "--timeout", "1"});
     std::string out = service_output();
     int port = std::atoi(out.c_str() + out.find("127.0.0.1:") + 10);
     ASSERT_GT(port, 0) << out;
@@ -202,10 +192,6 @@ TEST_F(ExampleService, TcpRefusesLocalPlainlyAndKeepsServing) {
         EXPECT_EQ(run.status, 1);
         EXPECT_NE(run.err.find("\"local\", cannot authenticate over TCP"), std::string::npos) << run.err;
     }
-    int garbage = connect_tcp(port);
-    ASSERT_EQ(send(garbage, "GET / HTTP/1.0\r\n\r\n", 18, MSG_NOSIGNAL), 18);
-    EXPECT_NE(drain(garbage, Clock::now() + 30s).find("frame too long"), std::string::npos);
-    close(garbage);
     EXPECT_EQ(service_exit(30s), 0);
     EXPECT_NE(service_output().find("\"local\", cannot authenticate over TCP"), std::string::npos) << service_output();
     EXPECT_EQ(service_output().find("request: secret"), std::string::npos);
