@@ -268,8 +268,6 @@ TEST_F(HostModule, ExchangesAcrossHosts) {
         {"not yet valid", [&] { return to_svc(forged([](auto &a) { a.not_before = now() + 60; })); }, kNotValidNow,
          kCheckNotYetValid, 0},
         {"replayed first token", [&] { return to_svc([&](Bytes &t) { t = replayed; }); }, kReplayedToken, 0, 0},
-        {"assertion for another service", [&] { return exchange(from_a, svc_, "other", "hostb"); }, kMisaddressed,
-         kOtherService, 0},
         {"assertion for another host", [&] { return to_svc(forged([](auto &a) { a.peer_host = "hostc"; })); },
          kMisaddressed, kOtherHost, 0},
         {"service's assertion as a client's", [&] { return to_svc(forged([](auto &a) { a.flags = qvhost::kFromService; })); },

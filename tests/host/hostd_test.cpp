@@ -206,7 +206,6 @@ TEST(HostTools, RefuseUnsafeFilesAndEditTrust) {
         int want_status;
         std::string want;  // in stdout on success, in the one line of stderr on failure
     } rows[] = {
-        {QVSEC_PATH, {"host", "--help"}, 0, 0, "usage: qvsec host keygen"},
         {QVSEC_PATH, {"host", "keygen", "--out", key}, 0, 1, "exists; remove it or add --force"},
         {QV_HOSTD_PATH, {"--key", loose_key, "--trusted", trusted, "--host-name", "n"}, 0, 1, "unsafe permissions 0640"},
         {QVSEC_PATH, {"host", "show", "--key", key}, 0, 0, hex},
