@@ -2,11 +2,9 @@
 // connections stall, trickle or send garbage (more of them than the pool
 // holds, so the deadline must drop them); over TCP the "local" mechanism is
 // refused plainly.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -23,8 +21,6 @@
 #include "child_process.h"
 #include "test_support.h"
 
-extern char **environ;
-
 namespace {
 
 using namespace std::chrono_literals;
@@ -33,22 +29,6 @@ using Clock = std::chrono::steady_clock;
 std::string env(const char *name) {
     const char *v = std::getenv(name);
     return v != nullptr ? v : "";
-}
-
-// Starts program with its standard output and error in the file out.
-pid_t spawn(const std::string &program, std::vector<std::string> args, const std::string &out) {
-    args.insert(args.begin(), program);
-    std::vector<char *> argv;
-    for (std::string &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&fa, 1, 2);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, program.c_str(), &fa, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
 }
 
 int connect_unix(const std::string &path) {
@@ -111,7 +91,7 @@ protected:
     }
     // Starts the service and waits until it listens.
     void start(std::vector<std::string> args) {
-        pid_ = spawn(service_, args, dir_.path() + "/service.out");
+        pid_ = qvtest::spawn_tool(service_, args, dir_.path() + "/service.out");
         ASSERT_GT(pid_, 0);
         ASSERT_TRUE(qvtest::wait_until([&] { return service_output().find("listening on") != std::string::npos; }, 30s))
             << service_output();
@@ -158,7 +138,7 @@ TEST_F(ExampleService, ServesEveryClientWhileOthersMisbehave) {
 
     std::vector<pid_t> pids;
     for (int i = 0; i < clients; ++i)
-        pids.push_back(spawn(client_, {"--socket", socket_, "--timeout", "300", "load " + std::to_string(i)},
+        pids.push_back(qvtest::spawn_tool(client_, {"--socket", socket_, "--timeout", "300", "load " + std::to_string(i)},
                              dir_.path() + "/client" + std::to_string(i) + ".out"));
     for (int i = 0; i < clients; ++i) {
         int status = qvtest::wait_bounded(pids[static_cast<size_t>(i)], 400s);
