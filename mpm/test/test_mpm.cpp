@@ -7,11 +7,12 @@
 // QVTEST_NO_INIT leaves out mpm_init.
 #include <cstdint>
 #include <fcntl.h>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <pthread.h>
 #include <unistd.h>
+#include <utility>
 
 #include "qv_sec_mpm.h"
 #include "test_mpm_control.h"
@@ -21,23 +22,17 @@
 namespace {
 
 qvtest_mpm_control_t g_control;
-pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
+std::mutex g_mutex;
 int g_blocked;
 int g_released;
 long g_live_handles;
 long g_live_buffers;
-qv_uint32_t g_serial;
 
-const char *default_name(int routine) {
-    switch (routine) {
-    case QVTEST_MPM_GET_TARGET_NAME: return "qvtest-target";
-    case QVTEST_MPM_GET_CLIENT_NAME: return "qvtest_client@example";
-    case QVTEST_MPM_GET_MAPPED_NAME: return "qvtest_user";
-    case QVTEST_MPM_GET_CLIENT_ID: return "qvtest-client-id";
-    case QVTEST_MPM_GET_CTX_MPM: return "qvtest";
-    default: return "";
-    }
-}
+const std::pair<int, const char *> kDefaultNames[] = {
+    {QVTEST_MPM_GET_TARGET_NAME, "qvtest-target"}, {QVTEST_MPM_GET_CLIENT_NAME, "qvtest_client@example"},
+    {QVTEST_MPM_GET_MAPPED_NAME, "qvtest_user"},   {QVTEST_MPM_GET_CLIENT_ID, "qvtest-client-id"},
+    {QVTEST_MPM_GET_CTX_MPM, "qvtest"},
+};
 
 void reset_all() {
     std::memset(&g_control, 0, sizeof g_control);
@@ -45,8 +40,8 @@ void reset_all() {
         g_control.behaviour[r].output_len = -1;
         g_control.behaviour[r].name_len = -1;
         g_control.record[r].in_len = -1;
-        std::strcpy(g_control.behaviour[r].name, default_name(r));
     }
+    for (const auto &[r, name] : kDefaultNames) std::strcpy(g_control.behaviour[r].name, name);
     __atomic_store_n(&g_released, 0, __ATOMIC_RELEASE);
 }
 
@@ -61,11 +56,18 @@ uintptr_t as_arg(qv_int32_t v) { return static_cast<uintptr_t>(static_cast<intpt
 
 // One call in progress: counts it, records its arguments, and snapshots the
 // behaviour under the mutex so that concurrent calls see a consistent copy.
+struct BlockNow {};  // a routine with no input to record: blocks (when told to) at once
+constexpr BlockNow kBlockNow;
+
 class Call {
 public:
     template <typename... A>
+    Call(BlockNow, int routine, qv_uint32_t *min_stat, A... args) : Call(routine, min_stat, args...) {
+        maybe_block();
+    }
+    template <typename... A>
     Call(int routine, qv_uint32_t *min_stat, A... args) : r_(routine) {
-        std::lock_guard<pthread_mutex_wrapper> g(mutex_);
+        std::lock_guard<std::mutex> g(g_mutex);
         qvtest_mpm_call_t &rec = g_control.record[r_];
         __atomic_fetch_add(&rec.calls, 1, __ATOMIC_ACQ_REL);
         rec.nargs = sizeof...(A);
@@ -82,21 +84,16 @@ public:
         if (min_stat != nullptr) *min_stat = b_.min_stat;
     }
     void input(const void *bytes, qv_int32_t len) {
-        std::lock_guard<pthread_mutex_wrapper> g(mutex_);
+        std::lock_guard<std::mutex> g(g_mutex);
         qvtest_mpm_call_t &rec = g_control.record[r_];
         rec.in_len = len;
         if (bytes != nullptr && len > 0)
             std::memcpy(rec.in, bytes, len < QVTEST_MPM_MAX_BYTES ? static_cast<size_t>(len) : QVTEST_MPM_MAX_BYTES);
     }
     void string(int slot, const char *s) {
-        std::lock_guard<pthread_mutex_wrapper> g(mutex_);
-        char *dst = g_control.record[r_].str[slot];
-        if (s == nullptr) {
-            std::strcpy(dst, "(null)");
-        } else {
-            std::strncpy(dst, s, sizeof g_control.record[r_].str[slot] - 1);
-            dst[sizeof g_control.record[r_].str[slot] - 1] = '\0';
-        }
+        std::lock_guard<std::mutex> g(g_mutex);
+        std::snprintf(g_control.record[r_].str[slot], sizeof g_control.record[r_].str[slot], "%s",
+                      s != nullptr ? s : "(null)");
     }
     // Blocks when told to; usleep is a cancellation point, and the counter
     // of blocked threads is repaired if the thread is cancelled here.
@@ -146,22 +143,15 @@ public:
     }
 
 private:
-    struct pthread_mutex_wrapper {
-        void lock() { pthread_mutex_lock(&g_mutex); }
-        void unlock() { pthread_mutex_unlock(&g_mutex); }
-    };
-    pthread_mutex_wrapper mutex_;
     int r_;
     qvtest_mpm_behaviour_t b_;
     bool continuing_ = false;
 };
 
-void *new_handle(qv_uint32_t kind) {
+void *new_handle() {
     auto *h = static_cast<qvtest_mpm_handle_t *>(calloc(1, sizeof(qvtest_mpm_handle_t)));
     if (h == nullptr) return nullptr;
     h->magic = QVTEST_MPM_HANDLE_MAGIC;
-    h->kind = kind;
-    h->serial = __atomic_add_fetch(&g_serial, 1, __ATOMIC_ACQ_REL);
     __atomic_fetch_add(&g_live_handles, 1, __ATOMIC_ACQ_REL);
     return h;
 }
@@ -172,11 +162,6 @@ void free_handle(void *p) {
     std::memset(h, 0, sizeof *h);
     free(h);
     __atomic_fetch_sub(&g_live_handles, 1, __ATOMIC_ACQ_REL);
-}
-
-void count_round(void *p) {
-    auto *h = static_cast<qvtest_mpm_handle_t *>(p);
-    if (h != nullptr && h->magic == QVTEST_MPM_HANDLE_MAGIC) h->rounds += 1;
 }
 
 // The buffer-size protocol: at most *length bytes into name; *length is set
@@ -214,9 +199,8 @@ constexpr unsigned char kSealMask = 0x5a;
 QVTEST_EXPORT qvtest_mpm_control_t *qvtest_mpm_control(void) { return &g_control; }
 
 QVTEST_EXPORT void qvtest_mpm_reset(void) {
-    pthread_mutex_lock(&g_mutex);
+    std::lock_guard<std::mutex> g(g_mutex);
     reset_all();
-    pthread_mutex_unlock(&g_mutex);
 }
 
 QVTEST_EXPORT void qvtest_mpm_release(void) { __atomic_store_n(&g_released, 1, __ATOMIC_RELEASE); }
@@ -230,8 +214,7 @@ QVTEST_EXPORT long qvtest_mpm_live_buffers(void) { return __atomic_load_n(&g_liv
 
 #ifndef QVTEST_NO_INIT
 void mpm_init(void) {
-    Call c(QVTEST_MPM_INIT, nullptr);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_INIT, nullptr);
     // Leaves a trace on disk for tests that run the library in another
     // process (a set-user-id program): the file exists once this ran.
     if (const char *marker = getenv("QVTEST_MPM_INIT_MARKER")) {
@@ -242,32 +225,28 @@ void mpm_init(void) {
 #endif
 
 qv_uint32_t mpm_start(qv_uint32_t *min_stat, qv_uint32_t flags, void **token) {
-    Call c(QVTEST_MPM_START, min_stat, flags, token);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_START, min_stat, flags, token);
     if (c.fails()) return c.status();
-    if (token != nullptr) *token = new_handle(1);
+    if (token != nullptr) *token = new_handle();
     return 0;
 }
 
 qv_uint32_t mpm_end(qv_uint32_t *min_stat, qv_uint32_t flags, void *token) {
-    Call c(QVTEST_MPM_END, min_stat, flags, token);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_END, min_stat, flags, token);
     free_handle(token);
     return c.status();
 }
 
 qv_uint32_t mpm_set_ctx_attribute(qv_uint32_t *min_stat, void *svc_tkn, qv_uint32_t attr, void *data,
                                   void **ctx_tkn) {
-    Call c(QVTEST_MPM_SET_CTX_ATTRIBUTE, min_stat, svc_tkn, attr, data, ctx_tkn);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_SET_CTX_ATTRIBUTE, min_stat, svc_tkn, attr, data, ctx_tkn);
     if (c.fails()) return c.status();
-    if (ctx_tkn != nullptr && *ctx_tkn == nullptr) *ctx_tkn = new_handle(2);
+    if (ctx_tkn != nullptr && *ctx_tkn == nullptr) *ctx_tkn = new_handle();
     return 0;
 }
 
 qv_uint32_t mpm_service_cleanup(qv_uint32_t *min_stat, void *token, qv_uint32_t flags) {
-    Call c(QVTEST_MPM_SERVICE_CLEANUP, min_stat, token, flags);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_SERVICE_CLEANUP, min_stat, token, flags);
     return c.status();
 }
 
@@ -278,8 +257,7 @@ qv_uint32_t mpm_start_sec_context(qv_uint32_t *min_stat, void *sec_token, char *
     c.string(1, trg_host);
     c.maybe_block();
     if (c.fails()) return c.status();
-    if (ctx_token != nullptr && *ctx_token == nullptr) *ctx_token = new_handle(2);
-    if (ctx_token != nullptr) count_round(*ctx_token);
+    if (ctx_token != nullptr && *ctx_token == nullptr) *ctx_token = new_handle();
     c.output(cbuff, "qvtest-client-token");
     return c.status();
 }
@@ -302,15 +280,13 @@ qv_uint32_t mpm_complete_sec_context(qv_uint32_t *min_stat, sec_buffer_t sbuff, 
         cbuff->value = nullptr;
     }
     if (c.fails()) return c.status();
-    count_round(token);
     // Output only while the exchange goes on, unless scripted.
     if (c.status() == MPM_S_CONTINUE || c.behaviour().output_len >= 0) c.output(cbuff, "qvtest-client-more");
     return c.status();
 }
 
 qv_uint32_t mpm_get_ctx_lifetime(qv_uint32_t *min_stat, void *token, qv_int32_t *lifetime) {
-    Call c(QVTEST_MPM_GET_CTX_LIFETIME, min_stat, token, lifetime);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_GET_CTX_LIFETIME, min_stat, token, lifetime);
     if (c.fails()) return c.status();
     if (lifetime != nullptr) *lifetime = static_cast<qv_int32_t>(c.behaviour().value);
     return 0;
@@ -318,8 +294,7 @@ qv_uint32_t mpm_get_ctx_lifetime(qv_uint32_t *min_stat, void *token, qv_int32_t 
 
 #ifndef QVTEST_NO_GET_CTX_FLAGS
 qv_uint32_t mpm_get_ctx_flags(qv_uint32_t *min_stat, void *token, qv_uint32_t *flags) {
-    Call c(QVTEST_MPM_GET_CTX_FLAGS, min_stat, token, flags);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_GET_CTX_FLAGS, min_stat, token, flags);
     if (c.fails()) return c.status();
     if (flags != nullptr) *flags = c.behaviour().value;
     return 0;
@@ -371,8 +346,7 @@ qv_uint32_t mpm_process_data(qv_uint32_t *min_stat, void *token, sec_buffer_t in
 }
 
 qv_uint32_t mpm_end_context(qv_uint32_t *min_stat, void *token) {
-    Call c(QVTEST_MPM_END_CONTEXT, min_stat, token);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_END_CONTEXT, min_stat, token);
     free_handle(token);
     return c.status();
 }
@@ -393,8 +367,7 @@ qv_uint32_t mpm_login_as_user(qv_uint32_t *min_stat, sec_buffer_t id, void *auth
 }
 
 qv_uint32_t mpm_renew_identity(qv_uint32_t *min_stat, void *token, qv_int32_t *lifetime) {
-    Call c(QVTEST_MPM_RENEW_IDENTITY, min_stat, token, lifetime);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_RENEW_IDENTITY, min_stat, token, lifetime);
     if (c.fails()) return c.status();
     if (lifetime != nullptr) *lifetime = static_cast<qv_int32_t>(c.behaviour().value);
     return 0;
@@ -410,34 +383,29 @@ qv_uint32_t mpm_receive_sec_context(qv_uint32_t *min_stat, void *svc_tkn, sec_bu
         sbuff->value = nullptr;
     }
     if (c.fails()) return c.status();
-    if (ctx_tkn != nullptr && *ctx_tkn == nullptr) *ctx_tkn = new_handle(2);
-    if (ctx_tkn != nullptr) count_round(*ctx_tkn);
+    if (ctx_tkn != nullptr && *ctx_tkn == nullptr) *ctx_tkn = new_handle();
     if (rflags != nullptr) *rflags = c.behaviour().value;
     c.output(sbuff, "qvtest-server-token");
     return c.status();
 }
 
 qv_uint32_t mpm_get_client_name(qv_uint32_t *min_stat, void *token, qv_int32_t *name_len, char *name) {
-    Call c(QVTEST_MPM_GET_CLIENT_NAME, min_stat, token, name_len, name);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_GET_CLIENT_NAME, min_stat, token, name_len, name);
     return answer_name(c, name_len, name, false);
 }
 
 qv_uint32_t mpm_get_mapped_name(qv_uint32_t *min_stat, void *token, qv_int32_t *name_len, char *name) {
-    Call c(QVTEST_MPM_GET_MAPPED_NAME, min_stat, token, name_len, name);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_GET_MAPPED_NAME, min_stat, token, name_len, name);
     return answer_name(c, name_len, name, false);
 }
 
 qv_uint32_t mpm_get_client_id(qv_uint32_t *min_stat, void *token, qv_int32_t *id_len, char *id) {
-    Call c(QVTEST_MPM_GET_CLIENT_ID, min_stat, token, id_len, id);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_GET_CLIENT_ID, min_stat, token, id_len, id);
     return answer_name(c, id_len, id, true);
 }
 
 qv_uint32_t mpm_release_buffer(qv_uint32_t *min_stat, sec_buffer_t buff) {
-    Call c(QVTEST_MPM_RELEASE_BUFFER, min_stat, buff);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_RELEASE_BUFFER, min_stat, buff);
     if (buff != nullptr) {
         if (buff->value != nullptr) {
             free(buff->value);
@@ -454,14 +422,13 @@ qv_uint32_t mpm_create_id_context(qv_uint32_t *min_stat, qv_uint32_t flags, void
     if (flags == MPM_IDCTX_FROM_NAME) c.string(0, static_cast<const char *>(in));
     c.maybe_block();
     if (c.fails()) return c.status();
-    if (id_ctx != nullptr) *id_ctx = new_handle(3);
+    if (id_ctx != nullptr) *id_ctx = new_handle();
     return 0;
 }
 
 qv_uint32_t mpm_sign_data_v(qv_uint32_t *min_stat, void *token, qv_int32_t count, struct iovec *vector,
                             sec_buffer_t signature) {
-    Call c(QVTEST_MPM_SIGN_DATA_V, min_stat, token, count, vector, signature);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_SIGN_DATA_V, min_stat, token, count, vector, signature);
     if (c.fails()) return c.status();
     if (c.behaviour().output_len >= 0) {
         c.output(signature, "");
@@ -487,8 +454,7 @@ qv_uint32_t mpm_verify_data_v(qv_uint32_t *min_stat, void *token, sec_buffer_t s
 }
 
 qv_uint32_t mpm_get_ctx_mpm(qv_uint32_t *min_stat, void *token, char *mpm) {
-    Call c(QVTEST_MPM_GET_CTX_MPM, min_stat, token, mpm);
-    c.maybe_block();
+    Call c(kBlockNow, QVTEST_MPM_GET_CTX_MPM, min_stat, token, mpm);
     if (c.fails()) return c.status();
     if (mpm != nullptr) {
         size_t n = strnlen(c.behaviour().name, 16);

@@ -32,25 +32,20 @@ using namespace qvhosttest;
 
 std::int64_t now() { return static_cast<std::int64_t>(time(nullptr)); }
 
+// Length-prefixed frames between the test and its service processes.
 void put_frame(int fd, const Bytes &b) {
     uint32_t n = static_cast<uint32_t>(b.size());
     ASSERT_EQ(write(fd, &n, 4), 4);
-    if (n > 0) {
+    if (n > 0) {  // the peer may have gone after an empty frame: no write of nothing
         ASSERT_EQ(write(fd, b.data(), n), static_cast<ssize_t>(n));
     }
 }
 
 bool get_frame(int fd, Bytes &b) {
     uint32_t n = 0;
-    if (read(fd, &n, 4) != 4 || n > (1u << 20)) return false;
+    if (recv(fd, &n, 4, MSG_WAITALL) != 4 || n > (1u << 20)) return false;
     b.resize(n);
-    size_t got = 0;
-    while (got < n) {
-        ssize_t r = read(fd, b.data() + got, n - got);
-        if (r <= 0) return false;
-        got += static_cast<size_t>(r);
-    }
-    return true;
+    return n == 0 || recv(fd, b.data(), n, MSG_WAITALL) == static_cast<ssize_t>(n);
 }
 
 Bytes take(sec_buffer_desc &b) {
@@ -273,8 +268,6 @@ TEST_F(HostModule, ExchangesAcrossHosts) {
         {"not yet valid", [&] { return to_svc(forged([](auto &a) { a.not_before = now() + 60; })); }, kNotValidNow,
          kCheckNotYetValid, 0},
         {"replayed first token", [&] { return to_svc([&](Bytes &t) { t = replayed; }); }, kReplayedToken, 0, 0},
-        {"assertion for another service", [&] { return exchange(from_a, svc_, "other", "hostb"); }, kMisaddressed,
-         kOtherService, 0},
         {"assertion for another host", [&] { return to_svc(forged([](auto &a) { a.peer_host = "hostc"; })); },
          kMisaddressed, kOtherHost, 0},
         {"service's assertion as a client's", [&] { return to_svc(forged([](auto &a) { a.flags = qvhost::kFromService; })); },

@@ -71,18 +71,6 @@ TEST(TrustedHosts, LinesAcceptedOrRefusedWithTheirNumber) {
     EXPECT_EQ(t.keys[0].until, 1709210096);
 }
 
-TEST(TrustedHosts, FindHonoursHostKeyIdAndOverlapEnd) {
-    qvhost::TrustedHosts t;
-    std::string why;
-    ASSERT_TRUE(qvhost::parse_trusted_hosts("node-a 00000000000000a1 " + hex_key(keys().old_a) + " until=1000\n",
-                                            t, why));
-    const qvhost::KeyId id = qvhost::key_id_of(keys().old_a.public_key);
-    EXPECT_NE(t.find("node-a", id, 1000), nullptr);
-    EXPECT_EQ(t.find("node-a", id, 1001), nullptr);
-    EXPECT_EQ(t.find("node-b", id, 0), nullptr);
-    EXPECT_EQ(t.find("node-a", qvhost::key_id_of(keys().a.public_key), 0), nullptr);
-}
-
 TEST(HostFiles, UnsafePermissionsAndFormsAreRefused) {
     qvtest::TempDir dir;
     qvhost::HostKey k;
@@ -182,7 +170,6 @@ TEST_F(AssertionTest, RoundTripsEveryField) {
     std::size_t consumed = 0;
     ASSERT_EQ(qvhost::check_assertion(bytes, trusted_, kNow, 0, out, &consumed), AssertionCheck::kOk);
     EXPECT_EQ(consumed, bytes.size() - 1);
-    EXPECT_EQ(consumed, 147u + 5 + 6 + 3 + 6 + 64);
     EXPECT_EQ(out.key_id, qvhost::key_id_of(keys().a.public_key));
     EXPECT_EQ(std::tie(out.flags, out.not_before, out.expiry, out.nonce, out.kx_public, out.binding, out.uid, out.user,
                        out.host, out.node_id, out.peer_service, out.peer_host),

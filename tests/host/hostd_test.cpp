@@ -143,16 +143,14 @@ TEST_F(HostDaemon, ServesAndRefuses) {
     }
     qvhost::AssertionRequest req;
     req.peer_host = "node-b";
-    std::vector<std::uint8_t> valid = qvhost::encode_request(req), trailing = valid, garbage(40, 'x');
     // A caller cannot state its uid: bytes after the request are refused.
-    for (std::uint8_t b : {0, 0, 0, 0}) trailing.push_back(b);
-    for (const auto &bytes : {garbage, trailing}) {
-        std::string got = exchange_raw(socket_, bytes);
-        ASSERT_GE(got.size(), qvhost::kResponseHeaderBytes);
-        EXPECT_EQ(got[5], qvhost::kResponseRefusal);
-        EXPECT_NE(got.find("malformed request"), std::string::npos) << got;
-    }
-    EXPECT_EQ(refusals_logged(), 3u);
+    std::vector<std::uint8_t> trailing = qvhost::encode_request(req);
+    trailing.insert(trailing.end(), 4, 0);
+    std::string got = exchange_raw(socket_, trailing);
+    ASSERT_GE(got.size(), qvhost::kResponseHeaderBytes);
+    EXPECT_EQ(got[5], qvhost::kResponseRefusal);
+    EXPECT_NE(got.find("malformed request"), std::string::npos) << got;
+    EXPECT_EQ(refusals_logged(), 2u);
 }
 
 TEST_F(HostDaemon, StalledCallersDoNotBlockOthers) {
@@ -208,7 +206,6 @@ TEST(HostTools, RefuseUnsafeFilesAndEditTrust) {
         int want_status;
         std::string want;  // in stdout on success, in the one line of stderr on failure
     } rows[] = {
-        {QVSEC_PATH, {"host", "--help"}, 0, 0, "usage: qvsec host keygen"},
         {QVSEC_PATH, {"host", "keygen", "--out", key}, 0, 1, "exists; remove it or add --force"},
         {QV_HOSTD_PATH, {"--key", loose_key, "--trusted", trusted, "--host-name", "n"}, 0, 1, "unsafe permissions 0640"},
         {QVSEC_PATH, {"host", "show", "--key", key}, 0, 0, hex},

@@ -2,18 +2,11 @@
 // buffer-size protocol, the client id, user validation, identity contexts,
 // service and user login.
 #include <gtest/gtest.h>
-#include <pwd.h>
 
 #include "local_module.h"
 
 namespace qvtest {
 namespace {
-
-std::string this_host() {
-    char buf[256] = {};
-    gethostname(buf, sizeof buf - 1);
-    return buf;
-}
 
 std::string this_user() {
     passwd *pw = getpwuid(geteuid());
@@ -24,30 +17,13 @@ class LocalIdentity : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_FALSE(this_user().empty()) << "the test's user needs a passwd entry";
-        ASSERT_EQ(0u, client.attach(sp.fd[0]));
-        ASSERT_EQ(0u, server.attach(sp.fd[1]));
-        ModBuffer hello(m), reply(m), none(m);
-        qv_uint32_t mn, rflags;
-        ASSERT_EQ(1u, m.mpm_start_sec_context(&mn, svc.handle(), nullptr, nullptr, 0, client.slot(), hello.get()));
-        ASSERT_EQ(0u, m.mpm_receive_sec_context(&mn, svc.handle(), hello.get(), server.slot(), reply.get(), &rflags));
-        ASSERT_EQ(0u, m.mpm_complete_sec_context(&mn, reply.get(), client.get(), none.get()));
-    }
-
-    using NameRoutine = qv_uint32_t (*)(qv_uint32_t *, void *, qv_int32_t *, char *);
-    // The library's protocol: a 256-byte buffer first, the size asked for next.
-    std::string ask(NameRoutine r, void *ctx, qv_uint32_t *status = nullptr) {
-        qv_uint32_t mn;
-        std::vector<char> buf(256);
-        qv_int32_t len = 256;
-        qv_uint32_t s = r(&mn, ctx, &len, buf.data());
-        if (status != nullptr) *status = s;
-        return s == 0 ? std::string(buf.data(), static_cast<size_t>(len)) : std::string();
+        p.establish(nullptr);
+        client = p.client.get(), server = p.server.get(), svc = p.svc.handle();
     }
 
     LocalModule m;
-    SocketPair sp;
-    Service svc{m};
-    Context client{m}, server{m};
+    Pair p{m};
+    void *client = nullptr, *server = nullptr, *svc = nullptr;
 };
 
 // Every context that knows the client answers alike: the accepted one, the
@@ -59,20 +35,20 @@ TEST_F(LocalIdentity, NamesIdAndUserValidity) {
     const std::string user = this_user(), name = user + "@" + this_host();
     std::string by_uid = "#" + std::to_string(geteuid()) + "@" + this_host();
     Context from_ctx(m), from_name(m), numeric(m);
-    ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_CONTEXT, server.get(), from_ctx.slot()));
+    ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_CONTEXT, server, from_ctx.slot()));
     ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_NAME, const_cast<char *>(name.c_str()), from_name.slot()));
     ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_NAME, by_uid.data(), numeric.slot()));
-    const std::string id = ask(m.mpm_get_client_id, server.get());
+    const std::string id = ask_name(m.mpm_get_client_id, server);
     std::vector<uint8_t> want = {1};
-    for (uint32_t v : {static_cast<uint32_t>(geteuid()), static_cast<uint32_t>(getegid())})
-        for (int s = 24; s >= 0; s -= 8) want.push_back(static_cast<uint8_t>(v >> s));
+    push_be32(want, geteuid());
+    push_be32(want, getegid());
     want.insert(want.end(), name.end() - static_cast<long>(this_host().size()), name.end());
     EXPECT_EQ(to_hex(want), to_hex(reinterpret_cast<const uint8_t *>(id.data()), id.size()));
     std::string numeric_user = "#" + std::to_string(geteuid()), other = "#" + std::to_string(geteuid() + 1);
-    for (void *ctx : {server.get(), client.get(), from_ctx.get(), from_name.get(), numeric.get()}) {
-        EXPECT_EQ(name + '\0', ask(m.mpm_get_client_name, ctx));
-        EXPECT_EQ(user + '\0', ask(m.mpm_get_mapped_name, ctx));
-        EXPECT_EQ(id, ask(m.mpm_get_client_id, ctx));
+    for (void *ctx : {server, client, from_ctx.get(), from_name.get(), numeric.get()}) {
+        EXPECT_EQ(name + '\0', ask_name(m.mpm_get_client_name, ctx));
+        EXPECT_EQ(user + '\0', ask_name(m.mpm_get_mapped_name, ctx));
+        EXPECT_EQ(id, ask_name(m.mpm_get_client_id, ctx));
         EXPECT_EQ(0u, m.mpm_user_valid(&mn, ctx, const_cast<char *>(user.c_str())));
         EXPECT_EQ(0u, m.mpm_user_valid(&mn, ctx, numeric_user.data()));
         EXPECT_EQ(36u, m.mpm_user_valid(&mn, ctx, const_cast<char *>("no-such-user-qv")));
@@ -90,12 +66,12 @@ TEST_F(LocalIdentity, NamesIdAndUserValidity) {
     // Too small a buffer: status 6 and the size needed, then the answer.
     char small[2];
     qv_int32_t len = sizeof small;
-    ASSERT_EQ(6u, m.mpm_get_client_name(&mn, server.get(), &len, small));
+    ASSERT_EQ(6u, m.mpm_get_client_name(&mn, server, &len, small));
     EXPECT_EQ(static_cast<qv_int32_t>(name.size() + 1), len);
     std::vector<char> exact(static_cast<size_t>(len));
-    EXPECT_EQ(0u, m.mpm_get_client_name(&mn, server.get(), &len, exact.data()));
+    EXPECT_EQ(0u, m.mpm_get_client_name(&mn, server, &len, exact.data()));
     len = -1;
-    EXPECT_EQ(kBadArgument, m.mpm_get_client_id(&mn, server.get(), &len, small));
+    EXPECT_EQ(kBadArgument, m.mpm_get_client_id(&mn, server, &len, small));
 
     // Identity contexts protect nothing.
     std::vector<uint8_t> data = {1};
@@ -116,6 +92,8 @@ TEST_F(LocalIdentity, NamesIdAndUserValidity) {
         {MPM_IDCTX_FROM_NAME, "no-such-user-qv@" + this_host(), kUnknownName},
         {MPM_IDCTX_FROM_NAME, "#12x@" + this_host(), kUnknownName},
         {MPM_IDCTX_FROM_NAME, "", kBadArgument},
+        {MPM_IDCTX_FROM_NAME, std::string(4096, 'u'), kUnknownName},  // the longest name read
+        {MPM_IDCTX_FROM_NAME, std::string(4097, 'u'), kBadArgument},
         {3, name, kBadArgument},
     };
     for (Bad &b : bad) {
@@ -128,34 +106,34 @@ TEST_F(LocalIdentity, NamesIdAndUserValidity) {
 
 TEST_F(LocalIdentity, ServiceAndUserLogin) {
     qv_uint32_t mn;
-    std::string id = ask(m.mpm_get_client_id, server.get());
+    std::string id = ask_name(m.mpm_get_client_id, server);
     std::vector<uint8_t> bytes(id.begin(), id.end());
     sec_buffer_desc in = in_buffer(bytes);
-    EXPECT_EQ(0u, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc.handle()));
+    EXPECT_EQ(0u, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc));
     std::vector<uint8_t> other = bytes;
     other[4] ^= 1;
     in = in_buffer(other);
-    EXPECT_EQ(kNotPermitted, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc.handle()));
+    EXPECT_EQ(kNotPermitted, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc));
     std::vector<uint8_t> cut(bytes.begin(), bytes.begin() + 8);
     in = in_buffer(cut);
-    EXPECT_EQ(kBadToken, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc.handle()));
+    EXPECT_EQ(kBadToken, m.mpm_login_as_user(&mn, &in, nullptr, 0, svc));
 
     std::string long_name(256, 's');
-    EXPECT_EQ(kBadArgument, m.mpm_login_as_service(&mn, long_name.data(), svc.handle()));
-    EXPECT_EQ(kBadArgument, m.mpm_login_as_service(&mn, const_cast<char *>(""), svc.handle()));
-    EXPECT_EQ(0u, m.mpm_login_as_service(&mn, const_cast<char *>("svc"), svc.handle()));
+    EXPECT_EQ(kBadArgument, m.mpm_login_as_service(&mn, long_name.data(), svc));
+    EXPECT_EQ(kBadArgument, m.mpm_login_as_service(&mn, const_cast<char *>(""), svc));
+    EXPECT_EQ(0u, m.mpm_login_as_service(&mn, const_cast<char *>("svc"), svc));
     qv_int32_t lifetime = 0;
-    EXPECT_EQ(0u, m.mpm_renew_identity(&mn, svc.handle(), &lifetime));
+    EXPECT_EQ(0u, m.mpm_renew_identity(&mn, svc, &lifetime));
     EXPECT_EQ(0x7fffffff, lifetime);
-    EXPECT_EQ(0u, m.mpm_service_cleanup(&mn, svc.handle(), 0));
+    EXPECT_EQ(0u, m.mpm_service_cleanup(&mn, svc, 0));
 
     char name[8];
     qv_int32_t len = sizeof name;
-    EXPECT_EQ(6u, m.mpm_get_target_name(&mn, svc.handle(), const_cast<char *>("svc"), const_cast<char *>("node1"),
+    EXPECT_EQ(6u, m.mpm_get_target_name(&mn, svc, const_cast<char *>("svc"), const_cast<char *>("node1"),
                                         &len, name));
     EXPECT_EQ(10, len);
     char fits[10];
-    EXPECT_EQ(0u, m.mpm_get_target_name(&mn, svc.handle(), const_cast<char *>("svc"), const_cast<char *>("node1"),
+    EXPECT_EQ(0u, m.mpm_get_target_name(&mn, svc, const_cast<char *>("svc"), const_cast<char *>("node1"),
                                         &len, fits));
     EXPECT_STREQ("svc@node1", fits);
 }

@@ -5,7 +5,9 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <sys/un.h>
@@ -89,6 +91,32 @@ private:
     sec_buffer_desc b_{0, nullptr};
 };
 
+// This host's name, and the network name the module gives uid on it.
+inline std::string this_host() {
+    char buf[256] = {};
+    gethostname(buf, sizeof buf - 1);
+    return buf;
+}
+inline std::string user_at_host(uid_t uid) {
+    passwd *pw = getpwuid(uid);
+    return (pw != nullptr ? std::string(pw->pw_name) : "#" + std::to_string(uid)) + "@" + this_host();
+}
+
+inline void push_be32(std::vector<uint8_t> &v, uint32_t x) {
+    for (int s = 24; s >= 0; s -= 8) v.push_back(static_cast<uint8_t>(x >> s));
+}
+
+using NameRoutine = qv_uint32_t (*)(qv_uint32_t *, void *, qv_int32_t *, char *);
+// A name routine's answer in a 256-byte buffer, its NUL included; empty when
+// the routine refuses (its status in *status).
+inline std::string ask_name(NameRoutine r, void *ctx, qv_uint32_t *status = nullptr) {
+    char buf[256];
+    qv_int32_t len = sizeof buf;
+    qv_uint32_t minor, s = r(&minor, ctx, &len, buf);
+    if (status != nullptr) *status = s;
+    return s == 0 ? std::string(buf, static_cast<size_t>(len)) : std::string();
+}
+
 // An input buffer over bytes the test owns.
 inline sec_buffer_desc in_buffer(std::vector<uint8_t> &v) {
     return sec_buffer_desc{static_cast<qv_int32_t>(v.size()), v.empty() ? nullptr : v.data()};
@@ -167,6 +195,53 @@ private:
     LocalModule &m_;
     void *h_ = nullptr;
     sec_socket_info_desc info_{-1, 0, nullptr};
+};
+
+// One client and one server context, each with its own end of a socket pair
+// made by this process: each side's kernel view of the other is this process.
+struct Pair {
+    explicit Pair(LocalModule &mod, const char *login = nullptr, int cfd = -1, int sfd = -1)
+        : m(mod), svc(mod, login), client(mod), server(mod), hello(mod), reply(mod) {
+        if (cfd >= 0) dup2(cfd, sp.fd[0]), dup2(sfd, sp.fd[1]);
+    }
+    LocalModule &m;
+    SocketPair sp;
+    Service svc;
+    Context client, server;
+    ModBuffer hello, reply;
+    qv_uint32_t minor = 0, rflags = 0;
+
+    qv_uint32_t start(const char *target = "svc", qv_uint32_t flags = 0, bool attach = true) {
+        if (attach) {
+            EXPECT_EQ(0u, client.attach(sp.fd[0]));
+        }
+        return m.mpm_start_sec_context(&minor, svc.handle(), const_cast<char *>(target),
+                                       const_cast<char *>("localhost"), flags, client.slot(), hello.get());
+    }
+    // A refused hello frees the server context: each call attaches anew.
+    qv_uint32_t receive(std::vector<uint8_t> token, bool attach = true) {
+        if (attach) {
+            EXPECT_EQ(0u, server.attach(sp.fd[1]));
+        }
+        sec_buffer_desc in = in_buffer(token);
+        qv_uint32_t s = m.mpm_receive_sec_context(&minor, svc.handle(), &in, server.slot(), reply.get(), &rflags);
+        if (s != 0) {
+            EXPECT_EQ(nullptr, server.get());
+        }
+        return s;
+    }
+    qv_uint32_t complete(std::vector<uint8_t> token) {
+        sec_buffer_desc in = in_buffer(token);
+        ModBuffer out(m);
+        qv_uint32_t s = m.mpm_complete_sec_context(&minor, &in, client.get(), out.get());
+        EXPECT_EQ(0, out.length());
+        return s;
+    }
+    void establish(const char *target = "svc", qv_uint32_t flags = 0) {
+        ASSERT_EQ(1u, start(target, flags));
+        ASSERT_EQ(0u, receive(hello.bytes()));
+        ASSERT_EQ(0u, complete(reply.bytes()));
+    }
 };
 
 }  // namespace qvtest

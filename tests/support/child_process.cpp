@@ -72,16 +72,17 @@ std::string self_exe() {
     return n > 0 ? std::string(exe, static_cast<size_t>(n)) : std::string("/proc/self/exe");
 }
 
-ToolRun run_tool(const std::string &program, const std::vector<std::string> &args,
-                 const std::map<std::string, std::string> &env, const std::string &stdin_text,
-                 std::chrono::milliseconds limit) {
-    TempDir dir;
-    std::string in = dir.write("stdin", stdin_text), out = dir.path() + "/stdout", err = dir.path() + "/stderr";
+int spawn_tool(const std::string &program, const std::vector<std::string> &args, const std::string &out,
+               const std::string &err, const std::map<std::string, std::string> &env, const std::string &in) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (err.empty()) {
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    } else {
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    }
 
     std::vector<std::string> envs;
     std::set<std::string> replaced;
@@ -101,14 +102,23 @@ ToolRun run_tool(const std::string &program, const std::vector<std::string> &arg
     for (std::string &e : envs) envp.push_back(e.data());
     envp.push_back(nullptr);
 
-    ToolRun r;
-    pid_t pid;
-    int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) {
+    pid_t pid = -1;
+    if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) {
         ADD_FAILURE() << "cannot start " << program;
-        return r;
+        pid = -1;
     }
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+ToolRun run_tool(const std::string &program, const std::vector<std::string> &args,
+                 const std::map<std::string, std::string> &env, const std::string &stdin_text,
+                 std::chrono::milliseconds limit) {
+    TempDir dir;
+    std::string in = dir.write("stdin", stdin_text), out = dir.path() + "/stdout", err = dir.path() + "/stderr";
+    ToolRun r;
+    int pid = spawn_tool(program, args, out, err, env, in);
+    if (pid < 0) return r;
     r.status = wait_bounded(pid, limit);
     r.out = read_file(out);
     r.err = read_file(err);

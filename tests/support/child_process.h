@@ -31,9 +31,16 @@ struct ToolRun {
     std::string err;
 };
 
-// Runs program with args (argv[0] is the program), standard input from
-// /dev/null (or from stdin_text), the environment of the test plus env
-// (an empty value removes the variable).
+// Starts program with args (argv[0] is the program), the environment of the
+// test plus env (an empty value removes the variable), standard input from
+// the file in, output to the file out and error to err (empty: to out).
+// Returns its pid, or -1 after reporting a test failure.
+int spawn_tool(const std::string &program, const std::vector<std::string> &args, const std::string &out,
+               const std::string &err = "", const std::map<std::string, std::string> &env = {},
+               const std::string &in = "/dev/null");
+
+// Runs program as spawn_tool does, standard input from /dev/null (or from
+// stdin_text), and waits for it within limit.
 ToolRun run_tool(const std::string &program, const std::vector<std::string> &args,
                  const std::map<std::string, std::string> &env = {}, const std::string &stdin_text = "",
                  std::chrono::milliseconds limit = std::chrono::seconds(60));

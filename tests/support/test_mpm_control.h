@@ -73,13 +73,10 @@ unsigned long qvtest_mpm_calls(int routine);
 long qvtest_mpm_live_handles(void);       /* service, context and identity handles not yet freed */
 long qvtest_mpm_live_buffers(void);       /* output buffers not yet given to mpm_release_buffer */
 
-/* Handles the module gives out begin with this magic, then a serial number. */
+/* Handles the module gives out begin with this magic. */
 #define QVTEST_MPM_HANDLE_MAGIC 0x51565448u /* "QVTH" */
 typedef struct qvtest_mpm_handle {
     qv_uint32_t magic;
-    qv_uint32_t kind;   /* 1 service, 2 context, 3 identity context */
-    qv_uint32_t serial;
-    qv_uint32_t rounds; /* context: establishment calls made with it */
 } qvtest_mpm_handle_t;
 
 #ifdef __cplusplus
