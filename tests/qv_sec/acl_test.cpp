@@ -390,6 +390,11 @@ TEST(AclCheck, TypesAndIdentityContexts) {
     uint32_t bits = 0;
     for (sec_acl_types_desc t : {sec_acl_types_desc{-1, -1, -1, 3, -1}, sec_acl_types_desc{-1, -1, -1, -1, 4}})
         EXPECT_EQ(sec_check_acl_client(&a.d, &t, &anon, 1, &bits), SEC_S_BAD_ARGUMENT);
+    // One identifier twice: the search meets the bound it already holds,
+    // which only a damaged sub-ACL shows.
+    Acl twice(acl_of({{3, 5, {entry(3, 5, 1, "b"), entry(3, 5, 1, "b")}}}));
+    sec_acl_client_desc below_both{5, const_cast<char *>("a"), nullptr, 0, nullptr};
+    EXPECT_EQ(sec_check_acl_client(&twice.d, &kTypes, &below_both, 1, &bits), SEC_S_BAD_BUFFER);
 
     // Identity contexts: their names and groups; unmapped, the name alone.
     sec_mpm_entry_desc mpm{};
