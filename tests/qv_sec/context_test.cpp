@@ -844,9 +844,12 @@ TEST_F(ApiTrace, BuffersAndOtherRoutines) {
     EXPECT_EQ(sec_login_as_user(&st, client_svc_, user.get(), nullptr, 0), 0);
     sec_token_t none = nullptr;
     EXPECT_EQ(sec_setup_socket(client_svc_, -1, SEC_F_LOCAL_SOCKET, nullptr, &none), 10);
+    sec_acle_t acle = nullptr;  // the ACL routines trace only their end
+    EXPECT_EQ(sec_create_acle(kCodeA, 1, 3, const_cast<char *>("x"), &acle), 0);
+    EXPECT_EQ(sec_release_acle(&acle), 0);
     sec__trace_detail_levels[SEC_TRC_API] = 0;
     EXPECT_EQ(sec_end_context(&st, id, nullptr), 0);
-    EXPECT_EQ(library_record_ids(from), (Ids{45, 47, 155, 157, 110, 112, 23, 26}));
+    EXPECT_EQ(library_record_ids(from), (Ids{45, 47, 155, 157, 110, 112, 23, 26, 1, 1}));
 }
 
 // The privilege set an identity context takes from a security context is
