@@ -54,11 +54,11 @@ uintptr_t as_arg(const void *p) { return reinterpret_cast<uintptr_t>(p); }
 uintptr_t as_arg(qv_uint32_t v) { return v; }
 uintptr_t as_arg(qv_int32_t v) { return static_cast<uintptr_t>(static_cast<intptr_t>(v)); }
 
-// One call in progress: counts it, records its arguments, and snapshots the
-// behaviour under the mutex so that concurrent calls see a consistent copy.
 struct BlockNow {};  // a routine with no input to record: blocks (when told to) at once
 constexpr BlockNow kBlockNow;
 
+// One call in progress: counts it, records its arguments, and snapshots the
+// behaviour under the mutex so that concurrent calls see a consistent copy.
 class Call {
 public:
     template <typename... A>

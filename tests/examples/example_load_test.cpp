@@ -138,8 +138,9 @@ TEST_F(ExampleService, ServesEveryClientWhileOthersMisbehave) {
 
     std::vector<pid_t> pids;
     for (int i = 0; i < clients; ++i)
-        pids.push_back(qvtest::spawn_tool(client_, {"--socket", socket_, "--timeout", "300", "load " + std::to_string(i)},
-                             dir_.path() + "/client" + std::to_string(i) + ".out"));
+        pids.push_back(qvtest::spawn_tool(client_,
+                                          {"--socket", socket_, "--timeout", "300", "load " + std::to_string(i)},
+                                          dir_.path() + "/client" + std::to_string(i) + ".out"));
     for (int i = 0; i < clients; ++i) {
         int status = qvtest::wait_bounded(pids[static_cast<size_t>(i)], 400s);
         std::string out = qvtest::read_file(dir_.path() + "/client" + std::to_string(i) + ".out");

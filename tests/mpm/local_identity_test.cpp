@@ -8,15 +8,10 @@
 namespace qvtest {
 namespace {
 
-std::string this_user() {
-    passwd *pw = getpwuid(geteuid());
-    return pw != nullptr ? pw->pw_name : "";
-}
-
 class LocalIdentity : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_FALSE(this_user().empty()) << "the test's user needs a passwd entry";
+        ASSERT_FALSE(user_name(geteuid()).empty()) << "the test's user needs a passwd entry";
         p.establish(nullptr);
         client = p.client.get(), server = p.server.get(), svc = p.svc.handle();
     }
@@ -32,7 +27,7 @@ protected:
 // name by uid.
 TEST_F(LocalIdentity, NamesIdAndUserValidity) {
     qv_uint32_t mn;
-    const std::string user = this_user(), name = user + "@" + this_host();
+    const std::string user = user_name(geteuid()), name = user_at_host(geteuid());
     std::string by_uid = "#" + std::to_string(geteuid()) + "@" + this_host();
     Context from_ctx(m), from_name(m), numeric(m);
     ASSERT_EQ(0u, m.mpm_create_id_context(&mn, MPM_IDCTX_FROM_CONTEXT, server, from_ctx.slot()));

@@ -7,7 +7,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <sys/un.h>
@@ -90,17 +89,6 @@ private:
     LocalModule &m_;
     sec_buffer_desc b_{0, nullptr};
 };
-
-// This host's name, and the network name the module gives uid on it.
-inline std::string this_host() {
-    char buf[256] = {};
-    gethostname(buf, sizeof buf - 1);
-    return buf;
-}
-inline std::string user_at_host(uid_t uid) {
-    passwd *pw = getpwuid(uid);
-    return (pw != nullptr ? std::string(pw->pw_name) : "#" + std::to_string(uid)) + "@" + this_host();
-}
 
 inline void push_be32(std::vector<uint8_t> &v, uint32_t x) {
     for (int s = 24; s >= 0; s -= 8) v.push_back(static_cast<uint8_t>(x >> s));

@@ -36,17 +36,6 @@ const char *const kFiles[] = {"name", "mapped", "local", "mapped_local"};
 const qv_uint32_t kFileFlags[] = {0, SEC_F_CIDB_MAPPING, SEC_F_CIDB_HOST_LOCAL,
                                   SEC_F_CIDB_MAPPING | SEC_F_CIDB_HOST_LOCAL};
 
-std::string user_name() {
-    passwd *pw = getpwuid(geteuid());
-    return pw != nullptr ? pw->pw_name : "";
-}
-
-std::string network_name() {
-    char host[256] = {};
-    gethostname(host, sizeof host - 1);
-    return user_name() + "@" + host;
-}
-
 // The user's groups as /etc/group lists them: the primary group and every
 // group that names the user as a member.
 std::set<std::string> groups_from_file() {
@@ -122,8 +111,9 @@ TEST(IdentityEndToEndChild, FromBytes) {
         }
         char *name = nullptr, *mname = nullptr;
         ASSERT_EQ(sec_get_client_identity(&st, id, &name, &mname, nullptr), 0);
-        EXPECT_EQ(std::string(name), network_name());
-        EXPECT_EQ(mname != nullptr ? std::string(mname) : "<none>", row.mapped ? user_name() : "<none>");
+        EXPECT_EQ(std::string(name), qvtest::user_at_host(geteuid()));
+        EXPECT_EQ(mname != nullptr ? std::string(mname) : "<none>",
+                  row.mapped ? qvtest::user_name(geteuid()) : "<none>");
         sec_release_name(name);
         sec_release_name(mname);
         // Without the mapping step there is no privilege set to ask.
@@ -135,7 +125,7 @@ TEST(IdentityEndToEndChild, FromBytes) {
         if (row.file == 3) {
             EXPECT_EQ(qvtest::to_hex(again.bytes()), qvtest::to_hex(cidb.bytes).replace(33, 1, "2"));
         }
-        std::string me = user_name(), nobody = "qv-no-such-user";
+        std::string me = qvtest::user_name(geteuid()), nobody = "qv-no-such-user";
         EXPECT_EQ(sec_user_valid(&st, id, me.data()), 0);
         EXPECT_EQ(sec_user_valid(&st, id, nobody.data()), SEC_S_USER_NOT_VALID);
         EXPECT_EQ(st.maj_stat, 36u);
@@ -177,7 +167,7 @@ TEST(IdentityEndToEndChild, FromBytes) {
 class IdentityEndToEnd : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_FALSE(user_name().empty()) << "the test's user needs a passwd entry";
+        ASSERT_FALSE(qvtest::user_name(geteuid()).empty()) << "the test's user needs a passwd entry";
         node_ = dir_.write("node_id", std::string(kNode) + "\n");
         other_node_ = dir_.write("other_node_id", std::string(kOtherNode) + "\n");
         setenv("QV_NODE_ID_FILE", node_.c_str(), 1);
@@ -225,7 +215,8 @@ TEST_F(IdentityEndToEnd, CidbToOtherProcesses) {
     const std::string shown = "version: 1\nnode ID: " + std::string(kNode) +
                               " (this host)\nmechanism: 0x00000001 (local)\n"
                               "flags: 0x00400600 authenticated host-local mapping\nnetwork name: " +
-                              network_name() + "\nmapped name: " + user_name() + "\ngroups (" +
+                              qvtest::user_at_host(geteuid()) + "\nmapped name: " + qvtest::user_name(geteuid()) +
+                              "\ngroups (" +
                               std::to_string(groups.size()) + "):";
     std::string cut(mapped_local.begin(), mapped_local.begin() + 30);
     struct Tool {

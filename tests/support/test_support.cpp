@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include <pwd.h>
 #include <unistd.h>
 
 namespace qvtest {
@@ -45,6 +46,22 @@ std::string TempDir::write(const std::string &name, const std::string &contents)
     std::ofstream out(full, std::ios::binary | std::ios::trunc);
     out << contents;
     return full;
+}
+
+std::string this_host() {
+    char buf[256] = {};
+    gethostname(buf, sizeof buf - 1);
+    return buf;
+}
+
+std::string user_name(unsigned uid) {
+    const passwd *pw = getpwuid(uid);
+    return pw != nullptr ? pw->pw_name : "";
+}
+
+std::string user_at_host(unsigned uid) {
+    std::string user = user_name(uid);
+    return (user.empty() ? "#" + std::to_string(uid) : user) + "@" + this_host();
 }
 
 std::string read_file(const std::string &path) {

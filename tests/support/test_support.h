@@ -46,6 +46,13 @@ std::vector<VectorBlock> read_vectors(const std::string &path_under_tests_vector
 // at the first record, so a program calls this from a static initializer.
 std::string trace_file_of_process(const std::string &name);
 
+// This host's name; the name of user uid ("" without a passwd entry); and
+// the network name the "local" mechanism gives uid here (user@host, or
+// #uid@host without a passwd entry).
+std::string this_host();
+std::string user_name(unsigned uid);
+std::string user_at_host(unsigned uid);
+
 // Polls pred every millisecond until it holds or the timeout passes.
 bool wait_until(const std::function<bool()> &pred,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
